@@ -1,0 +1,15 @@
+#include "peer_address.h"
+
+#include <cstdio>
+
+namespace vexo::scsiplugin {
+
+std::string peer_ipv4(const std::string& peer) {
+  char ip[64] = {};
+  int port = -1;
+  // The port only has to be there. NOLINTNEXTLINE(cert-err34-c)
+  if (std::sscanf(peer.c_str(), "ipv4:%63[^:]:%d", ip, &port) != 2) return kUnknownAddress;
+  return ip;
+}
+
+}  // namespace vexo::scsiplugin
