@@ -1,0 +1,126 @@
+// One LUN found in the configuration, over a configuration library of the test's own.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "captured_syslog.h"
+#include "fake_conf.h"
+#include "plugin_utils.h"
+
+namespace vexo::scsiplugin {
+namespace {
+
+constexpr char kGuid[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
+constexpr char kNaa[] = "60014051a2b3c4dd5e6fd7a8bd9c0dde";
+
+class LunLookup : public testing::Test {
+ protected:
+  LunLookup() {
+    test::the_conf().reset();
+    test::captured_syslog().clear();
+  }
+  ~LunLookup() override { EXPECT_EQ(test::the_conf().records_alive(), 0); }
+  LunLookup(const LunLookup&) = delete;
+  LunLookup& operator=(const LunLookup&) = delete;
+};
+
+TEST_F(LunLookup, ByTypeAndIdentifier) {
+  test::the_conf().set({{kGuid, 0xF}, {"short-id", 0xF}, {"", 0xF}});
+  const struct {
+    LunType type;
+    std::string lun_id;
+    bool found;
+  } cases[] = {
+      {LUN_TYPE_80, kGuid, true},
+      {LUN_TYPE_80, "1A2B3C4D-5e6f-7a8b-9c0d-e1f2a3b4c5d6", false},
+      {LUN_TYPE_80, "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d", false},
+      {LUN_TYPE_80, std::string(kGuid) + '\0', false},
+      {LUN_TYPE_80, kNaa, false},
+      {LUN_TYPE_80, "", true},
+      {LUN_TYPE_83, kNaa, true},
+      {LUN_TYPE_83, "60014051A2B3C4DD5E6FD7A8BD9C0DDE", false},
+      {LUN_TYPE_83, std::string(kNaa) + "2", false},
+      {LUN_TYPE_83, kGuid, false},
+      {LUN_TYPE_83, "6001405shortdid", true},
+      {LUN_TYPE_83, "6001405", true},
+  };
+  for (const auto& [type, lun_id, found] : cases) {
+    tag_iscsi_lun_ lun = {};
+    EXPECT_EQ(GetLunConf(&lun, lun_id, type), found) << type << ' ' << lun_id;
+    EXPECT_EQ(lun.type_flags, found ? 0xFU : 0U) << type << ' ' << lun_id;
+  }
+}
+
+TEST_F(LunLookup, AnotherTypeLoadsNothing) {
+  test::the_conf().set({{kGuid, 0xF}});
+  tag_iscsi_lun_ lun = {};
+  EXPECT_FALSE(GetLunConf(&lun, kGuid, LUN_TYPE_NONE));
+  EXPECT_FALSE(GetLunConf(&lun, kGuid, static_cast<LunType>(99)));
+  EXPECT_EQ(test::the_conf().loads(), 0);
+}
+
+TEST_F(LunLookup, TheFirstOfTwoIsCopiedWhole) {
+  test::the_conf().set({{"other", 1}, {kGuid, 2}, {kGuid, 3}});
+  tag_iscsi_lun_ lun = {};
+  int asked = 0;
+  EXPECT_TRUE(GetLunConfByFunc(&lun, [&asked](const tag_iscsi_lun_* record) {
+    ++asked;
+    return std::strcmp(record->identifier, kGuid) == 0;
+  }));
+  EXPECT_EQ(lun.type_flags, 2U);
+  EXPECT_STREQ(lun.identifier, kGuid);
+  EXPECT_EQ(asked, 2);
+}
+
+TEST_F(LunLookup, NothingFoundLeavesTheCallersRecord) {
+  test::the_conf().set({{"other", 1}});
+  tag_iscsi_lun_ lun = {};
+  lun.type_flags = 77;
+  EXPECT_FALSE(GetLunConfByGUID(&lun, kGuid));
+  EXPECT_EQ(lun.type_flags, 77U);
+}
+
+TEST_F(LunLookup, ANullRecordOnlyFrees) {
+  EXPECT_FALSE(GetLunConfByGUID(nullptr, kGuid));
+  EXPECT_EQ(test::the_conf().loads(), 0);
+  EXPECT_EQ(test::the_conf().frees(), 1);
+}
+
+TEST_F(LunLookup, AFailedLoadIsLoggedOnceAndFreed) {
+  test::the_conf().set({{kGuid, 0xF}});
+  test::the_conf().fail_loads(true);
+  EXPECT_FALSE(IsLunSupport(LUN_TYPE_80, kGuid));
+  EXPECT_EQ(test::the_conf().frees(), 1);
+  const auto lines = test::captured_syslog().lines();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(
+      lines[0],
+      (test::log_line{3, "scsi_plugin:plugin_utils:20:GetLunConfByFunc Failed to get config", 0}));
+}
+
+TEST_F(LunLookup, AnUnsetPredicateThrowsAndFrees) {
+  test::the_conf().set({{kGuid, 0xF}});
+  tag_iscsi_lun_ lun = {};
+  EXPECT_THROW(GetLunConfByFunc(&lun, nullptr), std::bad_function_call);
+  EXPECT_EQ(test::the_conf().frees(), 1);
+}
+
+TEST_F(LunLookup, SupportNeedsAllLowFourBitsOrTheReplicaMask) {
+  const std::map<std::uint32_t, bool> verdicts = {
+      {0x10F, true},  {0x00F, true},  {0xFFFFFFFF, true}, {0x103, true}, {0x102, false},
+      {0x007, false}, {0x003, false}, {0x100, false},     {0, false}};
+  for (const auto& [flags, supported] : verdicts) {
+    test::the_conf().set({{kGuid, flags}});
+    EXPECT_EQ(IsLunSupport(LUN_TYPE_80, kGuid), supported) << std::hex << flags;
+    EXPECT_EQ(IsLunSupport(LUN_TYPE_83, kNaa), supported) << std::hex << flags;
+    EXPECT_FALSE(IsLunSupport(LUN_TYPE_NONE, kGuid));
+    EXPECT_FALSE(IsLunSupport(LUN_TYPE_80, "another"));
+  }
+}
+
+}  // namespace
+}  // namespace vexo::scsiplugin

@@ -1,0 +1,56 @@
+#ifndef TESTS_SUPPORT_SERVICE_H_
+#define TESTS_SUPPORT_SERVICE_H_
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "calls.h"
+#include "plugin_service_impl.h"
+#include "subscriber.h"
+
+namespace vexo::test {
+
+// The real service behind a real server in the test's own process, with a new controller, an IPv4
+// port of its own and a unix socket; over the fake configuration and the captured syslog.
+class service : public testing::Test {
+ protected:
+  service();
+  ~service() override;
+
+  // A new connection to the server's IPv4 port.
+  std::shared_ptr<grpc::Channel> dial() const { return connect(ipv4_target); }
+
+  // Opens a subscription and waits until the server has it waiting.
+  std::unique_ptr<subscriber> subscribe(
+      const std::string& plugin_id,
+      scsiplugin::PluginClient::Type type = scsiplugin::PluginClient::UNKNOWN);
+  // Waits until the Subscribe handler that logged its connection last sleeps on its record's
+  // condition variable, which is the moment from which a release reaches it.
+  static void wait_until_waiting(const std::string& plugin_id);
+  // Waits until the server has noticed that the subscriber's call was cancelled.
+  static void wait_until_cancelled(const std::string& plugin_id);
+
+  // A host that takes no data: a push to it blocks, as in a write, until the lock is given back.
+  static std::unique_lock<std::mutex> stall(const std::string& plugin_id);
+  // Waits until an operation on the registry is under way.
+  static void wait_until_registry_is_held();
+
+  static scsiplugin::PluginServerCtrl& ctrl() { return *scsiplugin::g_plugin_server_ctrl; }
+
+  std::string ipv4_target;
+  std::string ipv6_target;  // empty where there is no IPv6
+  std::string unix_target;
+  std::unique_ptr<caller> call;
+
+ private:
+  std::string directory_;
+  scsiplugin::PluginServiceImpl service_;
+  std::unique_ptr<grpc::Server> server_;
+};
+
+}  // namespace vexo::test
+
+#endif  // TESTS_SUPPORT_SERVICE_H_
