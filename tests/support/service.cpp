@@ -42,7 +42,7 @@ bool sleeps_on(pid_t thread, const T& object) {
 
 }  // namespace
 
-service::service() {
+service_host::service_host() {
   g_plugin_server_ctrl = std::make_shared<PluginServerCtrl>();
   the_conf().reset();
   captured_syslog().clear();
@@ -68,7 +68,7 @@ service::service() {
   call = std::make_unique<caller>(dial());
 }
 
-service::~service() {
+service_host::~service_host() {
   std::vector<std::string> left;
   {
     const mutex_lock lock(ctrl().client_mutex);
@@ -81,8 +81,8 @@ service::~service() {
   std::filesystem::remove_all(directory_);
 }
 
-std::unique_ptr<subscriber> service::subscribe(const std::string& plugin_id,
-                                               PluginClient::Type type) {
+std::unique_ptr<subscriber> service_host::subscribe(const std::string& plugin_id,
+                                                    PluginClient::Type type) {
   const std::string connected = "Connected: Plugin ID=" + plugin_id + " ";
   const std::size_t before = captured_syslog().count(connected);
   auto host = std::make_unique<subscriber>(dial(), plugin_id, type);
@@ -92,7 +92,7 @@ std::unique_ptr<subscriber> service::subscribe(const std::string& plugin_id,
   return host;
 }
 
-void service::wait_until_waiting(const std::string& plugin_id) {
+void service_host::wait_until_waiting(const std::string& plugin_id) {
   wait_until("no waiting Subscribe call of " + plugin_id, [&] {
     const auto lines = captured_syslog().lines();
     const auto last = std::find_if(lines.rbegin(), lines.rend(), [&](const auto& line) {
@@ -103,7 +103,7 @@ void service::wait_until_waiting(const std::string& plugin_id) {
   });
 }
 
-void service::wait_until_cancelled(const std::string& plugin_id) {
+void service_host::wait_until_cancelled(const std::string& plugin_id) {
   wait_until("the call of " + plugin_id + " is still alive", [&] {
     const mutex_lock lock(ctrl().client_mutex);
     const auto client = ctrl().client_map.find(plugin_id);
@@ -111,11 +111,11 @@ void service::wait_until_cancelled(const std::string& plugin_id) {
   });
 }
 
-std::unique_lock<std::mutex> service::stall(const std::string& plugin_id) {
+std::unique_lock<std::mutex> service_host::stall(const std::string& plugin_id) {
   return std::unique_lock<std::mutex>(ctrl().client_map.find(plugin_id)->write_mutex);
 }
 
-void service::wait_until_registry_is_held() {
+void service_host::wait_until_registry_is_held() {
   std::mutex& registry = ctrl().client_mutex;
   wait_until("nobody holds the registry",
              [&] { return !std::unique_lock<std::mutex>(registry, std::try_to_lock).owns_lock(); });

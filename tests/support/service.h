@@ -15,10 +15,12 @@ namespace vexo::test {
 
 // The real service behind a real server in the test's own process, with a new controller, an IPv4
 // port of its own and a unix socket; over the fake configuration and the captured syslog.
-class service : public testing::Test {
- protected:
-  service();
-  ~service() override;
+class service_host {
+ public:
+  service_host();
+  ~service_host();  // ends every subscription, then the server
+  service_host(const service_host&) = delete;
+  service_host& operator=(const service_host&) = delete;
 
   // A new connection to the server's IPv4 port.
   std::shared_ptr<grpc::Channel> dial() const { return connect(ipv4_target); }
@@ -50,6 +52,9 @@ class service : public testing::Test {
   scsiplugin::PluginServiceImpl service_;
   std::unique_ptr<grpc::Server> server_;
 };
+
+// A test over a service of its own.
+class service : public testing::Test, protected service_host {};
 
 }  // namespace vexo::test
 

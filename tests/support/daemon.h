@@ -1,0 +1,64 @@
+#ifndef TESTS_SUPPORT_DAEMON_H_
+#define TESTS_SUPPORT_DAEMON_H_
+
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "log_sink.h"
+
+namespace vexo::test {
+
+inline constexpr char kTcpTarget[] = "127.0.0.1:3265";
+inline constexpr char kUnixTarget[] = "unix:///tmp/iscsi/plugin_server.sock";
+
+// Whatever the processes of the sandbox send to /dev/log, from construction on. One at a time.
+class dev_log : public log_sink {
+ public:
+  dev_log();
+  ~dev_log();
+  dev_log(const dev_log&) = delete;
+  dev_log& operator=(const dev_log&) = delete;
+
+ private:
+  void read_all();
+
+  int socket_;
+  std::thread reader_;
+};
+
+// How to start the daemon.
+struct daemon_options {
+  std::string inventory = PROJECT_SOURCE_DIR "/iscsi_conf/standin/sample_luns.json";
+  bool with_directory = true;              // /tmp/iscsi is there
+  std::optional<rlimit> open_files;        // RLIMIT_NOFILE to start with
+  bool may_raise_limits = true;            // CAP_SYS_RESOURCE
+  std::optional<std::string> library_dir;  // LD_LIBRARY_PATH
+};
+
+// A process of the real daemon in the sandbox. Killed at destruction, by its pid.
+class daemon_process {
+ public:
+  // Starts it, and waits until it serves unless `serves` is false.
+  explicit daemon_process(dev_log* log, const daemon_options& how = {}, bool serves = true);
+  ~daemon_process();
+  daemon_process(const daemon_process&) = delete;
+  daemon_process& operator=(const daemon_process&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool alive() const;
+  // Waits for its end. The wait status; empty when it has not ended.
+  std::optional<int> wait();
+  // Ends it with SIGKILL.
+  void kill();
+
+ private:
+  pid_t pid_ = -1;
+};
+
+}  // namespace vexo::test
+
+#endif  // TESTS_SUPPORT_DAEMON_H_
