@@ -12,7 +12,9 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <functional>
 #include <future>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -221,10 +223,13 @@ TEST_F(Daemon, ReflectsItsServiceAndSchema) {
   EXPECT_EQ(methods, 5);
 }
 
-// A host plugin's side of one hand-shake, up to the moment it has quiesced.
-void serve_hand_shake(const std::string& key) {
+// A host plugin's side of one hand-shake, up to the moment it has quiesced. It asks about the
+// mirror only when the caller has been told of its start: for a LUN that needs none, the question
+// moves the task on, and the caller would wait for a state that came and went.
+void serve_hand_shake(const dev_log& log, const std::string& key) {
   caller host(connect(kTcpTarget));
   EXPECT_TRUE(host.lun_op(start_mirror(key)));
+  EXPECT_TRUE(log.wait_for("Init snapshots success(start mirror) [" + key + "]"));
   while (!host.lun_op(is_mirror_done(key, LUN_TYPE_80))) std::this_thread::yield();
   EXPECT_TRUE(host.lun_op(depart_relation(key)));
 }
@@ -243,7 +248,7 @@ TEST_F(Daemon, AWholeHandShakeWithTwoHosts) {
       const auto cmd = owner.next_cmd();
       ASSERT_TRUE(cmd);
       EXPECT_EQ(cmd->task_id(), key);
-      serve_hand_shake(cmd->init_snapshot_req().src_lun_p80());
+      serve_hand_shake(*log, cmd->init_snapshot_req().src_lun_p80());
     });
     EXPECT_TRUE(local.publish(init_snapshot(key)));
     // A LUN without a mirror may be past this state already.
@@ -294,7 +299,8 @@ TEST_F(Daemon, FiftyHandShakesAtOnce) {
     const auto cmd = host.next_cmd();
     ASSERT_TRUE(cmd);
     announced.insert(cmd->task_id());
-    parts.push_back(std::async(std::launch::async, serve_hand_shake, cmd->task_id()));
+    parts.push_back(
+        std::async(std::launch::async, serve_hand_shake, std::cref(*log), cmd->task_id()));
   }
   for (auto& part : parts) part.get();
   EXPECT_EQ(announced.size(), static_cast<std::size_t>(kHandShakes));

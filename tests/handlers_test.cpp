@@ -269,15 +269,16 @@ TEST_F(Handlers, CommandsThatNoneHandlesAreCancelled) {
 TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {
   const auto one = subscribe("one");
   const auto two = subscribe("two");
-  PluginCmd announced = init_snapshot("K");
-  announced.set_cmd_sn(42);
-  announced.set_qel_sn("Q1");
-  announced.set_task_id("what the caller says is replaced");
-  announced.mutable_init_snapshot_req()->set_dst_lun_uuid("dst");
+  PluginCmd request = init_snapshot("K");
+  request.set_cmd_sn(42);
+  request.set_qel_sn("Q1");
+  request.set_task_id("what the caller says is replaced");
+  request.mutable_init_snapshot_req()->set_dst_lun_uuid("dst");
   PluginCmdResp response;
   auto publish = std::async(std::launch::async, [&] {
-    return caller(dial()).publish_status(announced, kPatience, &response);
+    return caller(dial()).publish_status(request, kPatience, &response);
   });
+  PluginCmd announced = request;
   announced.set_task_id("K");
   for (const auto& host : {one.get(), two.get()}) {
     const auto cmd = host->next_cmd();
