@@ -1,0 +1,67 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <chrono>
+#include <functional>
+
+#include "common/channel.h"
+#include "common/event.h"
+#include "common/interrupt.h"
+#include "plugin_service.grpc.pb.h"
+
+namespace vexo::tools {
+
+struct call_options {
+  std::chrono::milliseconds timeout = kCallTimeout;
+  // A signal cuts the call short, but not before this much of it has passed.
+  std::chrono::milliseconds undisturbed = std::chrono::milliseconds::zero();
+  // Called now and then while the call is under way, with the time it has taken.
+  std::function<void(std::chrono::milliseconds)> on_tick;
+};
+
+// How a call ended. After an interruption `status` is what the cancelled call came to: the answer
+// may have arrived in the same instant, and then is OK.
+template <class Response>
+struct outcome {
+  grpc::Status status;
+  Response response;
+  bool interrupted = false;
+  std::chrono::milliseconds took = std::chrono::milliseconds::zero();
+
+  // The daemon's verdict has come, whatever else happened.
+  bool answered() const { return status.ok(); }
+};
+
+namespace detail {
+// Waits until `done` is raised, which gRPC does for every call; cancels it when a signal comes.
+// True when one came.
+bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& stop,
+                   const call_options& options);
+}  // namespace detail
+
+using async_stub = scsiplugin::PluginService::StubInterface::async_interface;
+
+// One unary call, made on this thread and blocking it: `method` is a member of async_stub. Returns
+// only when gRPC is through with the call.
+template <class Request, class Response>
+outcome<Response> call(scsiplugin::PluginService::StubInterface& stub,
+                       void (async_stub::*method)(grpc::ClientContext*, const Request*, Response*,
+                                                  std::function<void(grpc::Status)>),
+                       const Request& request, interrupt& stop, const call_options& options = {}) {
+  outcome<Response> result;
+  event done;
+  grpc::ClientContext context;
+  set_timeout(context, options.timeout);
+  const auto start = std::chrono::steady_clock::now();
+  (stub.async()->*method)(&context, &request, &result.response, [&](grpc::Status status) {
+    result.status = std::move(status);
+    done.raise();
+  });
+  result.interrupted = detail::wait_for_call(context, done, stop, options);
+  result.took = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - start);
+  return result;
+}
+
+}  // namespace vexo::tools

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "common/endpoint.h"
+#include "common/exit_codes.h"
+
+namespace vexo::tools {
+
+// Why a tool could not do what it was asked to, in the three sentences a user needs.
+struct problem {
+  exit_code code = exit_code::failed;
+  std::string tried;      // "PluginConnList at unix:///tmp/iscsi/plugin_server.sock"
+  std::string came_back;  // "UNAVAILABLE: Connection refused"
+  std::string next;       // "start the daemon, or ..."
+
+  // Several lines without a newline at the end; control characters of foreign text made visible.
+  std::string text() const;
+};
+
+// Carries a problem to main, which prints it and exits with its code.
+class tool_error : public std::runtime_error {
+ public:
+  explicit tool_error(problem what) : std::runtime_error(what.text()), code(what.code) {}
+  exit_code code;
+};
+
+// `done` for OK. CANCELLED counts as any other status here: that a signal was the cause is known
+// only to whoever watched it.
+exit_code exit_code_of(const grpc::Status& status);
+
+// "DEADLINE_EXCEEDED: Deadline Exceeded"
+std::string status_text(const grpc::Status& status);
+
+// A call that did not end with OK. `what` names it as the user knows it.
+problem call_problem(const std::string& what, const endpoint& where, const grpc::Status& status);
+
+}  // namespace vexo::tools

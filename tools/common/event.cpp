@@ -1,0 +1,27 @@
+#include "common/event.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace vexo::tools {
+
+event::event() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+}
+
+event::~event() { close(fd_); }
+
+void event::raise() {
+  // Fails only when it has been raised 2^64 - 2 times unseen, and is then raised anyway.
+  [[maybe_unused]] const int result = eventfd_write(fd_, 1);
+}
+
+bool event::take() {
+  eventfd_t count = 0;
+  return eventfd_read(fd_, &count) == 0;
+}
+
+}  // namespace vexo::tools

@@ -1,0 +1,24 @@
+#pragma once
+
+namespace vexo::tools {
+
+// A flag that another thread raises and that poll() can watch. Everything written before raise()
+// is seen by whoever saw it raised.
+class event {
+ public:
+  event();  // throws std::system_error
+  ~event();
+  event(const event&) = delete;
+  event& operator=(const event&) = delete;
+
+  // Readable while raised.
+  int fd() const { return fd_; }
+  void raise();
+  // Lowers the flag; true when it was raised.
+  bool take();
+
+ private:
+  int fd_;
+};
+
+}  // namespace vexo::tools

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <initializer_list>
+
+namespace vexo::tools {
+
+// SIGINT, SIGTERM and SIGHUP as something that a wait can watch instead of something that strikes.
+// One per process, made in main before the first thread (gRPC's included): threads inherit that
+// the signals are blocked, and so do children unless their spawner unblocks them.
+// Used by one thread.
+class interrupt {
+ public:
+  interrupt();  // throws std::system_error
+  ~interrupt();
+  interrupt(const interrupt&) = delete;
+  interrupt& operator=(const interrupt&) = delete;
+
+  // How many signals have come so far, counting those that have come together once.
+  int count();
+  bool requested() { return count() > 0; }
+
+  enum class wake { ready, interrupted, timeout };
+  // Blocks until one of `fds` is readable, a signal comes that count() has not counted yet, or
+  // `deadline` passes. `ready` wins when several hold.
+  wake wait(std::initializer_list<int> fds, std::chrono::steady_clock::time_point deadline);
+
+ private:
+  int fd_;
+  int count_ = 0;
+};
+
+}  // namespace vexo::tools

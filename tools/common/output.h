@@ -1,0 +1,44 @@
+#pragma once
+
+#include <google/protobuf/message.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vexo::tools {
+
+enum class output_format { table, json };
+
+// One line without a newline: members named as in the schema, zero values included.
+std::string to_json(const google::protobuf::Message& message);
+
+// Whether colour, moving lines and repainting are welcome on this descriptor: a terminal, and
+// NO_COLOR unset or empty.
+bool is_lively(int fd);
+
+// Foreign text for a terminal: control characters and broken UTF-8 become \xNN, so that a name
+// sent by a host cannot steer the screen it is shown on.
+std::string printable(std::string_view text);
+
+// Columns for people.
+class table {
+ public:
+  explicit table(std::vector<std::string> headings) : rows_{std::move(headings)} {}
+
+  // As many cells as headings. They are shown through printable(), an empty one as "".
+  void add(std::vector<std::string> cells);
+  std::size_t size() const { return rows_.size() - 1; }
+  // Every line ends with a newline.
+  std::string text() const;
+
+ private:
+  std::vector<std::vector<std::string>> rows_;
+};
+
+// Writes to stdout and flushes. Throws tool_error when stdout takes no more (closed pipe, full
+// disk), so that nobody mistakes half a result for a whole one.
+void print(const std::string& text);
+
+}  // namespace vexo::tools
