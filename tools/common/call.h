@@ -16,6 +16,8 @@ struct call_options {
   std::chrono::milliseconds timeout = kCallTimeout;
   // A signal cuts the call short, but not before this much of it has passed.
   std::chrono::milliseconds undisturbed = std::chrono::milliseconds::zero();
+  // Keeps trying to connect until the deadline instead of failing when there is no connection.
+  bool wait_for_ready = false;
   // Called now and then while the call is under way, with the time it has taken.
   std::function<void(std::chrono::milliseconds)> on_tick;
 };
@@ -53,6 +55,7 @@ outcome<Response> call(scsiplugin::PluginService::StubInterface& stub,
   event done;
   grpc::ClientContext context;
   set_timeout(context, options.timeout);
+  context.set_wait_for_ready(options.wait_for_ready);
   const auto start = std::chrono::steady_clock::now();
   (stub.async()->*method)(&context, &request, &result.response, [&](grpc::Status status) {
     result.status = std::move(status);

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "plugin_cmd.pb.h"
+
+namespace vexo::tools {
+
+struct command_field {
+  std::string name;  // as in the schema
+  std::string value;
+  bool is_zero = true;  // not sent on the wire
+};
+
+// Which member of cmd_body is set, as named in the schema: "init_snapshot_req". Empty for none.
+std::string command_name(const scsiplugin::PluginCmd& command);
+
+// The command's own fields, then those of its body, in the schema's order.
+std::vector<command_field> command_fields(const scsiplugin::PluginCmd& command);
+
+// What programs started on behalf of a command get to know about it: `VEXO_` and the field's name
+// in capitals, `VEXO_SRC_LUN_P80=1a2b...`, zero values included so that none is inherited from
+// elsewhere; and `VEXO_COMMAND`, the command's name. A value ends at its first NUL.
+std::vector<std::string> command_environment(const scsiplugin::PluginCmd& command);
+
+}  // namespace vexo::tools
