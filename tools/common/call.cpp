@@ -9,7 +9,7 @@ constexpr std::chrono::milliseconds kTick{200};
 }
 
 bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& stop,
-                   const call_options& options) {
+                   const call_options& options) noexcept {
   using clock = std::chrono::steady_clock;
   const auto start = clock::now();
   const auto cut_from = start + options.undisturbed;

@@ -18,7 +18,7 @@ struct call_options {
   std::chrono::milliseconds undisturbed = std::chrono::milliseconds::zero();
   // Keeps trying to connect until the deadline instead of failing when there is no connection.
   bool wait_for_ready = false;
-  // Called now and then while the call is under way, with the time it has taken.
+  // Called now and then while the call is under way, with the time it has taken. Throws nothing.
   std::function<void(std::chrono::milliseconds)> on_tick;
 };
 
@@ -39,7 +39,7 @@ namespace detail {
 // Waits until `done` is raised, which gRPC does for every call; cancels it when a signal comes.
 // True when one came.
 bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& stop,
-                   const call_options& options);
+                   const call_options& options) noexcept;
 }  // namespace detail
 
 using async_stub = scsiplugin::PluginService::StubInterface::async_interface;

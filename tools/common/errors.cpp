@@ -1,6 +1,6 @@
 #include "common/errors.h"
 
-#include "common/output.h"
+#include "common/text.h"
 
 namespace vexo::tools {
 

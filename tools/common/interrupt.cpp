@@ -5,11 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <limits>
 #include <system_error>
-#include <vector>
+#include <thread>
 
 namespace vexo::tools {
 
@@ -33,24 +35,25 @@ int interrupt::count() {
 }
 
 interrupt::wake interrupt::wait(std::initializer_list<int> fds,
-                                std::chrono::steady_clock::time_point deadline) {
-  std::vector<pollfd> watched;
-  for (const int fd : fds) watched.push_back({fd, POLLIN, 0});
-  watched.push_back({fd_, POLLIN, 0});
+                                std::chrono::steady_clock::time_point deadline) noexcept {
+  constexpr std::chrono::milliseconds kNap{10};
+  std::array<pollfd, kMostFds + 1> watched = {{{fd_, POLLIN, 0}}};
+  assert(fds.size() <= kMostFds);
+  nfds_t count = 1;
+  for (const int fd : fds) watched[count++] = {fd, POLLIN, 0};
   for (;;) {
     // Rounded up, so that a wait never spins through its last millisecond.
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     const int timeout = static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(
         left.count(), 0, std::numeric_limits<int>::max()));
-    const int ready = poll(watched.data(), watched.size(), timeout);
-    if (ready < 0 && errno != EINTR) {
-      throw std::system_error(errno, std::generic_category(), "poll");
-    }
+    const int ready = poll(watched.data(), count, timeout);
     if (ready > 0) {
-      return watched.back().revents != 0 && ready == 1 ? wake::interrupted : wake::ready;
+      return watched[0].revents != 0 && ready == 1 ? wake::interrupted : wake::ready;
     }
-    if (ready == 0 && left.count() <= 0) return wake::timeout;
+    if (left.count() <= 0) return wake::timeout;
+    if (ready < 0 && errno != EINTR)
+      std::this_thread::sleep_for(kNap);  // the kernel is short of memory
   }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <initializer_list>
 
 namespace vexo::tools {
@@ -21,9 +22,12 @@ class interrupt {
   bool requested() { return count() > 0; }
 
   enum class wake { ready, interrupted, timeout };
-  // Blocks until one of `fds` is readable, a signal comes that count() has not counted yet, or
-  // `deadline` passes. `ready` wins when several hold.
-  wake wait(std::initializer_list<int> fds, std::chrono::steady_clock::time_point deadline);
+  // Blocks until one of `fds` (at most kMostFds) is readable, a signal comes that count() has not
+  // counted yet, or `deadline` passes. `ready` wins when several hold. Never fails, since whoever
+  // waits for a call under way cannot leave it.
+  static constexpr std::size_t kMostFds = 3;
+  wake wait(std::initializer_list<int> fds,
+            std::chrono::steady_clock::time_point deadline) noexcept;
 
  private:
   int fd_;

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace vexo::tools {
@@ -17,10 +16,6 @@ std::string to_json(const google::protobuf::Message& message);
 // Whether colour, moving lines and repainting are welcome on this descriptor: a terminal, and
 // NO_COLOR unset or empty.
 bool is_lively(int fd);
-
-// Foreign text for a terminal: control characters and broken UTF-8 become \xNN, so that a name
-// sent by a host cannot steer the screen it is shown on.
-std::string printable(std::string_view text);
 
 // Columns for people.
 class table {

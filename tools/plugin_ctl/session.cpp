@@ -1,0 +1,48 @@
+#include "session.h"
+
+#include <cstdio>
+
+namespace vexo::tools {
+
+call_options session::limits(std::chrono::milliseconds otherwise) const {
+  call_options options;
+  options.timeout = timeout.value_or(otherwise);
+  return options;
+}
+
+grpc::Channel& session::channel() {
+  if (!channel_) channel_ = make_channel(where);
+  return *channel_;
+}
+
+scsiplugin::PluginService::StubInterface& session::stub() {
+  channel();
+  if (!stub_) stub_ = scsiplugin::PluginService::NewStub(channel_);
+  return *stub_;
+}
+
+problem session::interrupted(const std::string& what, const std::string& next) const {
+  return {exit_code::interrupted, what + " at " + where.text,
+          "nothing before a signal ended the wait", next};
+}
+
+void say(const std::string& text) { std::fprintf(stderr, "plugin_ctl: %s\n", text.c_str()); }
+
+exit_code print_verdict(const session& with, const std::string& command, const std::string& id,
+                        const google::protobuf::Message& answer, bool success,
+                        const std::string& if_no) {
+  if (with.format == output_format::json) {
+    print(to_json(answer) + "\n");
+  } else {
+    table rows({"COMMAND", "ID", "ANSWER"});
+    rows.add({command, id, success ? "yes" : "no"});
+    print(rows.text());
+  }
+  if (success) return exit_code::done;
+  say(problem{exit_code::refused, command + " for " + id + " at " + with.where.text,
+              "the daemon's answer is no (success: false)", if_no}
+          .text());
+  return exit_code::refused;
+}
+
+}  // namespace vexo::tools

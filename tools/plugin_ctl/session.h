@@ -1,0 +1,70 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "common/call.h"
+#include "common/endpoint.h"
+#include "common/errors.h"
+#include "common/exit_codes.h"
+#include "common/interrupt.h"
+#include "common/output.h"
+
+namespace vexo::tools {
+
+// What one run of plugin_ctl works with: what its global options say, the daemon they name, and
+// the signals that end it.
+class session {
+ public:
+  explicit session(interrupt& signals) : stop(signals) {}
+
+  // How long a call may take: --timeout, else `otherwise`.
+  call_options limits(std::chrono::milliseconds otherwise = kCallTimeout) const;
+
+  // The daemon named by --target. Connects with the first call.
+  grpc::Channel& channel();
+  scsiplugin::PluginService::StubInterface& stub();
+
+  // One call whose answer the verb cannot do without. `what` names the call for error messages.
+  // Throws tool_error when no answer came: for a signal, `if_interrupted` says what is left to do.
+  template <class Request, class Response>
+  Response ask(const std::string& what,
+               void (async_stub::*method)(grpc::ClientContext*, const Request*, Response*,
+                                          std::function<void(grpc::Status)>),
+               const Request& request, const call_options& options,
+               const std::string& if_interrupted = "nothing is left behind: call it again") {
+    auto result = call(stub(), method, request, stop, options);
+    if (result.answered()) return std::move(result.response);
+    if (result.interrupted) throw tool_error(interrupted(what, if_interrupted));
+    throw tool_error(call_problem(what, where, result.status));
+  }
+
+  // Why a signal ended `what`.
+  problem interrupted(const std::string& what, const std::string& next) const;
+
+  interrupt& stop;
+  endpoint where = parse_endpoint(kUnixEndpoint);
+  bool target_given = false;
+  std::optional<std::chrono::milliseconds> timeout;
+  output_format format = output_format::table;
+  // What the verb on the command line does; set while the command line is read.
+  std::function<exit_code()> action;
+
+ private:
+  std::shared_ptr<grpc::Channel> channel_;
+  std::unique_ptr<scsiplugin::PluginService::StubInterface> stub_;
+};
+
+// One line of talk on stderr, with the program's name before it.
+void say(const std::string& text);
+
+// Prints the daemon's yes or no to `command` about `id`; a no is explained on stderr by `if_no`,
+// what to do next.
+exit_code print_verdict(const session& with, const std::string& command, const std::string& id,
+                        const google::protobuf::Message& answer, bool success,
+                        const std::string& if_no);
+
+}  // namespace vexo::tools

@@ -1,0 +1,251 @@
+#include "snapshot.h"
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+
+#include "common/command_fields.h"
+#include "verbs.h"
+
+namespace vexo::tools {
+
+namespace {
+
+using scsiplugin::PluginCmd;
+using scsiplugin::PluginCmdResp;
+using clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+milliseconds since(clock::time_point start) {
+  return std::chrono::duration_cast<milliseconds>(clock::now() - start);
+}
+
+}  // namespace
+
+snapshot::snapshot(session& with, const snapshot_options& options)
+    : with_(with), options_(options), report_(with.format, options.about.p80) {}
+
+exit_code snapshot::run() {
+  step("init_snapshot", [&](SnapshotStep& it) { init_snapshot(it); });
+  step("mirror", [&](SnapshotStep& it) { run_command(it, options_.mirror); });
+  step("mirror_done", [&](SnapshotStep& it) { mirror_done(it); });
+  step("wait_for_depart", [&](SnapshotStep& it) { wait_for_depart(it); });
+  step("split", [&](SnapshotStep& it) { run_command(it, options_.split); });
+  step("depart_done", [&](SnapshotStep& it) { depart_done(it); });
+
+  if (failure_) {
+    problem why = failure_->why;
+    why.tried = "snapshot of " + options_.about.p80 + ": " + failure_->step + ", " + why.tried;
+    say(why.text());
+    return why.code;
+  }
+  if (report_.output_error()) throw tool_error(*report_.output_error());
+  return exit_code::done;
+}
+
+template <class Body>
+void snapshot::step(const std::string& name, Body body) {
+  SnapshotStep it;
+  it.set_step(name);
+  const bool last = name == "depart_done";
+  const auto start = clock::now();
+  if (last ? !owes_depart_ : failure_.has_value()) {
+    it.set_outcome(SnapshotStep::NOT_RUN);
+  } else if (!last && with_.stop.requested()) {
+    fail(it, SnapshotStep::INTERRUPTED, "a signal came before it",
+         with_.interrupted(name, "nothing is left behind: call it again"));
+  } else {
+    it.set_outcome(SnapshotStep::DONE);
+    try {
+      body(it);
+    } catch (const std::exception& error) {
+      // Of this machine's making (no more processes, no more files); the steps that put things in
+      // order must still follow.
+      fail(it, SnapshotStep::FAILED, error.what(),
+           {exit_code::failed, name, error.what(), "see to this machine's limits"});
+    }
+  }
+  it.set_seconds(std::chrono::duration<double>(since(start)).count());
+  report_.ended(std::move(it));
+}
+
+void snapshot::fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std::string& reason,
+                    problem why) {
+  step.set_outcome(outcome);
+  step.set_reason(reason);
+  if (!failure_) failure_ = failure{step.step(), std::move(why)};
+}
+
+// Which answers mean that a task is left in the daemon has to be told from the answers alone: the
+// response has no field for it. The daemon says
+//   yes         when a host answered: the task is there, and ours to end;
+//   no, at once when it refused, since nobody is subscribed or since a task of the same LUN is
+//               there already. That one is somebody else's, and depart_done would take it from
+//               them;
+//   no, late    when no host answered in 60 s. It has removed the task itself, and one that is
+//               there now is somebody else's again.
+// So no no is ever followed by depart_done. A call that ends without an answer (its deadline, a
+// signal, a broken connection) is different: a refusal would have come at once, so what the daemon
+// was doing is waiting, or still telling the hosts, and the task is there. That conclusion is only
+// as good as "at once": hence neither a signal nor a short --timeout ends the call within
+// kRefusalTime, counted from when the daemon was connected.
+void snapshot::init_snapshot(SnapshotStep& step) {
+  const std::string tried = "Publish init_snapshot_req";
+  if (const auto unreached = connect()) {
+    if (with_.stop.requested()) {
+      fail(step, SnapshotStep::INTERRUPTED, "a signal came before there was a connection",
+           with_.interrupted(tried, "nothing is left behind: call it again"));
+    } else {
+      fail(step, SnapshotStep::FAILED, status_text(*unreached),
+           call_problem(tried, with_.where, *unreached));
+    }
+    return;
+  }
+  call_options options = host_wait(step.step());
+  options.timeout = std::max(options.timeout, kRefusalTime);
+  options.undisturbed = kRefusalTime;
+  const auto result = publish(options_.about.init_snapshot(), options);
+  owes_depart_ = !result.answered() || result.response.success();
+  judge(step, result, next_after_refused_init(options_.about, result.took));
+  if (!result.answered() && failure_) {
+    // Its handler cannot be called back: it waits on for a task that depart_done has removed, and
+    // when its time is up removes whatever task the LUN then has.
+    const auto left = std::chrono::ceil<std::chrono::seconds>(kHostWait - result.took).count();
+    const std::string later = "begin the next snapshot of this LUN in " +
+                              std::to_string(std::max<decltype(left)>(left, 1)) +
+                              " s, when the daemon has given this one up";
+    std::string& next = failure_->why.next;
+    next = result.interrupted ? later : next + "; " + later;
+  }
+}
+
+void snapshot::mirror_done(SnapshotStep& step) {
+  judge(step, publish(options_.about.mirror_done(), with_.limits()),
+        "somebody else ended or moved this hand-shake meanwhile, or the daemon was restarted: the "
+        "daemon's lines in the system log say which");
+}
+
+void snapshot::wait_for_depart(SnapshotStep& step) {
+  const auto result = publish(options_.about.wait_for_depart(), host_wait(step.step()));
+  judge(step, result, next_after_refused_wait(options_.about, result.took));
+}
+
+void snapshot::depart_done(SnapshotStep& step) {
+  const std::int32_t result = failure_ ? failed_result_ : 0;
+  step.set_result(result);
+  call_options options = with_.limits();
+  options.undisturbed = options.timeout;  // a second Ctrl-C does not leave the task behind
+  options.wait_for_ready = true;          // nor does a connection that comes back in time
+  const bool first_failure = !failure_.has_value();
+  const auto answer = publish(options_.about.depart_done(result), options);
+  if (judge(step, answer, "read the daemon's lines in the system log")) return;
+  const std::string leftover =
+      "the daemon may still hold this hand-shake and then refuses the next one of this LUN until "
+      "300 s after its beginning: `plugin_ctl publish depart-done " +
+      options_.about.p80 + " --result " + std::to_string(result) + "` removes it";
+  std::string& next = failure_->why.next;
+  next = first_failure ? leftover : next + "; " + leftover;
+}
+
+void snapshot::run_command(SnapshotStep& step, const std::string& command) {
+  if (command.empty()) {
+    step.set_outcome(SnapshotStep::SKIPPED);
+    return;
+  }
+  std::vector<std::string> variables = command_environment(options_.about.init_snapshot());
+  const hand_shake& lun = options_.about;
+  variables.push_back("VEXO_DST_LUN_P80=" + lun.dst_p80);
+  variables.push_back("VEXO_DST_LUN_P83=" + lun.dst_p83);
+  const command_result result = run_shell_command(command, variables, with_.stop);
+  step.set_result(result.status);
+  if (result.succeeded()) return;
+  if (result.status != 0) failed_result_ = result.status;
+  const std::string tried = "/bin/sh -c '" + command + "'";
+  if (result.interrupted) {
+    fail(step, SnapshotStep::INTERRUPTED, result.reason,
+         {exit_code::interrupted, tried, result.reason,
+          "see what the command left behind, then call it again"});
+  } else {
+    fail(step, SnapshotStep::FAILED, result.reason,
+         {exit_code::failed, tried, result.reason,
+          "read what the command wrote above; it can be tried alone with the VEXO_ variables set"});
+  }
+}
+
+outcome<PluginCmdResp> snapshot::publish(const PluginCmd& command, const call_options& options) {
+  return call(with_.stub(), &async_stub::Publish, command, with_.stop, options);
+}
+
+call_options snapshot::host_wait(const std::string& step) {
+  call_options options = with_.limits(kHostWaitTimeout);
+  const milliseconds limit = std::min(options.timeout, kHostWait);
+  options.on_tick = [this, step, limit](milliseconds elapsed) {
+    report_.waiting(step, elapsed, limit);
+  };
+  return options;
+}
+
+std::optional<grpc::Status> snapshot::connect() {
+  constexpr milliseconds kSlice{50};
+  const auto deadline = clock::now() + with_.limits().timeout;
+  while (clock::now() < deadline && !with_.stop.requested()) {
+    const auto state = with_.channel().GetState(true);
+    if (state == GRPC_CHANNEL_READY) return std::nullopt;
+    if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
+      // Ends at once with the reason, which the channel tells only by way of a call.
+      const auto list =
+          call(with_.stub(), &async_stub::PluginConnList, google::protobuf::Empty(), with_.stop);
+      if (!list.answered()) return list.status;
+    }
+    with_.channel().WaitForStateChange(state, std::chrono::system_clock::now() + kSlice);
+  }
+  return grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time");
+}
+
+bool snapshot::judge(SnapshotStep& step, const outcome<PluginCmdResp>& result,
+                     const std::string& if_refused) {
+  const std::string tried = "Publish " + step.step() + "_req";
+  if (result.answered() && result.response.success()) return true;
+  if (result.answered()) {
+    const std::string no = "the daemon's answer is no (success: false)";
+    fail(step, SnapshotStep::FAILED, no,
+         {exit_code::refused, tried + " at " + with_.where.text, no, if_refused});
+  } else if (result.interrupted) {
+    fail(step, SnapshotStep::INTERRUPTED, "a signal came during the wait",
+         with_.interrupted(tried, "call it again"));
+  } else {
+    fail(step, SnapshotStep::FAILED, status_text(result.status),
+         call_problem(tried, with_.where, result.status));
+  }
+  return false;
+}
+
+void add_snapshot_verb(CLI::App& app, session& with) {
+  const auto options = std::make_shared<snapshot_options>();
+  CLI::App* const verb = add_verb(
+      app, with, "snapshot",
+      "Takes a snapshot as the local caller does: announces it to the hosts, runs the mirror\n"
+      "command, waits until a host is quiet, runs the split command, and ends the hand-shake, "
+      "also\n"
+      "when something fails or Ctrl-C ends it. The commands are run by /bin/sh with the LUN's\n"
+      "identifiers in VEXO_SRC_LUN_P80, VEXO_SRC_LUN_P83, VEXO_SRC_LUN_UUID, VEXO_DST_LUN_UUID,\n"
+      "VEXO_DST_LUN_P80 and VEXO_DST_LUN_P83; their output goes to stderr. From the end of the\n"
+      "wait to the end of the split the host's applications stand still: keep the split short",
+      "plugin_ctl snapshot --p80 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6 \\\n"
+      "    --mirror 'lvcreate --snapshot ...' --split 'lvconvert --splitmirrors 1 ...'",
+      [&with, options] { return snapshot(with, *options).run(); });
+  add_text(*verb, "--p80", options->about.p80, "The source LUN's page-80h identifier")
+      ->required()
+      ->type_name("ID");
+  options->about.add_source_options(*verb);
+  options->about.add_destination_uuid_option(*verb);
+  options->about.add_destination_page_options(*verb);
+  options->about.add_replica_option(*verb);
+  options->about.add_serial_options(*verb);
+  verb->add_option("--mirror", options->mirror, "Shell command that mirrors the LUN")
+      ->type_name("CMD");
+  verb->add_option("--split", options->split, "Shell command that splits the mirror")
+      ->type_name("CMD");
+}
+
+}  // namespace vexo::tools

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "common/errors.h"
+#include "report.pb.h"
+#include "session.h"
+
+namespace vexo::tools {
+
+// Tells how a snapshot goes: a line or a JSON object on stdout for each step as it ends, and on a
+// terminal, meanwhile, how long a wait has taken and may still take.
+class snapshot_report {
+ public:
+  snapshot_report(output_format format, std::string task_id);
+
+  // A step that ended. Never throws: a reader that has gone away must not keep a hand-shake from
+  // being ended, see output_error().
+  void ended(SnapshotStep step);
+  // The problem that kept a step's line from being printed, if there was one.
+  const std::optional<tool_error>& output_error() const { return output_error_; }
+
+  // Shows, on a terminal, that `step` has been waiting for a host.
+  void waiting(const std::string& step, std::chrono::milliseconds elapsed,
+               std::chrono::milliseconds limit);
+
+ private:
+  void clear_wait();
+
+  const output_format format_;
+  const std::string task_id_;
+  bool heading_printed_ = false;
+  bool wait_shown_ = false;
+  std::optional<tool_error> output_error_;
+};
+
+}  // namespace vexo::tools

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+
+#include "session.h"
+
+namespace vexo::tools {
+
+// Each adds one family of verbs to the command line. A verb that is found there sets
+// session::action.
+void add_registry_verbs(CLI::App& app, session& with);
+void add_subscribe_verb(CLI::App& app, session& with);
+void add_lun_verbs(CLI::App& app, session& with);
+void add_publish_verbs(CLI::App& app, session& with);
+void add_snapshot_verb(CLI::App& app, session& with);
+void add_probe_verb(CLI::App& app, session& with);
+
+// A verb whose help ends with `example`, one or more command lines. `run` may hold the verb's
+// options, which are filled in by then.
+CLI::App* add_verb(CLI::App& parent, session& with, const std::string& name,
+                   const std::string& description, const std::string& example,
+                   std::function<exit_code()> run);
+
+// An option or positional whose text goes onto the wire.
+CLI::Option* add_text(CLI::App& verb, const std::string& name, std::string& value,
+                      const std::string& description);
+
+}  // namespace vexo::tools
