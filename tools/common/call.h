@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_CALL_H_
+#define TOOLS_COMMON_CALL_H_
 
 #include <grpcpp/grpcpp.h>
 
@@ -29,7 +30,7 @@ struct outcome {
   grpc::Status status;
   Response response;
   bool interrupted = false;
-  std::chrono::milliseconds took = std::chrono::milliseconds::zero();
+  std::chrono::duration<double> took{};
 
   // The daemon's verdict has come, whatever else happened.
   bool answered() const { return status.ok(); }
@@ -62,9 +63,10 @@ outcome<Response> call(scsiplugin::PluginService::StubInterface& stub,
     done.raise();
   });
   result.interrupted = detail::wait_for_call(context, done, stop, options);
-  result.took = std::chrono::duration_cast<std::chrono::milliseconds>(
-      std::chrono::steady_clock::now() - start);
+  result.took = std::chrono::steady_clock::now() - start;
   return result;
 }
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_CALL_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_CHANNEL_H_
+#define TOOLS_COMMON_CHANNEL_H_
 
 #include <grpcpp/grpcpp.h>
 
@@ -24,3 +25,5 @@ std::shared_ptr<grpc::Channel> make_channel(const endpoint& where);
 void set_timeout(grpc::ClientContext& context, std::chrono::milliseconds timeout);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_CHANNEL_H_

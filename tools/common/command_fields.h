@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_COMMAND_FIELDS_H_
+#define TOOLS_COMMON_COMMAND_FIELDS_H_
 
 #include <string>
 #include <vector>
@@ -25,3 +26,5 @@ std::vector<command_field> command_fields(const scsiplugin::PluginCmd& command);
 std::vector<std::string> command_environment(const scsiplugin::PluginCmd& command);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_COMMAND_FIELDS_H_

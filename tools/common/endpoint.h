@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_ENDPOINT_H_
+#define TOOLS_COMMON_ENDPOINT_H_
 
 #include <cstdint>
 #include <string>
@@ -25,3 +26,5 @@ struct endpoint {
 endpoint parse_endpoint(const std::string& text);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_ENDPOINT_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_ERRORS_H_
+#define TOOLS_COMMON_ERRORS_H_
 
 #include <grpcpp/grpcpp.h>
 
@@ -39,3 +40,5 @@ std::string status_text(const grpc::Status& status);
 problem call_problem(const std::string& what, const endpoint& where, const grpc::Status& status);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_ERRORS_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_EVENT_H_
+#define TOOLS_COMMON_EVENT_H_
 
 namespace vexo::tools {
 
@@ -22,3 +23,5 @@ class event {
 };
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_EVENT_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_EXIT_CODES_H_
+#define TOOLS_COMMON_EXIT_CODES_H_
 
 namespace vexo::tools {
 
@@ -13,3 +14,5 @@ enum class exit_code : int {
 };
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_EXIT_CODES_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_INTERRUPT_H_
+#define TOOLS_COMMON_INTERRUPT_H_
 
 #include <chrono>
 #include <cstddef>
@@ -35,3 +36,5 @@ class interrupt {
 };
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_INTERRUPT_H_

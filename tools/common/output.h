@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_OUTPUT_H_
+#define TOOLS_COMMON_OUTPUT_H_
 
 #include <google/protobuf/message.h>
 
@@ -37,3 +38,5 @@ class table {
 void print(const std::string& text);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_OUTPUT_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_COMMON_TEXT_H_
+#define TOOLS_COMMON_TEXT_H_
 
 #include <string>
 #include <string_view>
@@ -13,3 +14,5 @@ bool is_utf8(std::string_view text);
 std::string printable(std::string_view text);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_TEXT_H_

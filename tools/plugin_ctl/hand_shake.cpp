@@ -85,7 +85,7 @@ PluginCmd hand_shake::depart_done(std::int32_t result) const {
   return command;
 }
 
-std::string next_after_refused_init(const hand_shake& about, std::chrono::milliseconds took) {
+std::string next_after_refused_init(const hand_shake& about, std::chrono::duration<double> took) {
   if (took <= kRefusalTime) {
     return "either no host plugin is subscribed (see `plugin_ctl list`), or a hand-shake for this "
            "LUN is under way or was left behind less than 300 s ago (if you know it to be dead, "
@@ -102,7 +102,7 @@ std::string next_after_refused_mirror_done(const hand_shake& about) {
          about.p80 + "` begins one, and a host must have answered it with start_mirror";
 }
 
-std::string next_after_refused_wait(const hand_shake& about, std::chrono::milliseconds took) {
+std::string next_after_refused_wait(const hand_shake& about, std::chrono::duration<double> took) {
   if (took <= kRefusalTime) {
     return "no hand-shake for this LUN is under way: `plugin_ctl publish init-snapshot --p80 " +
            about.p80 + "` begins one";

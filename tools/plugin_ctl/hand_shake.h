@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_PLUGIN_CTL_HAND_SHAKE_H_
+#define TOOLS_PLUGIN_CTL_HAND_SHAKE_H_
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -43,8 +44,10 @@ struct hand_shake {
 inline constexpr std::chrono::milliseconds kRefusalTime = std::chrono::seconds(1);
 
 // What to do after each command's no. `took` is how long the daemon needed for it.
-std::string next_after_refused_init(const hand_shake& about, std::chrono::milliseconds took);
+std::string next_after_refused_init(const hand_shake& about, std::chrono::duration<double> took);
 std::string next_after_refused_mirror_done(const hand_shake& about);
-std::string next_after_refused_wait(const hand_shake& about, std::chrono::milliseconds took);
+std::string next_after_refused_wait(const hand_shake& about, std::chrono::duration<double> took);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_CTL_HAND_SHAKE_H_

@@ -1,4 +1,3 @@
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <csignal>
@@ -86,6 +85,14 @@ std::string understood(const CLI::App& app) {
   return text;
 }
 
+// What is wrong with the command line. The parser looks for a missing verb before it looks at the
+// words it could not place, but the user's mistake is the word.
+std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
+  const auto not_understood = app.remaining(true);
+  if (not_understood.empty()) return error.what();
+  return "\"" + not_understood.front() + "\" is not understood";
+}
+
 int run(int argc, char** argv) {
   // A reader that goes away is an error of print(), after which there may be things to put in
   // order; it must not strike.
@@ -110,7 +117,7 @@ int run(int argc, char** argv) {
   } catch (const CLI::Success& help_or_version) {
     return app.exit(help_or_version);
   } catch (const CLI::ParseError& error) {
-    say(std::string(error.what()) + "\n  next:      see " + understood(app) + " --help");
+    say(complaint(app, error) + "\n  next:      see " + understood(app) + " --help");
     return static_cast<int>(exit_code::usage);
   }
   try {

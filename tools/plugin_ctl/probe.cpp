@@ -68,7 +68,7 @@ exit_code probe(session& with, const probe_options& options) {
     ProbedEndpoint& probed = *report.add_endpoints();
     probed.set_endpoint(where.text);
     probed.set_answers(result.answered());
-    probed.set_seconds(std::chrono::duration<double>(result.took).count());
+    probed.set_seconds(result.took.count());
     if (!result.answered()) probed.set_error(status_text(result.status));
     all_answer = all_answer && result.answered();
   }

@@ -20,7 +20,7 @@ struct publish_options {
 
 struct verdict {
   PluginCmdResp answer;
-  std::chrono::milliseconds took;
+  std::chrono::duration<double> took;
 };
 
 verdict publish(session& with, const std::string& name, const hand_shake& about,
@@ -30,8 +30,7 @@ verdict publish(session& with, const std::string& name, const hand_shake& about,
   auto answer = with.ask<PluginCmd, PluginCmdResp>("Publish " + name + " for " + about.p80,
                                                    &async_stub::Publish, command,
                                                    with.limits(timeout), if_interrupted);
-  return {std::move(answer), std::chrono::duration_cast<std::chrono::milliseconds>(
-                                 std::chrono::steady_clock::now() - start)};
+  return {std::move(answer), std::chrono::steady_clock::now() - start};
 }
 
 exit_code print_verdict(const session& with, const std::string& name, const hand_shake& about,

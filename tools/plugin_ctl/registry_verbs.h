@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_PLUGIN_CTL_REGISTRY_VERBS_H_
+#define TOOLS_PLUGIN_CTL_REGISTRY_VERBS_H_
 
 #include <string>
 
@@ -15,3 +16,5 @@ std::string plugin_type_name(scsiplugin::PluginClient::Type type);
 scsiplugin::PluginClient::Type plugin_type_of(const std::string& name);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_CTL_REGISTRY_VERBS_H_

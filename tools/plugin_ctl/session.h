@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_PLUGIN_CTL_SESSION_H_
+#define TOOLS_PLUGIN_CTL_SESSION_H_
 
 #include <chrono>
 #include <functional>
@@ -68,3 +69,5 @@ exit_code print_verdict(const session& with, const std::string& command, const s
                         const std::string& if_no);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_CTL_SESSION_H_

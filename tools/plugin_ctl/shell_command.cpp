@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -148,19 +149,27 @@ class shell_process {
   // False at the deadline, or when more than `seen` signals have come.
   bool wait_until_gone(interrupt& stop, int seen, clock::time_point deadline) {
     while (clock::now() < deadline && stop.count() <= seen) {
-      if (!reaped_) reaped_ = waitpid(leader_, &status_, WNOHANG) == leader_;
+      reap();
       // The group's number is not given to anybody else while one process is left in it.
-      if (reaped_ && kill(-leader_, 0) < 0 && errno == ESRCH) return true;
+      if (kill(-leader_, 0) < 0 && errno == ESRCH) return true;
       stop.wait({}, clock::now() + kLookEvery);
     }
     return false;
+  }
+
+  // The shell, and those of the group whose parent has ended before them.
+  void reap() {
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = waitpid(-leader_, &status, WNOHANG)) > 0) {
+      if (ended == leader_) status_ = status;
+    }
   }
 
   static constexpr std::chrono::seconds kKillGrace{1};
   static constexpr std::chrono::milliseconds kLookEvery{20};
 
   const pid_t leader_;
-  bool reaped_ = false;
   int status_ = SIGKILL;
 };
 
@@ -168,6 +177,8 @@ class shell_process {
 
 command_result run_shell_command(const std::string& command,
                                  const std::vector<std::string>& variables, interrupt& stop) {
+  // Orphans of the group become children of this program, which alone can tell when they are gone.
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
   pid_t pid = 0;
   try {
     pid = spawn_shell(command, variables);

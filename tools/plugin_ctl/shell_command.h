@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_PLUGIN_CTL_SHELL_COMMAND_H_
+#define TOOLS_PLUGIN_CTL_SHELL_COMMAND_H_
 
 #include <chrono>
 #include <string>
@@ -27,3 +28,5 @@ command_result run_shell_command(const std::string& command,
                                  const std::vector<std::string>& variables, interrupt& stop);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_CTL_SHELL_COMMAND_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_PLUGIN_CTL_SNAPSHOT_H_
+#define TOOLS_PLUGIN_CTL_SNAPSHOT_H_
 
 #include <optional>
 #include <string>
@@ -66,3 +67,5 @@ class snapshot {
 };
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_CTL_SNAPSHOT_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_PLUGIN_CTL_SNAPSHOT_REPORT_H_
+#define TOOLS_PLUGIN_CTL_SNAPSHOT_REPORT_H_
 
 #include <array>
 #include <chrono>
@@ -38,3 +39,5 @@ class snapshot_report {
 };
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_CTL_SNAPSHOT_REPORT_H_

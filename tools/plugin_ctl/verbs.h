@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TOOLS_PLUGIN_CTL_VERBS_H_
+#define TOOLS_PLUGIN_CTL_VERBS_H_
 
 #include <CLI/CLI.hpp>
 #include <functional>
@@ -28,3 +29,5 @@ CLI::Option* add_text(CLI::App& verb, const std::string& name, std::string& valu
                       const std::string& description);
 
 }  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_CTL_VERBS_H_
