@@ -12,24 +12,25 @@ bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& s
                    const call_options& options) noexcept {
   using clock = std::chrono::steady_clock;
   const auto start = clock::now();
-  const auto cut_from = start + options.undisturbed;
-  const int seen = stop.count();
-  bool cancelled = false;
+  const bool can_be_cut = options.undisturbed < options.timeout;
+  const auto cut_from = can_be_cut ? start + options.undisturbed : clock::time_point::max();
+  bool cut = false;
   for (;;) {
     const auto now = clock::now();
-    if (!cancelled && stop.count() > seen && now >= cut_from) {
+    if (!cut && now >= cut_from && stop.requested()) {
       context.TryCancel();
-      cancelled = true;
+      cut = true;
     }
     auto next_look = clock::time_point::max();
-    if (options.on_tick) next_look = now + kTick;
-    if (!cancelled && stop.count() > seen) next_look = std::min(next_look, cut_from);
-    if (stop.wait({done.fd()}, next_look) == interrupt::wake::ready) break;
-    if (options.on_tick && !cancelled) {
+    if (now < cut_from) next_look = cut_from;
+    if (options.on_tick) next_look = std::min(next_look, now + kTick);
+    // Signals that have come change nothing before the next look.
+    const int seen = cut || now < cut_from ? stop.count() : 0;
+    if (stop.wait({done.fd()}, next_look, seen) == interrupt::wake::ready) return cut;
+    if (options.on_tick && !cut) {
       options.on_tick(std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - start));
     }
   }
-  return stop.count() > seen;
 }
 
 }  // namespace vexo::tools::detail

@@ -15,7 +15,8 @@ namespace vexo::tools {
 
 struct call_options {
   std::chrono::milliseconds timeout = kCallTimeout;
-  // A signal cuts the call short, but not before this much of it has passed.
+  // A signal, also one that came before the call, cuts it short, but not before this much of it has
+  // passed: never, if that is the whole timeout.
   std::chrono::milliseconds undisturbed = std::chrono::milliseconds::zero();
   // Keeps trying to connect until the deadline instead of failing when there is no connection.
   bool wait_for_ready = false;
@@ -23,13 +24,13 @@ struct call_options {
   std::function<void(std::chrono::milliseconds)> on_tick;
 };
 
-// How a call ended. After an interruption `status` is what the cancelled call came to: the answer
+// How a call ended. When it was cut short `status` is what the cancelled call came to: the answer
 // may have arrived in the same instant, and then is OK.
 template <class Response>
 struct outcome {
   grpc::Status status;
   Response response;
-  bool interrupted = false;
+  bool interrupted = false;  // cut short by a signal
   std::chrono::duration<double> took{};
 
   // The daemon's verdict has come, whatever else happened.
@@ -38,7 +39,7 @@ struct outcome {
 
 namespace detail {
 // Waits until `done` is raised, which gRPC does for every call; cancels it when a signal comes.
-// True when one came.
+// True when it did.
 bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& stop,
                    const call_options& options) noexcept;
 }  // namespace detail
@@ -58,8 +59,8 @@ outcome<Response> call(scsiplugin::PluginService::StubInterface& stub,
   set_timeout(context, options.timeout);
   context.set_wait_for_ready(options.wait_for_ready);
   const auto start = std::chrono::steady_clock::now();
-  (stub.async()->*method)(&context, &request, &result.response, [&](grpc::Status status) {
-    result.status = std::move(status);
+  (stub.async()->*method)(&context, &request, &result.response, [&](const grpc::Status& status) {
+    result.status = status;
     done.raise();
   });
   result.interrupted = detail::wait_for_call(context, done, stop, options);

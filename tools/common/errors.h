@@ -25,7 +25,7 @@ struct problem {
 // Carries a problem to main, which prints it and exits with its code.
 class tool_error : public std::runtime_error {
  public:
-  explicit tool_error(problem what) : std::runtime_error(what.text()), code(what.code) {}
+  explicit tool_error(const problem& what) : std::runtime_error(what.text()), code(what.code) {}
   exit_code code;
 };
 

@@ -28,32 +28,33 @@ interrupt::interrupt() {
 
 interrupt::~interrupt() { close(fd_); }
 
-int interrupt::count() {
+int interrupt::count() noexcept {
   signalfd_siginfo info = {};
   while (read(fd_, &info, sizeof info) == sizeof info) ++count_;
   return count_;
 }
 
 interrupt::wake interrupt::wait(std::initializer_list<int> fds,
-                                std::chrono::steady_clock::time_point deadline) noexcept {
+                                std::chrono::steady_clock::time_point deadline, int seen) noexcept {
   constexpr std::chrono::milliseconds kNap{10};
-  std::array<pollfd, kMostFds + 1> watched = {{{fd_, POLLIN, 0}}};
   assert(fds.size() <= kMostFds);
-  nfds_t count = 1;
-  for (const int fd : fds) watched[count++] = {fd, POLLIN, 0};
+  std::array<pollfd, kMostFds + 1> watched = {};
+  nfds_t used = 0;
+  for (const int fd : fds) watched[used++] = {fd, POLLIN, 0};
+  const nfds_t signals = used++;
+  watched[signals] = {fd_, POLLIN, 0};
   for (;;) {
+    const bool interrupted = count() > seen;
     // Rounded up, so that a wait never spins through its last millisecond.
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    const int timeout = static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(
+    const int patience = static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(
         left.count(), 0, std::numeric_limits<int>::max()));
-    const int ready = poll(watched.data(), count, timeout);
-    if (ready > 0) {
-      return watched[0].revents != 0 && ready == 1 ? wake::interrupted : wake::ready;
-    }
+    const int ready = poll(watched.data(), used, interrupted ? 0 : patience);
+    if (ready > (watched[signals].revents != 0 ? 1 : 0)) return wake::ready;
+    if (interrupted) return wake::interrupted;
     if (left.count() <= 0) return wake::timeout;
-    if (ready < 0 && errno != EINTR)
-      std::this_thread::sleep_for(kNap);  // the kernel is short of memory
+    if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kNap);  // short of kernel memory
   }
 }
 

@@ -19,16 +19,17 @@ class interrupt {
   interrupt& operator=(const interrupt&) = delete;
 
   // How many signals have come so far, counting those that have come together once.
-  int count();
-  bool requested() { return count() > 0; }
+  int count() noexcept;
+  bool requested() noexcept { return count() > 0; }
 
   enum class wake { ready, interrupted, timeout };
-  // Blocks until one of `fds` (at most kMostFds) is readable, a signal comes that count() has not
-  // counted yet, or `deadline` passes. `ready` wins when several hold. Never fails, since whoever
+  // Blocks until one of `fds` (at most kMostFds) is readable, more than `seen` signals have come
+  // since the start, or `deadline` passes. `ready` wins when several hold. A signal is never lost
+  // between two waits: it counts for every one that has not seen it. Never fails, since whoever
   // waits for a call under way cannot leave it.
   static constexpr std::size_t kMostFds = 3;
-  wake wait(std::initializer_list<int> fds,
-            std::chrono::steady_clock::time_point deadline) noexcept;
+  wake wait(std::initializer_list<int> fds, std::chrono::steady_clock::time_point deadline,
+            int seen = 0) noexcept;
 
  private:
   int fd_;

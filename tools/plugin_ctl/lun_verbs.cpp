@@ -11,7 +11,6 @@ namespace {
 using scsiplugin::LunCmd;
 using scsiplugin::LunCmdResp;
 using scsiplugin::LunType;
-using scsiplugin::PluginService;
 
 constexpr char kNoTask[] =
     "no hand-shake is under way for this LUN: the local caller begins one with `plugin_ctl publish "

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <limits>
 #include <string_view>
 #include <system_error>
@@ -65,6 +64,7 @@ std::vector<std::string> merged_environment(const std::vector<std::string>& vari
 
 std::vector<char*> as_argv(std::vector<std::string>& strings) {
   std::vector<char*> pointers;
+  pointers.reserve(strings.size() + 1);
   for (std::string& text : strings) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
@@ -152,7 +152,7 @@ class shell_process {
       reap();
       // The group's number is not given to anybody else while one process is left in it.
       if (kill(-leader_, 0) < 0 && errno == ESRCH) return true;
-      stop.wait({}, clock::now() + kLookEvery);
+      stop.wait({}, clock::now() + kLookEvery, seen);
     }
     return false;
   }
@@ -187,17 +187,22 @@ command_result run_shell_command(const std::string& command,
   }
   shell_process shell(pid);
   command_result result;
-  if (!shell.wait(stop)) {
-    result.interrupted = true;
+  try {
+    result.interrupted = !shell.wait(stop);
+  } catch (const std::system_error&) {
+    shell.end(stop);
+    throw;
+  }
+  if (result.interrupted) {
     result.reason = shell.end(stop) ? "a signal came, and the command was ended"
                                     : "a signal came, and the command could not be ended";
   }
   const int status = shell.status();
   result.status = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
   if (result.interrupted || result.status == 0) return result;
-  result.reason = WIFSIGNALED(status) ? std::string("the command was ended by signal ") +
-                                            strsignal(WTERMSIG(status))
-                                      : "the command exited with " + std::to_string(result.status);
+  result.reason = WIFSIGNALED(status)
+                      ? "the command was ended by signal " + std::to_string(WTERMSIG(status))
+                      : "the command exited with " + std::to_string(result.status);
   return result;
 }
 

@@ -23,7 +23,7 @@ struct command_result {
 // Runs `command` through /bin/sh -c in a process group of its own and waits for the shell to end.
 // `variables` ("NAME=value") are added to the environment; stdin is empty and stdout goes to
 // stderr. When a signal comes the whole group gets SIGTERM, and SIGKILL after kTermGrace or at the
-// next signal.
+// next signal. Throws std::system_error when the command cannot be watched; it is ended then.
 command_result run_shell_command(const std::string& command,
                                  const std::vector<std::string>& variables, interrupt& stop);
 

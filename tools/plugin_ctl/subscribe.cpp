@@ -32,8 +32,8 @@ using clock = std::chrono::steady_clock;
 // call if nothing else has ended it.
 class subscription : private grpc::ClientReadReactor<PluginCmd> {
  public:
-  subscription(scsiplugin::PluginService::StubInterface& stub, const PluginClient& request)
-      : request_(request) {
+  subscription(scsiplugin::PluginService::StubInterface& stub, PluginClient request)
+      : request_(std::move(request)) {
     stub.async()->Subscribe(&context_, &request_, this);
     StartRead(&incoming_);
     StartCall();
@@ -240,8 +240,8 @@ class subscriber {
     const auto deadline = clock::now() + kEndsWithin;
     while (!stream_->status() && clock::now() < deadline) {
       stream_->take();
-      with_.stop.count();  // a second Ctrl-C changes nothing any more
-      with_.stop.wait({stream_->fd()}, deadline);
+      // A second Ctrl-C changes nothing any more.
+      with_.stop.wait({stream_->fd()}, deadline, with_.stop.count());
     }
     say("unsubscribed \"" + self_.plugin_id() + "\"");
     return exit_code::interrupted;
