@@ -1,0 +1,91 @@
+// What the tools share, as far as it needs no daemon.
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "common/command_fields.h"
+#include "common/endpoint.h"
+#include "common/output.h"
+#include "common/text.h"
+
+namespace vexo::tools {
+namespace {
+
+TEST(Endpoint, IsReadAsPeopleWriteIt) {
+  using family = endpoint::family;
+  struct expectation {
+    const char* written;
+    family kind;
+    const char* target;
+    const char* text;
+  };
+  const expectation cases[] = {
+      {"unix:///run/x.sock", family::unix_socket, "unix:/run/x.sock", "unix:///run/x.sock"},
+      {"unix:x.sock", family::unix_socket, "unix:x.sock", "unix:x.sock"},
+      {"10.0.0.7", family::ipv4, "dns:///10.0.0.7:3265", "10.0.0.7:3265"},
+      {"10.0.0.7:1", family::ipv4, "dns:///10.0.0.7:1", "10.0.0.7:1"},
+      {"box-1.lan:65535", family::host_name, "dns:///box-1.lan:65535", "box-1.lan:65535"},
+      {"::1", family::ipv6, "dns:///[::1]:3265", "[::1]:3265"},
+      {"[fe80::2]:99", family::ipv6, "dns:///[fe80::2]:99", "[fe80::2]:99"},
+  };
+  for (const auto& expected : cases) {
+    const endpoint parsed = parse_endpoint(expected.written);
+    EXPECT_EQ(parsed.kind, expected.kind) << expected.written;
+    EXPECT_EQ(parsed.target, expected.target);
+    EXPECT_EQ(parsed.text, expected.text);
+    EXPECT_EQ(parse_endpoint(parsed.text).target, expected.target);
+  }
+  for (const char* bad : {"",        ":",       ":3265",    "h:",     "h:0",
+                          "h:65536", "h:1x",    "h: 1",     "a b",    "h/x",
+                          "[::1",    "[::1]x",  "[::1]:",   "[h]:1",  "1:2:3:4:5:6:7:8:9",
+                          "unix:",   "unix://", "unix://x", "user@h", "/x"}) {
+    EXPECT_THROW(parse_endpoint(bad), std::invalid_argument) << bad;
+  }
+}
+
+TEST(Text, CannotSteerATerminal) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"plain", "plain"},
+      {"M\xc3\xbcnchen \xe2\x82\xac \xf0\x9f\x98\x80",
+       "M\xc3\xbcnchen \xe2\x82\xac \xf0\x9f\x98\x80"},
+      {"a\x1b[2Jb\n\t\x7f", R"(a\x1b[2Jb\x0a\x09\x7f)"},
+      {"\xc2\x9b"
+       "2J",
+       R"(\xc2\x9b2J)"},  // a C1 control
+      {"\xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80", R"(\xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80)"},
+      {"\xe2\x82", R"(\xe2\x82)"},
+      {std::string("\0", 1), R"(\x00)"},
+  };
+  for (const auto& [text, shown] : cases) EXPECT_EQ(printable(text), shown);
+  for (const char* good : {"", "a", "\xc3\xbc", "\xe0\xa0\x80", "\xf4\x8f\xbf\xbf"}) {
+    EXPECT_TRUE(is_utf8(good)) << printable(good);
+  }
+  for (const char* bad : {"\x80", "\xc1\x81", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf",
+                          "\xf5\x80\x80\x80", "a\xff", "\xc3"}) {
+    EXPECT_FALSE(is_utf8(bad)) << printable(bad);
+  }
+}
+
+TEST(Table, LinesUpByCharacters) {
+  table rows({"ID", "IP"});
+  rows.add({"M\xc3\xbcnchen", "1.2.3.4"});
+  rows.add({"", "x\ny"});
+  EXPECT_EQ(rows.text(), "ID       IP\nM\xc3\xbcnchen  1.2.3.4\n\"\"       x\\x0ay\n");
+}
+
+TEST(CommandEnvironment, HoldsEveryFieldAndOnlyThoseOfTheBodyThatIsSet) {
+  scsiplugin::PluginCmd command;
+  EXPECT_EQ(command_environment(command),
+            (std::vector<std::string>{"VEXO_COMMAND=", "VEXO_CMD_SN=0",
+                                      "VEXO_QEL_SN=", "VEXO_TASK_ID="}));
+  command.set_cmd_sn(7);
+  command.mutable_wait_for_depart_req()->set_dst_lun_uuid("D");
+  EXPECT_EQ(command_environment(command),
+            (std::vector<std::string>{
+                "VEXO_COMMAND=wait_for_depart_req", "VEXO_CMD_SN=7",
+                "VEXO_QEL_SN=", "VEXO_TASK_ID=", "VEXO_SRC_LUN_UUID=", "VEXO_DST_LUN_UUID=D"}));
+}
+
+}  // namespace
+}  // namespace vexo::tools
