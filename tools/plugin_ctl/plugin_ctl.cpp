@@ -97,6 +97,9 @@ int run(int argc, char** argv) {
   // A reader that goes away is an error of print(), after which there may be things to put in
   // order; it must not strike.
   std::signal(SIGPIPE, SIG_IGN);
+  // Host names mean here what they mean to every other program of the machine, and not only what
+  // its DNS servers say.
+  setenv("GRPC_DNS_RESOLVER", "native", 0);  // NOLINT(concurrency-mt-unsafe): no threads yet
   interrupt stop;
   session with(stop);
 
