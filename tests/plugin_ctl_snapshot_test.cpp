@@ -253,6 +253,32 @@ TEST_F(PluginCtlSnapshot, LeavesATaskAloneThatIsNotItsOwn) {
   EXPECT_TRUE(somebody.get());
 }
 
+TEST_F(PluginCtlSnapshot, LeavesAloneWhatBeginsAfterSomebodyElseEndedItsOwn) {
+  host_plugin host(subscribe("esx"), true, false);
+  const std::string end_it = std::string(PLUGIN_CTL) + " publish depart-done " + kLun;
+  const ended_program ended = run(snapshot({"--mirror", end_it}));
+  EXPECT_EQ(ended.status, 1);
+  EXPECT_EQ(outcomes(ended.out), "DONE DONE SKIPPED FAILED NOT_RUN NOT_RUN");
+  EXPECT_NE(ended.err.find("somebody else ended this hand-shake"), std::string::npos) << ended.err;
+  EXPECT_EQ(log->count("Depart relation done"), 1U);
+}
+
+// The host's question whether its mirror is done answers itself, so the local caller's report of it
+// comes too late.
+TEST_F(PluginCtlSnapshot, GoesOnWithALunThatNeedsNoMirror) {
+  const auto host = subscribe("esx");
+  program tool(command_line({"snapshot", "--p80", kReplicaLun, "-o", "json", "--mirror",
+                             "until [ -e /tmp/departed ]; do sleep 0.01; done"}));
+  ASSERT_TRUE(host->next_cmd());
+  EXPECT_TRUE(call->lun_op(start_mirror(kReplicaLun)));
+  ASSERT_TRUE(tool.wait_for_out("init_snapshot"));
+  EXPECT_TRUE(call->lun_op(is_mirror_done(kReplicaLun, LUN_TYPE_80)));
+  EXPECT_TRUE(call->lun_op(depart_relation(kReplicaLun)));
+  EXPECT_EQ(run({"touch", "/tmp/departed"}).status, 0);
+  EXPECT_EQ(tool.wait(), 0) << tool.err();
+  EXPECT_EQ(outcomes(tool.out()), "DONE DONE SKIPPED DONE SKIPPED DONE");
+}
+
 TEST_F(PluginCtlSnapshot, ASignalInTheFirstMomentWaitsForTheRefusal) {
   const auto host = subscribe("esx");
   auto somebody =

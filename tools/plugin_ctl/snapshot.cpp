@@ -120,14 +120,28 @@ void snapshot::init_snapshot(SnapshotStep& step) {
 }
 
 void snapshot::mirror_done(SnapshotStep& step) {
-  judge(step, publish(options_.about.mirror_done(), with_.limits()),
-        "somebody else ended or moved this hand-shake meanwhile, or the daemon was restarted: the "
-        "daemon's lines in the system log say which");
+  const auto result = publish(options_.about.mirror_done(), with_.limits());
+  if (result.answered() && !result.response.success()) {
+    // Where no mirror is run for a LUN, the host's own question after it has moved the hand-shake
+    // on, perhaps to its departure already. If it was ended instead, the next step says so.
+    step.set_outcome(SnapshotStep::SKIPPED);
+    step.set_reason("the daemon's answer is no: a host has gone on without it");
+    return;
+  }
+  judge(step, result, "");
 }
 
 void snapshot::wait_for_depart(SnapshotStep& step) {
   const auto result = publish(options_.about.wait_for_depart(), host_wait(step.step()));
-  judge(step, result, next_after_refused_wait(options_.about, result.took));
+  if (judge(step, result, "")) return;
+  if (!result.answered()) return;
+  // A no at once is the answer for a task that is not there; late, for one whose host did not come.
+  const bool is_gone = result.took <= kRefusalTime;
+  owes_depart_ = !is_gone;
+  failure_->why.next =
+      is_gone ? "somebody else ended this hand-shake meanwhile, or the daemon was restarted: its "
+                "lines in the system log say which"
+              : next_after_refused_wait(options_.about, result.took);
 }
 
 void snapshot::depart_done(SnapshotStep& step) {
