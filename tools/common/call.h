@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <functional>
+#include <thread>
 
 #include "common/channel.h"
 #include "common/event.h"
@@ -38,20 +39,21 @@ struct outcome {
 };
 
 namespace detail {
-// Waits until `done` is raised, which gRPC does for every call; cancels it when a signal comes.
-// True when it did.
+// Waits until `done` is raised, which the call's thread does at its end; cancels the call when a
+// signal comes. True when it did.
 bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& stop,
                    const call_options& options) noexcept;
 }  // namespace detail
 
-using async_stub = scsiplugin::PluginService::StubInterface::async_interface;
+using service_stub = scsiplugin::PluginService::StubInterface;
 
-// One unary call, made on this thread and blocking it: `method` is a member of async_stub. Returns
-// only when gRPC is through with the call.
+// One unary call: `method` is a member of service_stub. It has a thread of its own, while this one
+// watches for signals; returns when it has ended. Throws std::system_error, before the call, when
+// there is no thread to be had.
 template <class Request, class Response>
-outcome<Response> call(scsiplugin::PluginService::StubInterface& stub,
-                       void (async_stub::*method)(grpc::ClientContext*, const Request*, Response*,
-                                                  std::function<void(grpc::Status)>),
+outcome<Response> call(service_stub& stub,
+                       grpc::Status (service_stub::*method)(grpc::ClientContext*, const Request&,
+                                                            Response*),
                        const Request& request, interrupt& stop, const call_options& options = {}) {
   outcome<Response> result;
   event done;
@@ -59,11 +61,12 @@ outcome<Response> call(scsiplugin::PluginService::StubInterface& stub,
   set_timeout(context, options.timeout);
   context.set_wait_for_ready(options.wait_for_ready);
   const auto start = std::chrono::steady_clock::now();
-  (stub.async()->*method)(&context, &request, &result.response, [&](const grpc::Status& status) {
-    result.status = status;
+  std::thread thread([&] {
+    result.status = (stub.*method)(&context, request, &result.response);
     done.raise();
   });
   result.interrupted = detail::wait_for_call(context, done, stop, options);
+  thread.join();
   result.took = std::chrono::steady_clock::now() - start;
   return result;
 }

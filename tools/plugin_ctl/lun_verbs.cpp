@@ -55,7 +55,7 @@ void name_task(Request& request, const lun_id& id) {
 exit_code ask_lun(session& with, const std::string& command, const lun_id& id,
                   const LunCmd& request, const std::string& if_no) {
   const LunCmdResp answer = with.ask<LunCmd, LunCmdResp>(
-      "LunOp " + command + " for " + id.text(), &async_stub::LunOp, request, with.limits());
+      "LunOp " + command + " for " + id.text(), &service_stub::LunOp, request, with.limits());
   return print_verdict(with, command, id.text(), answer, answer.success(), if_no);
 }
 

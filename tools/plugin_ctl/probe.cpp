@@ -26,7 +26,7 @@ struct probe_options {
 // connection made for the purpose.
 outcome<PluginClientList> probe_endpoint(const session& with, const endpoint& where) {
   const auto stub = PluginService::NewStub(make_channel(where));
-  return call(*stub, &async_stub::PluginConnList, Empty(), with.stop, with.limits());
+  return call(*stub, &service_stub::PluginConnList, Empty(), with.stop, with.limits());
 }
 
 std::vector<endpoint> chosen_endpoints(const session& with, const probe_options& options) {

@@ -28,7 +28,7 @@ verdict publish(session& with, const std::string& name, const hand_shake& about,
                 const std::string& if_interrupted) {
   const auto start = std::chrono::steady_clock::now();
   auto answer = with.ask<PluginCmd, PluginCmdResp>("Publish " + name + " for " + about.p80,
-                                                   &async_stub::Publish, command,
+                                                   &service_stub::Publish, command,
                                                    with.limits(timeout), if_interrupted);
   return {std::move(answer), std::chrono::steady_clock::now() - start};
 }

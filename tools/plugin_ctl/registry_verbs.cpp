@@ -67,7 +67,7 @@ exit_code unsubscribe(session& with, const std::string& plugin_id) {
   PluginClient request;
   request.set_plugin_id(plugin_id);
   const Empty answer =
-      with.ask<PluginClient, Empty>("UnSubscribe of " + plugin_id, &async_stub::UnSubscribe,
+      with.ask<PluginClient, Empty>("UnSubscribe of " + plugin_id, &service_stub::UnSubscribe,
                                     request, with.limits(), "repeat it: twice does no harm");
   return print_verdict(with, "UnSubscribe", plugin_id, answer, true, "");
 }
@@ -75,7 +75,7 @@ exit_code unsubscribe(session& with, const std::string& plugin_id) {
 }  // namespace
 
 PluginClientList list_plugins(session& with) {
-  auto plugins = with.ask<Empty, PluginClientList>("PluginConnList", &async_stub::PluginConnList,
+  auto plugins = with.ask<Empty, PluginClientList>("PluginConnList", &service_stub::PluginConnList,
                                                    Empty(), with.limits());
   std::sort(plugins.mutable_list()->begin(), plugins.mutable_list()->end(),
             [](const auto& a, const auto& b) { return a.plugin_id() < b.plugin_id(); });

@@ -15,7 +15,7 @@ grpc::Channel& session::channel() {
   return *channel_;
 }
 
-scsiplugin::PluginService::StubInterface& session::stub() {
+service_stub& session::stub() {
   channel();
   if (!stub_) stub_ = scsiplugin::PluginService::NewStub(channel_);
   return *stub_;

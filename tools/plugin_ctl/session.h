@@ -27,14 +27,14 @@ class session {
 
   // The daemon named by --target. Connects with the first call.
   grpc::Channel& channel();
-  scsiplugin::PluginService::StubInterface& stub();
+  service_stub& stub();
 
   // One call whose answer the verb cannot do without. `what` names the call for error messages.
   // Throws tool_error when no answer came: for a signal, `if_interrupted` says what is left to do.
   template <class Request, class Response>
   Response ask(const std::string& what,
-               void (async_stub::*method)(grpc::ClientContext*, const Request*, Response*,
-                                          std::function<void(grpc::Status)>),
+               grpc::Status (service_stub::*method)(grpc::ClientContext*, const Request&,
+                                                    Response*),
                const Request& request, const call_options& options,
                const std::string& if_interrupted = "nothing is left behind: call it again") {
     auto result = call(stub(), method, request, stop, options);
@@ -56,7 +56,7 @@ class session {
 
  private:
   std::shared_ptr<grpc::Channel> channel_;
-  std::unique_ptr<scsiplugin::PluginService::StubInterface> stub_;
+  std::unique_ptr<service_stub> stub_;
 };
 
 // One line of talk on stderr, with the program's name before it.

@@ -187,7 +187,7 @@ void snapshot::run_command(SnapshotStep& step, const std::string& command) {
 }
 
 outcome<PluginCmdResp> snapshot::publish(const PluginCmd& command, const call_options& options) {
-  return call(with_.stub(), &async_stub::Publish, command, with_.stop, options);
+  return call(with_.stub(), &service_stub::Publish, command, with_.stop, options);
 }
 
 call_options snapshot::host_wait(const std::string& step) {
@@ -208,7 +208,7 @@ std::optional<grpc::Status> snapshot::connect() {
     if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
       // Ends at once with the reason, which the channel tells only by way of a call.
       const auto list =
-          call(with_.stub(), &async_stub::PluginConnList, google::protobuf::Empty(), with_.stop);
+          call(with_.stub(), &service_stub::PluginConnList, google::protobuf::Empty(), with_.stop);
       if (!list.answered()) return list.status;
     }
     with_.channel().WaitForStateChange(state, std::chrono::system_clock::now() + kSlice);

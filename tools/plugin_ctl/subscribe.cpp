@@ -1,5 +1,3 @@
-#include <poll.h>
-
 #include <algorithm>
 #include <array>
 #include <ctime>
@@ -28,19 +26,15 @@ using scsiplugin::PluginClientList;
 using scsiplugin::PluginCmd;
 using clock = std::chrono::steady_clock;
 
-// An open Subscribe call. gRPC's threads fill it, the main thread empties it. Its end cancels the
-// call if nothing else has ended it.
-class subscription : private grpc::ClientReadReactor<PluginCmd> {
+// An open Subscribe call, read by a thread of its own. Its end cancels the call if nothing else has
+// ended it.
+class subscription {
  public:
-  subscription(scsiplugin::PluginService::StubInterface& stub, PluginClient request)
-      : request_(std::move(request)) {
-    stub.async()->Subscribe(&context_, &request_, this);
-    StartRead(&incoming_);
-    StartCall();
-  }
-  ~subscription() override {
+  subscription(service_stub& stub, PluginClient request)
+      : request_(std::move(request)), reader_([this, &stub] { read_all(stub); }) {}
+  ~subscription() {
     context_.TryCancel();
-    while (!status()) wait_for_news();
+    reader_.join();
   }
   subscription(const subscription&) = delete;
   subscription& operator=(const subscription&) = delete;
@@ -62,36 +56,27 @@ class subscription : private grpc::ClientReadReactor<PluginCmd> {
   }
 
  private:
-  void OnReadDone(bool ok) override {
-    if (!ok) return;  // OnDone follows
-    {
+  void read_all(service_stub& stub) {
+    const auto stream = stub.Subscribe(&context_, request_);
+    PluginCmd command;
+    while (stream->Read(&command)) {
       const std::lock_guard lock(mutex_);
-      commands_.push_back(std::move(incoming_));
+      commands_.push_back(std::move(command));
       news_.raise();
     }
-    StartRead(&incoming_);
-  }
-
-  // Raised under the lock: whoever has seen the status may destroy this object.
-  void OnDone(const grpc::Status& status) override {
+    const grpc::Status status = stream->Finish();
     const std::lock_guard lock(mutex_);
     status_ = status;
     news_.raise();
   }
 
-  void wait_for_news() {
-    pollfd news = {news_.fd(), POLLIN, 0};
-    poll(&news, 1, -1);
-    news_.take();
-  }
-
   const PluginClient request_;
   grpc::ClientContext context_;
-  PluginCmd incoming_;  // gRPC's, while a read is under way
   event news_;
   std::mutex mutex_;
   std::deque<PluginCmd> commands_;      // under mutex_
   std::optional<grpc::Status> status_;  // under mutex_
+  std::thread reader_;                  // last: it uses all of the above
 };
 
 std::string now_text() {
@@ -159,7 +144,7 @@ class subscriber {
     call_options options = with_.limits();
     options.undisturbed = options.timeout;
     const auto list = with_.ask<Empty, PluginClientList>(
-        "PluginConnList", &async_stub::PluginConnList, Empty(), options);
+        "PluginConnList", &service_stub::PluginConnList, Empty(), options);
     for (const PluginClient& entry : list.list()) {
       if (entry.plugin_id() == self_.plugin_id()) return entry;
     }
@@ -250,7 +235,7 @@ class subscriber {
   grpc::Status unsubscribe() {
     call_options options = with_.limits();
     options.undisturbed = options.timeout;
-    return call<PluginClient, Empty>(with_.stub(), &async_stub::UnSubscribe, self_, with_.stop,
+    return call<PluginClient, Empty>(with_.stub(), &service_stub::UnSubscribe, self_, with_.stop,
                                      options)
         .status;
   }
