@@ -97,7 +97,7 @@ TEST_F(PluginCtlSubscribe, UnsubscribesWhenNobodyReadsItAnyMore) {
 // A daemon that does not answer the UnSubscribe must not keep the tool from ending.
 TEST_F(PluginCtlSubscribe, SaysThatItMayStayBehindWhenItCannotUnsubscribe) {
   const auto watcher = start_subscribe({"w", "-t", "127.0.0.1", "--timeout", "1"});
-  kill(daemon->pid(), SIGSTOP);
+  daemon->stop();
   watcher->signal(SIGINT);
   EXPECT_EQ(watcher->wait(), 3);
   EXPECT_NE(watcher->err().find("plugin_ctl unsubscribe w"), std::string::npos) << watcher->err();

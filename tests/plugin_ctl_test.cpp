@@ -166,7 +166,7 @@ TEST_F(PluginCtl, SaysWhatToDoWhenTheDaemonIsDown) {
 
 TEST_F(PluginCtl, GivesUpAtTheDeadline) {
   start();
-  kill(daemon->pid(), SIGSTOP);
+  daemon->stop();
   for (words verb : kCallingVerbs) {
     verb.insert(verb.end(), {"--timeout", "0.2"});
     const ended_program ended = ctl(verb);
@@ -255,7 +255,7 @@ TEST_F(PluginCtl, ProbesBothEndpointsOnConnectionsOfTheirOwn) {
   EXPECT_EQ(ctl({"probe", "--tcp"}).status, 0);
   EXPECT_EQ(ctl({"probe", "--unix"}).status, 3);
   EXPECT_EQ(ctl({"-t", "localhost", "probe"}).status, 0);
-  kill(daemon->pid(), SIGSTOP);
+  daemon->stop();
   EXPECT_EQ(ctl({"probe", "--tcp", "--timeout", "0.2"}).status, 3);
   EXPECT_EQ(log->count("Connected"), 0U);
 }

@@ -101,6 +101,12 @@ std::optional<int> daemon_process::wait() {
   return status;
 }
 
+void daemon_process::stop() const {
+  ::kill(pid_, SIGSTOP);
+  siginfo_t info = {};
+  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid_), &info, WSTOPPED | WNOWAIT), 0);
+}
+
 void daemon_process::kill() {
   if (pid_ <= 0) return;
   ::kill(pid_, SIGKILL);

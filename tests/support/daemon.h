@@ -52,6 +52,8 @@ class daemon_process {
   bool alive() const;
   // Waits for its end. The wait status; empty when it has not ended.
   std::optional<int> wait();
+  // Stops it with SIGSTOP; it is stopped when this returns.
+  void stop() const;
   // Ends it with SIGKILL.
   void kill();
 
