@@ -1,0 +1,128 @@
+#include "plugin_agent/agent.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "common/command_fields.h"
+#include "common/text.h"
+#include "plugin_agent/agent_log.h"
+
+namespace vexo::tools {
+
+using scsiplugin::PluginClient;
+using scsiplugin::PluginCmd;
+
+agent::agent(const agent_options& options) : options_(options) {
+  PluginClient self;
+  self.set_plugin_id(options.plugin_id);
+  self.set_type(options.type);
+  for (const auto& where : options.appliances) {
+    const auto served = std::make_shared<appliance>(where);
+    subscriptions_.push_back(std::make_unique<subscription>(
+        served, self, [this, served](const PluginCmd& command) { on_command(served, command); }));
+  }
+}
+
+agent::~agent() { unsubscribe(); }
+
+void agent::run(interrupt& stop) {
+  constexpr auto kForever = std::chrono::steady_clock::time_point::max();
+  while (!stop.requested()) {
+    stop.wait({changed_.fd()}, kForever);
+    join_ended();
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    leaving_ = true;
+    agent_log().info("told to stop; hand-shakes under way: {}", running_.size());
+    for (const auto& one : running_) one.shake->stop();
+  }
+  const int first = stop.count();
+  while (!all_ended()) {
+    stop.wait({changed_.fd()}, kForever, stop.count());
+    join_ended();
+    if (stop.count() > first) {
+      const std::lock_guard lock(mutex_);
+      for (const auto& one : running_) one.shake->stop_now();
+    }
+  }
+  unsubscribe();
+}
+
+void agent::on_command(const std::shared_ptr<appliance>& where, const PluginCmd& command) {
+  if (command.has_init_snapshot_req()) {
+    if (options_.concerns(command.init_snapshot_req())) {
+      begin(where, command);
+    } else {
+      agent_log().info("LUN {}: not this host's, ignored",
+                       printable(command.init_snapshot_req().src_lun_p80()));
+    }
+    return;
+  }
+  if (command.has_depart_done_req()) {
+    const std::lock_guard lock(mutex_);
+    for (const auto& one : running_) {
+      if (one.where == where && one.shake->lun() == command.task_id()) {
+        one.shake->departed(command.depart_done_req().result());
+      }
+    }
+    return;
+  }
+  agent_log().debug("{} ignored", command_name(command));
+}
+
+void agent::begin(const std::shared_ptr<appliance>& where, const PluginCmd& command) {
+  const std::lock_guard lock(mutex_);
+  if (leaving_) return;
+  try {
+    running next = {where, std::make_shared<handshake>(options_, where, command), {}};
+    // The daemon announces a LUN again only when its former hand-shake is over.
+    const auto former = std::find_if(running_.begin(), running_.end(), [&](const auto& one) {
+      return one.where == where && one.shake->lun() == next.shake->lun();
+    });
+    std::thread before;
+    if (former != running_.end()) {
+      former->shake->superseded();
+      before = std::move(former->thread);
+      running_.erase(former);
+    }
+    running_.push_back(std::move(next));
+    running_.back().thread =
+        std::thread([this, shake = running_.back().shake, before = std::move(before)]() mutable {
+          if (before.joinable()) before.join();
+          shake->run();
+          changed_.raise();
+        });
+  } catch (const std::exception& error) {
+    agent_log().error("LUN {}: no hand-shake: {}", printable(command.task_id()), error.what());
+  }
+}
+
+void agent::join_ended() {
+  changed_.take();
+  std::list<running> ended;
+  {
+    const std::lock_guard lock(mutex_);
+    for (auto one = running_.begin(); one != running_.end();) {
+      const auto next = std::next(one);
+      if (one->shake->over()) ended.splice(ended.end(), running_, one);
+      one = next;
+    }
+  }
+  for (auto& one : ended) one.thread.join();
+}
+
+bool agent::all_ended() {
+  const std::lock_guard lock(mutex_);
+  return running_.empty();
+}
+
+void agent::unsubscribe() {
+  std::vector<std::thread> leaving;
+  for (auto& one : subscriptions_) leaving.emplace_back([&one] { one.reset(); });
+  for (auto& thread : leaving) thread.join();
+  subscriptions_.clear();
+}
+
+}  // namespace vexo::tools

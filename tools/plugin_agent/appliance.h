@@ -1,0 +1,53 @@
+#ifndef TOOLS_PLUGIN_AGENT_APPLIANCE_H_
+#define TOOLS_PLUGIN_AGENT_APPLIANCE_H_
+
+#include <grpcpp/grpcpp.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "common/endpoint.h"
+#include "plugin_service.grpc.pb.h"
+
+namespace vexo::tools {
+
+// One appliance's daemon and the connection to it, shared by the subscription, which renews it, and
+// by the hand-shakes. Any thread may call.
+class appliance {
+ public:
+  explicit appliance(endpoint where);
+
+  // Looks the name up, for an IPv4 address, and begins a new connection to it. Throws
+  // std::runtime_error. Blocks for as long as the name service takes.
+  void connect();
+
+  std::shared_ptr<scsiplugin::PluginService::Stub> stub() const;
+  // As in "10.0.0.5:3265 (nas1)".
+  std::string name() const;
+
+  // How often the connection has been lost so far, as the subscription has seen it: a daemon that
+  // answers after that may be another one, which knows of no hand-shake.
+  unsigned losses() const { return losses_; }
+  void count_loss() { ++losses_; }
+
+  struct answer {
+    grpc::Status status;
+    bool yes = false;  // the daemon's `success`
+  };
+  answer lun_op(const scsiplugin::LunCmd& request, std::chrono::milliseconds timeout) const;
+
+ private:
+  const endpoint where_;
+  mutable std::mutex mutex_;
+  // Both under mutex_.
+  std::shared_ptr<scsiplugin::PluginService::Stub> stub_;
+  std::string address_;
+  std::atomic<unsigned> losses_ = 0;
+};
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_AGENT_APPLIANCE_H_

@@ -1,0 +1,102 @@
+#include "plugin_agent/child_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <utility>
+
+extern "C" {
+#include <sys/pidfd.h>  // of glibc 2.36: does not say itself that it is C
+}
+
+namespace vexo::tools {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds kDyingTime{200};
+// How often to look where the kernel has no descriptors for processes.
+constexpr milliseconds kLook{10};
+
+std::vector<char*> pointers_into(std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  pointers.reserve(strings.size() + 1);
+  for (auto& text : strings) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+bool has_ended(pid_t pid) noexcept {
+  siginfo_t info = {};
+  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+         info.si_pid != 0;
+}
+
+[[noreturn]] void become(const exec_image& image, int null_fd, int output_fd,
+                         int announce_fd) noexcept {
+  setpgid(0, 0);
+  if (announce_fd >= 0) {
+    child_announcement announcement;
+    announcement.pid = getpid();
+    send(announce_fd, &announcement, sizeof announcement, MSG_NOSIGNAL);
+  }
+  dup2(null_fd, STDIN_FILENO);
+  dup2(output_fd, STDOUT_FILENO);
+  dup2(output_fd, STDERR_FILENO);
+  if (chdir("/") != 0) _exit(127);
+  struct sigaction standard = {};
+  standard.sa_handler = SIG_DFL;
+  for (int signal = 1; signal < SIGRTMAX; ++signal) sigaction(signal, &standard, nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
+  execve(image.argv()[0], image.argv(), image.envp());
+  _exit(127);
+}
+
+}  // namespace
+
+exec_image::exec_image(std::vector<std::string> arguments, std::vector<std::string> environment)
+    : arguments_(std::move(arguments)),
+      environment_(std::move(environment)),
+      argv_(pointers_into(arguments_)),
+      envp_(pointers_into(environment_)) {}
+
+pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd) noexcept {
+  const pid_t pid = fork();
+  if (pid == 0) become(image, null_fd, output_fd, announce_fd);
+  if (pid > 0) setpgid(pid, pid);  // whoever of the two comes first
+  return pid;
+}
+
+bool await_child(pid_t pid, steady_clock::time_point deadline) noexcept {
+  pollfd exit_watch = {pidfd_open(pid, 0), POLLIN, 0};
+  for (;;) {
+    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+    if (has_ended(pid) || left.count() <= 0) break;
+    const auto pause = exit_watch.fd < 0 ? std::min(kLook, left) : left;
+    poll(&exit_watch, 1, static_cast<int>(pause.count()));
+  }
+  if (exit_watch.fd >= 0) close(exit_watch.fd);
+  return has_ended(pid);
+}
+
+bool kill_child_group(pid_t pid) noexcept {
+  kill(-pid, SIGKILL);
+  return await_child(pid, steady_clock::now() + kDyingTime);
+}
+
+int reap_child(pid_t pid) noexcept {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) return 127;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace vexo::tools

@@ -1,0 +1,64 @@
+#ifndef TOOLS_PLUGIN_AGENT_CHILD_PROCESS_H_
+#define TOOLS_PLUGIN_AGENT_CHILD_PROCESS_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace vexo::tools {
+
+// A program's arguments and environment in the form the kernel takes them. Built beforehand, so
+// that a process that may not allocate can start the program.
+class exec_image {
+ public:
+  // The first argument is the program's path.
+  exec_image(std::vector<std::string> arguments, std::vector<std::string> environment);
+  exec_image(exec_image&&) = default;
+  exec_image& operator=(exec_image&&) = default;
+  exec_image(const exec_image&) = delete;
+  exec_image& operator=(const exec_image&) = delete;
+  ~exec_image() = default;
+
+  char* const* argv() const { return argv_.data(); }
+  char* const* envp() const { return envp_.data(); }
+
+ private:
+  std::vector<std::string> arguments_;
+  std::vector<std::string> environment_;
+  std::vector<char*> argv_;  // into arguments_
+  std::vector<char*> envp_;
+};
+
+// The following allocate nothing and take no lock, so that the child of a threaded process may use
+// them.
+
+// Starts the program in a process group of its own, in "/", with no signal blocked, stdin from
+// `null_fd`, stdout and stderr to `output_fd`. With `announce_fd` not -1 the child sends an
+// announcement with its own id down that socket before it becomes the program, so that whoever
+// listens knows of it however the parent ends. Returns its id, or -1 with errno set. A program that
+// cannot be started exits with 127.
+pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd) noexcept;
+
+// What a child sends down `announce_fd`. `kind` leads every message on that socket.
+struct child_announcement {
+  static constexpr int kKind = 'p';
+  int kind = kKind;
+  int pid = 0;
+};
+
+// Blocks until the child has ended or `deadline` has passed; true when it has ended. Does not reap
+// it: until then its id belongs to nobody else.
+bool await_child(pid_t pid, std::chrono::steady_clock::time_point deadline) noexcept;
+
+// Kills the child's whole process group and waits a moment for the child. False when it lives on: a
+// process that writes to a frozen file system, or freezes one, cannot die before that is over.
+bool kill_child_group(pid_t pid) noexcept;
+
+// Reaps an ended child: its exit code, or 128 and the signal that ended it.
+int reap_child(pid_t pid) noexcept;
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_AGENT_CHILD_PROCESS_H_

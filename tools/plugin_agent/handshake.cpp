@@ -1,0 +1,311 @@
+#include "plugin_agent/handshake.h"
+
+#include <poll.h>
+#include <spdlog/fmt/chrono.h>
+
+#include <algorithm>
+#include <ctime>
+#include <stdexcept>
+#include <utility>
+
+#include "common/channel.h"
+#include "common/command_fields.h"
+#include "common/errors.h"
+#include "common/output.h"
+#include "common/text.h"
+#include "handshake_record.pb.h"
+#include "plugin_agent/agent_log.h"
+#include "plugin_agent/recovery.h"
+
+namespace vexo::tools {
+
+using scsiplugin::LunCmd;
+using std::chrono::milliseconds;
+
+namespace {
+
+// How often another freeze on this host is looked at.
+constexpr milliseconds kTurnLook{50};
+
+// Ends the hand-shake; the reason of its verdict.
+class given_up : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+std::vector<std::string> hook_environment(const agent_options& options, const appliance& where,
+                                          const scsiplugin::PluginCmd& command) {
+  auto environment = command_environment(command);
+  environment.push_back("VEXO_PLUGIN_ID=" + options.plugin_id);
+  environment.push_back("VEXO_APPLIANCE=" + where.name());
+  return environment;
+}
+
+std::uint32_t count_of(milliseconds time) { return static_cast<std::uint32_t>(time.count()); }
+
+}  // namespace
+
+handshake::handshake(const agent_options& options, std::shared_ptr<const appliance> where,
+                     scsiplugin::PluginCmd command)
+    : options_(options),
+      appliance_(std::move(where)),
+      command_(std::move(command)),
+      runner_(hook_environment(options, *appliance_, command_)) {}
+
+void handshake::run() {
+  agent_log().info("LUN {}: snapshot announced by {}", printable(lun()), appliance_->name());
+  try {
+    take_part();
+  } catch (const std::exception& error) {
+    verdict_ = "failed";
+    reason_ = error.what();
+  }
+  try {
+    write_record();
+  } catch (const std::exception& error) {
+    agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), verdict_, error.what());
+  }
+  over_ = true;
+}
+
+void handshake::take_part() {
+  if (!options_.hooks_dir.empty()) hooks_ = list_hooks(options_.hooks_dir);
+  for (const auto& [name, reason] : hooks_.refused) {
+    agent_log().warn("hook {} is not run: {}", printable(name), reason);
+  }
+  plan_ = {options_.mount_points, hooks_.usable, options_.max_freeze, options_.hook_timeout};
+  prepare();
+  start_mirror();
+  wait_for_mirror();
+
+  quiesce rest(plan_, wait_for_turn(), runner_, runs_);
+  try {
+    rest.begin();
+    depart(rest);
+    hold(rest);
+    rest.end();
+    verdict_ = verdict();
+  } catch (const std::runtime_error&) {
+    try {
+      rest.end();
+    } catch (const quiesce_error&) {
+      // The first reason is the one to tell.
+    }
+    frozen_for_ = rest.frozen_for();
+    throw;
+  }
+  frozen_for_ = rest.frozen_for();
+}
+
+void handshake::prepare() {
+  for (const auto& one : plan_.hooks) {
+    runs_.push_back(runner_.run(one, "prepare", options_.hook_timeout, nullptr));
+    if (runs_.back().timed_out) throw given_up("prepare hook " + one.name + " took too long");
+    if (!runs_.back().ok()) {
+      throw given_up("prepare hook " + one.name + " exited with " +
+                     std::to_string(runs_.back().exit_code));
+    }
+    wait_or_give_up(milliseconds(0));
+  }
+}
+
+void handshake::start_mirror() {
+  // The appliance waits for this long.
+  const auto deadline = start_ + kHostWait;
+  for (;;) {
+    const auto answer = ask_start_mirror();
+    if (answer.yes) return;
+    if (answer.status.ok()) throw given_up("the appliance no longer waits for this host");
+    if (clock::now() >= deadline) {
+      throw given_up("the mirror could not be started: " + status_text(answer.status));
+    }
+    wait_or_give_up(options_.poll);
+  }
+}
+
+void handshake::wait_for_mirror() {
+  LunCmd question = lun_command();
+  auto& body = *question.mutable_is_mirror_done_req();
+  body.set_task_id(command_.task_id());
+  body.set_type(scsiplugin::LUN_TYPE_80);
+  body.set_src_lun_id(lun());
+  const auto deadline = clock::now() + options_.max_mirror;
+  for (;;) {
+    // Before the first time too: the yes for a LUN that needs no mirror moves the task on, and must
+    // not do so before the local caller has seen that the mirror may start.
+    wait_or_give_up(options_.poll);
+    const auto answer = appliance_->lun_op(question, kCallTimeout);
+    if (answer.yes) return;
+    if (answer.status.ok() && connection_was_lost()) {
+      // A daemon that was started anew knows of no hand-shake and would answer no for ever.
+      // Asking for the mirror again tells, and cannot be asked each time: it would undo a "mirror
+      // done" that comes in between.
+      if (const auto known = ask_start_mirror(); known.status.ok() && !known.yes) {
+        throw given_up("the appliance has forgotten the hand-shake: its daemon was started anew");
+      }
+    }
+    if (clock::now() >= deadline) throw given_up("the mirror was not done in time (--max-mirror)");
+  }
+}
+
+std::optional<freeze_turn> handshake::wait_for_turn() {
+  if (plan_.empty()) return std::nullopt;
+  for (;;) {
+    if (auto turn = freeze_turn::try_take(options_.run_dir)) {
+      thaw_left_behind(options_.run_dir, options_.hook_timeout);
+      return turn;
+    }
+    wait_or_give_up(kTurnLook);
+  }
+}
+
+void handshake::depart(quiesce& rest) {
+  connection_was_lost();  // what was before does not matter any more
+  for (;;) {
+    const auto news = wait(clock::now(), rest.fd());
+    if (news.stop) throw given_up("the agent was told to stop");
+    if (news.superseded || news.departed) throw given_up("the appliance has given up");
+    rest.check();
+    const auto answer = ask_depart(rest);
+    if (answer.yes) return;
+    if (answer.status.ok()) throw given_up("the appliance no longer waits for the frozen host");
+    wait(std::min(clock::now() + options_.poll, rest.deadline()), rest.fd());
+  }
+}
+
+void handshake::hold(quiesce& rest) {
+  for (;;) {
+    const auto news = wait(std::min(clock::now() + options_.poll, rest.deadline()), rest.fd());
+    rest.check();
+    if (news.departed) {
+      if (*news.departed == 0) break;
+      throw given_up("the appliance reports result " + std::to_string(*news.departed) +
+                     " of the split");
+    }
+    if (news.superseded) break;
+    if (news.stop_now) throw given_up("the agent was told to stop before the split was over");
+    const auto answer = ask_depart(rest);
+    if (answer.status.ok() && !answer.yes) break;
+  }
+  rest.check();
+  if (connection_was_lost()) {
+    throw given_up(
+        "the connection to the appliance was lost while the host was frozen, so it is "
+        "not certain that the split was over before the thaw");
+  }
+}
+
+std::string handshake::verdict() const {
+  const bool hooks_ran = std::any_of(runs_.begin(), runs_.end(),
+                                     [](const auto& run) { return run.phase == "freeze"; });
+  if (hooks_ran) return "application-consistent";
+  return plan_.mount_points.empty() ? "crash-consistent" : "filesystem-consistent";
+}
+
+void handshake::write_record() {
+  for (const auto& run : runs_) {
+    if (!run.output.empty()) {
+      agent_log().info("hook {} {}: {}", printable(run.name), run.phase, printable(run.output));
+    }
+  }
+  HandshakeRecord record;
+  record.set_time(fmt::format("{:%FT%TZ}", fmt::gmtime(std::time(nullptr))));
+  record.set_appliance(appliance_->name());
+  record.set_qel_sn(command_.qel_sn());
+  record.set_lun(lun());
+  record.set_task_id(command_.task_id());
+  record.set_cmd_sn(command_.cmd_sn());
+  record.set_verdict(verdict_);
+  record.set_reason(printable(reason_));
+  record.set_frozen_ms(count_of(frozen_for_));
+  record.set_total_ms(count_of(std::chrono::duration_cast<milliseconds>(clock::now() - start_)));
+  for (const auto& mount_point : plan_.mount_points)
+    record.add_file_systems(printable(mount_point));
+  for (const auto& run : runs_) {
+    auto& hook = *record.add_hooks();
+    hook.set_name(printable(run.name));
+    hook.set_phase(run.phase);
+    hook.set_exit_code(run.exit_code);
+    hook.set_timed_out(run.timed_out);
+    hook.set_ms(count_of(run.took));
+  }
+  for (const auto& refusal : hooks_.refused) record.add_refused_hooks(printable(refusal.name));
+  log_record(to_json(record));
+}
+
+LunCmd handshake::lun_command() const {
+  LunCmd command;
+  command.set_plugin_id(options_.plugin_id);
+  return command;
+}
+
+appliance::answer handshake::ask_start_mirror() {
+  LunCmd question = lun_command();
+  auto& body = *question.mutable_start_mirror_req();
+  body.set_task_id(command_.task_id());
+  body.set_type(scsiplugin::LUN_TYPE_80);
+  body.set_src_lun_id(lun());
+  return appliance_->lun_op(question, kCallTimeout);
+}
+
+appliance::answer handshake::ask_depart(const quiesce& rest) {
+  LunCmd question = lun_command();
+  auto& body = *question.mutable_depart_relation_req();
+  body.set_task_id(command_.task_id());
+  body.set_type(scsiplugin::LUN_TYPE_80);
+  body.set_src_lun_id(lun());
+  // Never later than the thaw: an agent that was stopped in between must not promise a quiet host.
+  const auto left = std::chrono::ceil<milliseconds>(rest.deadline() - clock::now());
+  return appliance_->lun_op(question, std::min(kCallTimeout, left));
+}
+
+bool handshake::connection_was_lost() {
+  const unsigned losses = appliance_->losses();
+  return std::exchange(losses_seen_, losses) != losses;
+}
+
+void handshake::tell(void (*change)(news_flags&)) {
+  const std::lock_guard lock(mutex_);
+  change(news_);
+  news_event_.raise();
+}
+
+void handshake::stop() {
+  tell([](news_flags& news) { news.stop = true; });
+}
+
+void handshake::stop_now() {
+  tell([](news_flags& news) { news.stop = news.stop_now = true; });
+}
+
+void handshake::superseded() {
+  tell([](news_flags& news) { news.superseded = true; });
+}
+
+void handshake::departed(int result) {
+  const std::lock_guard lock(mutex_);
+  news_.departed = result;
+  news_event_.raise();
+}
+
+handshake::news_flags handshake::wait(clock::time_point until, int fd) {
+  pollfd watched[] = {{news_event_.fd(), POLLIN, 0}, {fd, POLLIN, 0}};
+  for (;;) {
+    const auto left = std::chrono::ceil<milliseconds>(until - clock::now());
+    const int ready =
+        poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(left.count(), 0)));
+    if (ready < 0 && left.count() > 0) continue;
+    news_event_.take();
+    const std::lock_guard lock(mutex_);
+    return news_;
+  }
+}
+
+void handshake::wait_or_give_up(milliseconds time) {
+  const auto news = wait(clock::now() + time);
+  if (news.stop) throw given_up("the agent was told to stop");
+  if (news.superseded) throw given_up("the appliance announced another snapshot of the LUN");
+  if (news.departed) throw given_up("the appliance has given up");
+}
+
+}  // namespace vexo::tools

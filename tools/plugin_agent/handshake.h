@@ -1,0 +1,102 @@
+#ifndef TOOLS_PLUGIN_AGENT_HANDSHAKE_H_
+#define TOOLS_PLUGIN_AGENT_HANDSHAKE_H_
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/event.h"
+#include "lun_cmd.pb.h"
+#include "plugin_agent/appliance.h"
+#include "plugin_agent/freeze_turn.h"
+#include "plugin_agent/hooks.h"
+#include "plugin_agent/options.h"
+#include "plugin_agent/quiesce.h"
+#include "plugin_cmd.pb.h"
+
+namespace vexo::tools {
+
+// The host's side of one snapshot of one LUN, from the announcement to the verdict in the log.
+// Several run at once, on a thread each; what they freeze they freeze in turns.
+class handshake {
+ public:
+  handshake(const agent_options& options, std::shared_ptr<const appliance> where,
+            scsiplugin::PluginCmd command);
+
+  // All of it. Blocks for as long as the mirror takes.
+  void run();
+
+  // The following may be called by any thread, at any time.
+
+  // Give up, unless the appliance may already be splitting the mirror: then hold out to the end.
+  void stop();
+  // Give up in any case, and thaw.
+  void stop_now();
+  // The appliance says that the split is over.
+  void departed(int result);
+  // The appliance announces another snapshot of the LUN, so this one is over.
+  void superseded();
+
+  // Whether run() is through.
+  bool over() const { return over_; }
+  const std::string& lun() const { return command_.init_snapshot_req().src_lun_p80(); }
+
+ private:
+  using clock = std::chrono::steady_clock;
+
+  struct news_flags {
+    bool stop = false;
+    bool stop_now = false;
+    bool superseded = false;
+    std::optional<int> departed;
+  };
+
+  void take_part();
+  void prepare();
+  void start_mirror();
+  void wait_for_mirror();
+  std::optional<freeze_turn> wait_for_turn();
+  void hold(quiesce& rest);
+  void depart(quiesce& rest);
+  std::string verdict() const;
+  void write_record();
+
+  scsiplugin::LunCmd lun_command() const;
+  appliance::answer ask_start_mirror();
+  appliance::answer ask_depart(const quiesce& rest);
+
+  // Whether the connection was lost since the last time this was asked.
+  bool connection_was_lost();
+
+  void tell(void (*change)(news_flags&));
+  // Blocks until there is news, `fd` is readable, or `until`; then the news.
+  news_flags wait(clock::time_point until, int fd = -1);
+  // The same, for the time in which giving up costs nothing: throws when it is asked for.
+  void wait_or_give_up(std::chrono::milliseconds time);
+
+  const agent_options& options_;
+  const std::shared_ptr<const appliance> appliance_;
+  const scsiplugin::PluginCmd command_;
+  const clock::time_point start_ = clock::now();
+  hook_runner runner_;
+  hook_listing hooks_;
+  quiesce_plan plan_;
+  std::vector<hook_run> runs_;
+  std::chrono::milliseconds frozen_for_{};
+  unsigned losses_seen_ = appliance_->losses();
+  std::string verdict_;
+  std::string reason_;
+  std::atomic<bool> over_ = false;
+
+  event news_event_;
+  std::mutex mutex_;
+  news_flags news_;  // under mutex_
+};
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_AGENT_HANDSHAKE_H_

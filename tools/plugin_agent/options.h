@@ -1,0 +1,44 @@
+#ifndef TOOLS_PLUGIN_AGENT_OPTIONS_H_
+#define TOOLS_PLUGIN_AGENT_OPTIONS_H_
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/endpoint.h"
+#include "common/exit_codes.h"
+#include "plugin_cmd.pb.h"
+
+namespace vexo::tools {
+
+// How an agent is to behave, checked as far as it can be without the appliance.
+struct agent_options {
+  std::vector<endpoint> appliances;  // IPv4 addresses and host names
+  std::string plugin_id;             // may be empty: then the daemon says when a split is over
+  scsiplugin::PluginClient::Type type = scsiplugin::PluginClient::UNKNOWN;
+  std::vector<std::string> luns;
+  bool any_lun = false;
+  std::string hooks_dir;                  // empty for none
+  std::vector<std::string> mount_points;  // to be frozen by the agent itself
+  std::chrono::milliseconds max_freeze = std::chrono::seconds(30);
+  std::chrono::milliseconds poll = std::chrono::seconds(1);
+  std::chrono::milliseconds hook_timeout = std::chrono::seconds(10);
+  std::chrono::milliseconds max_mirror = std::chrono::hours(1);
+  std::string run_dir = "/run/plugin_agent";
+  bool verbose = false;
+  bool thaw_and_exit = false;
+
+  bool freezes() const { return !mount_points.empty() || !hooks_dir.empty(); }
+  // Whether the command is about a LUN of this host, by any of its identifiers.
+  bool concerns(const scsiplugin::InitSnapshotReq& request) const;
+};
+
+// Reads the command line, and the file it names with --config. Empty when there is nothing to run:
+// then the answer to --help or --version, or what is wrong, has been printed, and `end` is the code
+// to end with.
+std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_code& end);
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_AGENT_OPTIONS_H_
