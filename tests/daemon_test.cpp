@@ -28,11 +28,6 @@ namespace {
 
 using namespace scsiplugin;
 
-// Of the sample inventory.
-constexpr char kPlainLun[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
-constexpr char kReplicaLun[] = "c3d9e8b1-2f64-4b7a-9e05-7714aa0c6f2e";
-constexpr char kUnsupportedLun[] = "0e984725-c51c-4bf4-9960-e1c80e27aba0";
-
 const std::vector<log_line> kListening = {
     {6, "scsi_plugin:scsi_plugin_server:30:run_grpc_server Server listening on 0.0.0.0:3265", 0},
     {6,
@@ -75,7 +70,7 @@ TEST_F(Daemon, ServesBothEndpointsWith1024Files) {
   for (const char* target : {kTcpTarget, kUnixTarget}) {
     caller local(connect(target));
     while (local.list().list_size() == 0) std::this_thread::yield();
-    EXPECT_TRUE(local.lun_op(is_lun_support(kPlainLun, LUN_TYPE_80))) << target;
+    EXPECT_TRUE(local.lun_op(is_lun_support(kLun, LUN_TYPE_80))) << target;
     EXPECT_FALSE(local.lun_op(is_lun_support(kUnsupportedLun, LUN_TYPE_80))) << target;
   }
 }
@@ -124,7 +119,7 @@ TEST_F(Daemon, TheConfigurationLibraryIsTheLoadersChoice) {
   daemon_options how;
   how.library_dir = FAILING_LIBRARY_DIR;
   const daemon_process daemon(log.get(), how);
-  EXPECT_FALSE(caller(connect(kUnixTarget)).lun_op(is_lun_support(kPlainLun, LUN_TYPE_80)));
+  EXPECT_FALSE(caller(connect(kUnixTarget)).lun_op(is_lun_support(kLun, LUN_TYPE_80)));
   EXPECT_EQ(log->count("scsi_plugin:plugin_utils:20:GetLunConfByFunc Failed to get config"), 1U);
 }
 
@@ -242,7 +237,7 @@ TEST_F(Daemon, AWholeHandShakeWithTwoHosts) {
   caller local(connect(kUnixTarget));
   while (local.list().list_size() != 3) std::this_thread::yield();
 
-  for (const std::string key : {kPlainLun, kReplicaLun}) {
+  for (const std::string key : {kLun, kReplicaLun}) {
     SCOPED_TRACE(key);
     auto host = std::async(std::launch::async, [&] {
       const auto cmd = owner.next_cmd();
@@ -320,20 +315,20 @@ TEST_F(Daemon, ABroadcastThatMeetsAVanishedHostNeverReturns) {
   auto hung = std::async(std::launch::async, [] {
     PluginCmdResp response;
     return caller(connect(kUnixTarget))
-        .publish_status(init_snapshot(kPlainLun), std::chrono::minutes(5), &response);
+        .publish_status(init_snapshot(kLun), std::chrono::minutes(5), &response);
   });
   // The broadcast wakes the handler, which logs; its call and its record stay, and are still used.
   ASSERT_TRUE(log->wait_for("Disconnect: Plugin ID=vanished"));
   PluginClientList list;
   EXPECT_EQ(local.list_status(std::chrono::milliseconds(300), &list).error_code(),
             grpc::DEADLINE_EXCEEDED);
-  EXPECT_TRUE(local.lun_op(start_mirror(kPlainLun)));
-  EXPECT_FALSE(local.lun_op(is_mirror_done(kPlainLun, LUN_TYPE_80)));
-  EXPECT_TRUE(local.publish(mirror_done(kPlainLun)));
-  EXPECT_TRUE(local.lun_op(is_mirror_done(kPlainLun, LUN_TYPE_80)));
-  EXPECT_TRUE(local.lun_op(depart_relation(kPlainLun)));
-  EXPECT_TRUE(local.publish(wait_for_depart(kPlainLun)));
-  EXPECT_TRUE(local.publish(depart_done(kPlainLun)));
+  EXPECT_TRUE(local.lun_op(start_mirror(kLun)));
+  EXPECT_FALSE(local.lun_op(is_mirror_done(kLun, LUN_TYPE_80)));
+  EXPECT_TRUE(local.publish(mirror_done(kLun)));
+  EXPECT_TRUE(local.lun_op(is_mirror_done(kLun, LUN_TYPE_80)));
+  EXPECT_TRUE(local.lun_op(depart_relation(kLun)));
+  EXPECT_TRUE(local.publish(wait_for_depart(kLun)));
+  EXPECT_TRUE(local.publish(depart_done(kLun)));
   EXPECT_EQ(hung.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   EXPECT_TRUE(daemon.alive());
   daemon.kill();

@@ -2,10 +2,10 @@
 // no write waits for longer than the limit and a second.
 
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -94,7 +94,7 @@ class PluginAgentFreeze : public PluginAgent {
 
   void expect_a_whole_handshake(program& agent, std::size_t index) {
     ASSERT_TRUE(call->publish(depart_done(kLun)));  // what an earlier one left in the daemon
-    while (!is_listed("host")) std::this_thread::yield();
+    while (!call->is_listed("host")) std::this_thread::yield();
     go_to_split(kLun);
     EXPECT_TRUE(data->wait_until_frozen());
     ASSERT_TRUE(call->publish(depart_done(kLun)));
@@ -281,7 +281,7 @@ TEST_F(PluginAgentFreeze, ALogOnTheFrozenFileSystemIsWrittenAfterwards) {
   program shell({"sh", "-c",
                  "exec " PLUGIN_AGENT " --appliance 127.0.0.1 --plugin-id host --poll 0.05 --lun " +
                      std::string(kLun) + " --fs " + data->path() + " --verbose 2> " + file});
-  while (!is_listed("host")) std::this_thread::yield();
+  while (!call->is_listed("host")) std::this_thread::yield();
   whole_handshake(kLun);
   EXPECT_TRUE(data->wait_until_thawed());
   EXPECT_LT(data->longest_stall(), kLimit);

@@ -4,9 +4,9 @@
 #include "plugin_agent.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -18,7 +18,6 @@ namespace {
 using namespace scsiplugin;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using std::chrono::steady_clock;
 using words = std::vector<std::string>;
 
 TEST_F(PluginAgent, SaysWhatIsWrongWithItsOptions) {
@@ -53,7 +52,7 @@ TEST_F(PluginAgent, ReadsTheSameKeysFromAFile) {
                                    << "type = \"windows\"\npoll = 0.05\n";
   program agent({PLUGIN_AGENT, "--config", "/tmp/agent.toml"});
   ASSERT_TRUE(agent.wait_for_err("subscribed to")) << agent.err();
-  ASSERT_TRUE(is_listed("filed"));
+  ASSERT_TRUE(call->is_listed("filed"));
   EXPECT_EQ(call->list().list(0).type(), PluginClient::WINDOWS);
   whole_handshake(kLun);
   EXPECT_EQ(record(agent).verdict(), "crash-consistent");
@@ -80,7 +79,7 @@ TEST_F(PluginAgent, RunsHooksInOrderAndUndoesInReverse) {
             std::string::npos);
   EXPECT_NE(agent->err().find("40-everybodys is not run: everybody may write"), std::string::npos);
   leave(*agent);
-  EXPECT_FALSE(is_listed("host"));
+  EXPECT_FALSE(call->is_listed("host"));
 }
 
 // Fails closed: the appliance is never told to split, and what was begun is undone.
@@ -205,7 +204,7 @@ TEST_F(PluginAgent, FinishesOrUndoesWhatItIsInWhenToldToStop) {
     ASSERT_TRUE(call->publish(mirror_done(kLun)));
     ASSERT_TRUE(hooks.wait_until_blocked());
     agent->signal(SIGTERM);
-    ASSERT_TRUE(agent->wait_for_err("") && is_listed("host"));
+    ASSERT_TRUE(agent->wait_for_err("") && call->is_listed("host"));
     hooks.unblock();
     EXPECT_EQ(agent->wait(), 0);
     EXPECT_EQ(record(*agent).reason(), "the agent was told to stop");
@@ -275,7 +274,7 @@ TEST_F(PluginAgent, ComesBackWhenTheDaemonIsStartedAnew) {
     EXPECT_EQ(verdict.verdict(), step == "thaw" ? "application-consistent" : "failed");
     EXPECT_FALSE(hooks.is_frozen("10-a"));
     std::filesystem::remove(hooks.path() + "/.state/blocked");
-    while (!is_listed("host")) std::this_thread::yield();
+    while (!call->is_listed("host")) std::this_thread::yield();
     whole_handshake(kLun);
     EXPECT_EQ(record(*agent, 1).verdict(), "application-consistent");
     leave(*agent);

@@ -76,7 +76,7 @@ TEST_F(PluginCtlSubscribe, EndsWhenTheDaemonEndsIt) {
   EXPECT_EQ(first->wait(), 0);
   EXPECT_NE(first->err().find("the daemon ended the subscription"), std::string::npos);
   EXPECT_NE(second->err().find("is subscribed already, from 127.0.0.1"), std::string::npos);
-  EXPECT_TRUE(is_listed("w"));  // the first one did not unsubscribe the second
+  EXPECT_TRUE(call->is_listed("w"));  // the first one did not unsubscribe the second
   daemon->kill();
   EXPECT_EQ(second->wait(), 3);
   EXPECT_NE(second->err().find("came back: UNAVAILABLE"), std::string::npos) << second->err();

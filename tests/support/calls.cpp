@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "log_sink.h"
 
 namespace vexo::test {
@@ -100,6 +102,12 @@ PluginClientList caller::list() {
   const grpc::Status status = list_status(kPatience, &response);
   EXPECT_TRUE(status.ok()) << status.error_message();
   return response;
+}
+
+bool caller::is_listed(const std::string& plugin_id) {
+  const auto plugins = list();
+  return std::any_of(plugins.list().begin(), plugins.list().end(),
+                     [&](const auto& plugin) { return plugin.plugin_id() == plugin_id; });
 }
 
 grpc::Status caller::lun_op_status(const LunCmd& request, std::chrono::milliseconds patience,

@@ -31,6 +31,7 @@ class caller {
   bool publish(const scsiplugin::PluginCmd& request);
   void unsubscribe(const std::string& plugin_id);
   scsiplugin::PluginClientList list();
+  bool is_listed(const std::string& plugin_id);
 
   // The status of a call that may take no longer than `patience`.
   grpc::Status lun_op_status(const scsiplugin::LunCmd& request, std::chrono::milliseconds patience,

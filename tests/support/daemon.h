@@ -15,6 +15,12 @@ namespace vexo::test {
 inline constexpr char kTcpTarget[] = "127.0.0.1:3265";
 inline constexpr char kUnixTarget[] = "unix:///tmp/iscsi/plugin_server.sock";
 
+// Of the sample inventory.
+inline constexpr char kLun[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
+inline constexpr char kLunNaa[] = "60014051a2b3c4dd5e6fd7a8bd9c0dde";
+inline constexpr char kReplicaLun[] = "c3d9e8b1-2f64-4b7a-9e05-7714aa0c6f2e";  // needs no mirror
+inline constexpr char kUnsupportedLun[] = "0e984725-c51c-4bf4-9960-e1c80e27aba0";
+
 // Whatever the processes of the sandbox send to /dev/log, from construction on. One at a time.
 class dev_log : public log_sink {
  public:

@@ -1,10 +1,10 @@
 #include "plugin_agent.h"
 
 #include <google/protobuf/util/json_util.h>
-#include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -126,14 +126,6 @@ std::unique_ptr<program> PluginAgent::start_agent(std::vector<std::string> optio
   return agent;
 }
 
-bool PluginAgent::is_listed(const std::string& plugin_id) {
-  const auto plugins = call->list();
-  for (const auto& entry : plugins.list()) {
-    if (entry.plugin_id() == plugin_id) return true;
-  }
-  return false;
-}
-
 void PluginAgent::leave(program& agent) {
   agent.signal(SIGTERM);
   EXPECT_EQ(agent.wait(), 0) << agent.err();
@@ -153,9 +145,9 @@ void PluginAgent::whole_handshake(const std::string& lun) {
 tools::HandshakeRecord PluginAgent::record(program& agent, std::size_t index) {
   tools::HandshakeRecord found;
   EXPECT_TRUE(wait_for([&] {
-    std::istringstream log(agent.err());
+    std::istringstream lines(agent.err());
     std::size_t seen = 0;
-    for (std::string line; std::getline(log, line);) {
+    for (std::string line; std::getline(lines, line);) {
       if (!line.starts_with('{') || seen++ < index) continue;
       return google::protobuf::util::JsonStringToMessage(line, &found).ok();
     }

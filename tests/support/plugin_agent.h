@@ -16,8 +16,7 @@
 
 namespace vexo::test {
 
-// Of the sample inventory.
-inline constexpr char kLun[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
+// Another of the sample inventory.
 inline constexpr char kOtherLun[] = "9b1deb4d-3b7d-4bad-9bdd-2b0d7b3dcb6d";
 
 // Hooks that say what they are told, and can be made to fail or to block. Every one of them
@@ -58,7 +57,6 @@ class PluginAgent : public sandboxed {
   void start_daemon();
   // Options are added to a short poll and one LUN; waits until it is subscribed if `serves`.
   std::unique_ptr<program> start_agent(std::vector<std::string> options, bool serves = true);
-  bool is_listed(const std::string& plugin_id);
   // SIGTERM, and the end that must follow.
   static void leave(program& agent);
 

@@ -14,12 +14,6 @@
 
 namespace vexo::test {
 
-// Of the sample inventory.
-inline constexpr char kLun[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
-inline constexpr char kLunNaa[] = "60014051a2b3c4dd5e6fd7a8bd9c0dde";
-inline constexpr char kReplicaLun[] = "c3d9e8b1-2f64-4b7a-9e05-7714aa0c6f2e";
-inline constexpr char kUnsupportedLun[] = "0e984725-c51c-4bf4-9960-e1c80e27aba0";
-
 using words = std::vector<std::string>;
 
 // The command line tool beside a real daemon, which is started with the first call of start().
@@ -38,16 +32,8 @@ class PluginCtl : public sandboxed {
   // A host, over IPv4 and listed.
   std::unique_ptr<subscriber> subscribe(const std::string& plugin_id) {
     auto host = std::make_unique<subscriber>(connect(kTcpTarget), plugin_id);
-    while (!is_listed(plugin_id)) std::this_thread::yield();
+    while (!call->is_listed(plugin_id)) std::this_thread::yield();
     return host;
-  }
-
-  bool is_listed(const std::string& plugin_id) {
-    const auto plugins = call->list();
-    for (const auto& entry : plugins.list()) {
-      if (entry.plugin_id() == plugin_id) return true;
-    }
-    return false;
   }
 
   static words command_line(words arguments) {
