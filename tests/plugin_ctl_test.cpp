@@ -254,7 +254,7 @@ TEST_F(PluginCtl, ProbesBothEndpointsOnConnectionsOfTheirOwn) {
             std::string::npos);
   EXPECT_EQ(ctl({"probe", "--tcp"}).status, 0);
   EXPECT_EQ(ctl({"probe", "--unix"}).status, 3);
-  EXPECT_EQ(ctl({"-t", "localhost", "probe"}).status, 0);
+  EXPECT_EQ(ctl({"-t", "127.0.0.2", "probe"}).status, 0);
   daemon->stop();
   EXPECT_EQ(ctl({"probe", "--tcp", "--timeout", "0.2"}).status, 3);
   EXPECT_EQ(log->count("Connected"), 0U);
