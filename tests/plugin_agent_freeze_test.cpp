@@ -19,7 +19,6 @@ namespace {
 using namespace scsiplugin;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using words = std::vector<std::string>;
 
 constexpr milliseconds kLimit = seconds(1);
 constexpr milliseconds kLongestStall = kLimit + seconds(1);

@@ -18,7 +18,6 @@ namespace {
 using namespace scsiplugin;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using words = std::vector<std::string>;
 
 TEST_F(PluginAgent, SaysWhatIsWrongWithItsOptions) {
   const std::string lun = kLun;

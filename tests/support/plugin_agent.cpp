@@ -110,16 +110,16 @@ void PluginAgent::start_daemon() {
 }
 
 std::unique_ptr<program> PluginAgent::start_agent(std::vector<std::string> options, bool serves) {
-  std::vector<std::string> words = {PLUGIN_AGENT, "--appliance", "127.0.0.1", "--lun", kLun};
-  words.insert(words.end(), options.begin(), options.end());
+  std::vector<std::string> line = {PLUGIN_AGENT, "--appliance", "127.0.0.1", "--lun", kLun};
+  line.insert(line.end(), options.begin(), options.end());
   const std::vector<std::pair<std::string, std::string>> defaults = {{"--plugin-id", "host"},
                                                                      {"--poll", "0.05"}};
   for (const auto& [name, value] : defaults) {
     if (std::find(options.begin(), options.end(), name) == options.end()) {
-      words.insert(words.end(), {name, value});
+      line.insert(line.end(), {name, value});
     }
   }
-  auto agent = std::make_unique<program>(words);
+  auto agent = std::make_unique<program>(line);
   if (serves) {
     EXPECT_TRUE(agent->wait_for_err("subscribed to 127.0.0.1:3265")) << agent->err();
   }

@@ -14,8 +14,6 @@
 
 namespace vexo::test {
 
-using words = std::vector<std::string>;
-
 // The command line tool beside a real daemon, which is started with the first call of start().
 class PluginCtl : public sandboxed {
  protected:

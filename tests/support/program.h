@@ -16,6 +16,9 @@
 
 namespace vexo::test {
 
+// A command line.
+using words = std::vector<std::string>;
+
 // A program started by a test, with its output collected. Ended with SIGKILL, by its pid, when it
 // is still running at destruction.
 class program {
