@@ -9,6 +9,7 @@
 
 #include "log.h"
 #include "plugin_service_impl.h"
+#include "runtime_tuning.h"
 
 namespace vexo::scsiplugin {
 namespace {
@@ -42,6 +43,7 @@ void run_grpc_server() {
 
 int main() {
   using namespace vexo::scsiplugin;
+  tune_runtime();
   const rlimit limit = {kOpenFiles, kOpenFiles};
   if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
     PLUGIN_LOG(LOG_ERR, 46, "Failed to set RLIMIT_NOFILE");
