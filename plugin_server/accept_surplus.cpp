@@ -1,0 +1,54 @@
+// The accept4 of this process, in the C library's place: it keeps gRPC's endpoints alive when there
+// are no file descriptors left.
+//
+// gRPC stops listening for the life of the process after one "too many open files", which the
+// kernel answers as soon as the table is full, also when nobody waits to be accepted. So one
+// descriptor is kept in reserve, and connections that are too many are accepted with it and closed:
+// their hosts learn at once that they are not served, and the endpoint serves again when others
+// have gone.
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+
+namespace {
+
+std::mutex g_mutex;  // one endpoint at a time, so that none takes what another one has just freed
+int g_reserve = -1;  // open only to be closed; negative while there is none to be had
+
+int system_accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
+  return static_cast<int>(syscall(SYS_accept4, listener, address, length, flags));
+}
+
+// Closes the first connection that waits. False when none does, and when the reserve was lost to
+// another user of files: then those that wait are seen to at the next call.
+bool turn_one_away(int listener) {
+  if (g_reserve < 0) return false;
+  close(g_reserve);
+  const int surplus = system_accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  if (surplus >= 0) close(surplus);
+  g_reserve = eventfd(0, EFD_CLOEXEC);
+  return surplus >= 0;
+}
+
+}  // namespace
+
+// Any thread may call. A listener that blocks is not gRPC's, and gets what the C library gives.
+extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
+  if ((fcntl(listener, F_GETFL) & O_NONBLOCK) == 0) {
+    return system_accept4(listener, address, length, flags);
+  }
+  const std::lock_guard lock(g_mutex);
+  do {
+    if (g_reserve < 0) g_reserve = eventfd(0, EFD_CLOEXEC);
+    const int accepted = system_accept4(listener, address, length, flags);
+    if (accepted >= 0 || (errno != EMFILE && errno != ENFILE)) return accepted;
+  } while (turn_one_away(listener));
+  errno = EAGAIN;  // to gRPC: come back when the next one has arrived
+  return -1;
+}
