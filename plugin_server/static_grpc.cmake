@@ -1,0 +1,20 @@
+# The target static_grpc: gRPC, protobuf and abseil as archives, for a program that carries them
+# within itself, and STATIC_GRPC_REFLECTION, the archive that has it reflect its schema. gRPC is the
+# form without TLS, which the daemon has no use for; c-ares and zlib stay shared libraries.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(GRPC_UNSECURE REQUIRED grpc++_unsecure protobuf)
+
+set(archives "")
+list(FILTER GRPC_UNSECURE_LIBRARIES INCLUDE REGEX "^(grpc|gpr$|absl_|protobuf)")
+list(REMOVE_DUPLICATES GRPC_UNSECURE_LIBRARIES)
+foreach(name IN LISTS GRPC_UNSECURE_LIBRARIES ITEMS address_sorting upb grpc++_reflection)
+  find_library(STATIC_${name} lib${name}.a REQUIRED)
+  mark_as_advanced(STATIC_${name})
+  list(APPEND archives ${STATIC_${name}})
+endforeach()
+list(POP_BACK archives STATIC_GRPC_REFLECTION)
+list(JOIN archives "," archives)
+
+add_library(static_grpc INTERFACE)
+target_link_libraries(static_grpc INTERFACE
+  "$<LINK_GROUP:RESCAN,${archives}>" cares z Threads::Threads ${CMAKE_DL_LIBS})
