@@ -1,0 +1,68 @@
+#ifndef FUZZ_CONTROLLER_MODEL_H_
+#define FUZZ_CONTROLLER_MODEL_H_
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "fake_call.h"
+#include "fake_conf.h"
+#include "plugin_server_ctrl.h"
+
+namespace vexo::fuzz {
+
+// One subscriber, as a target made it: the call, the request and the record that the controller
+// keeps.
+struct host {
+  host(std::string peer, scsiplugin::PluginClient sent,
+       grpc::ServerWriter<scsiplugin::PluginCmd>* writer);
+
+  fake_call call;
+  scsiplugin::PluginClient request;
+  std::shared_ptr<scsiplugin::plugin_client> record;
+  std::string ip;         // that the controller must list
+  bool released = false;  // a broadcast has met it vanished
+};
+
+// One hand-shake, as it ought to be.
+struct hand_shake {
+  std::chrono::system_clock::time_point created;
+  std::uint32_t state = scsiplugin::TASK_CREATED;
+};
+
+// What the controller ought to hold, in plain maps, and how each operation on hand-shakes ought to
+// end. Waits are the caller's: begin one, let others happen, then ask how it ended.
+class controller_model {
+ public:
+  // The LUNs, of which two are in the task keys' way: one that needs no mirror, one with 0xF.
+  static const test::fake_conf::luns kInventory;
+
+  // The hand-shake that init_snapshot begins; empty when it is refused.
+  std::shared_ptr<hand_shake> begin(const std::string& key);
+  // The one under `key`; empty when there is none.
+  std::shared_ptr<hand_shake> find(const std::string& key) const;
+
+  // What the four that answer at once answer.
+  bool move(const std::string& key, scsiplugin::task_state next);  // start_mirror, depart_relation
+  bool is_mirror_done(const std::string& key, int type);
+  bool mirror_done(const std::string& key);
+  bool is_lun_support(const std::string& lun, int type) const;
+
+  // Fails unless the controller holds just this, unchanged, and every lock is free.
+  void expect_equal(scsiplugin::PluginServerCtrl* ctrl) const;
+
+  std::map<std::string, std::unique_ptr<host>> hosts;
+  std::map<std::string, std::shared_ptr<hand_shake>> hand_shakes;
+  bool loads_fail = false;
+
+ private:
+  // The flags of the LUN; 0, which supports nothing, when it cannot be found.
+  std::uint32_t flags_of(const std::string& lun, int type) const;
+};
+
+}  // namespace vexo::fuzz
+
+#endif  // FUZZ_CONTROLLER_MODEL_H_
