@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "subscriber.h"
 
@@ -13,9 +14,23 @@ using scsiplugin::PluginCmd;
 grpc::Status command_streams::lender::Subscribe(grpc::ServerContext* /*context*/,
                                                 const PluginClient* /*request*/,
                                                 grpc::ServerWriter<PluginCmd>* writer) {
-  lent.set_value(writer);
-  ended.wait();
+  std::unique_lock lock(mutex_);
+  lent_ = writer;
+  changed_.notify_all();
+  changed_.wait(lock, [&] { return ended_; });
   return grpc::Status::OK;
+}
+
+grpc::ServerWriter<PluginCmd>* command_streams::lender::borrow() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return lent_ != nullptr; });
+  return std::exchange(lent_, nullptr);
+}
+
+void command_streams::lender::end() {
+  const std::lock_guard lock(mutex_);
+  ended_ = true;
+  changed_.notify_all();
 }
 
 command_streams::command_streams(std::size_t count) {
@@ -27,17 +42,15 @@ command_streams::command_streams(std::size_t count) {
   if (!server_) throw std::runtime_error("no port on 127.0.0.1 to be had");
   stub_ = scsiplugin::PluginService::NewStub(test::connect("127.0.0.1:" + std::to_string(port)));
   for (std::size_t i = 0; i < count; ++i) {
-    lender_.lent = {};
-    auto opened = lender_.lent.get_future();
     auto& added = *streams_.emplace_back(std::make_unique<stream>());
     added.context.set_wait_for_ready(true);
     added.reader = stub_->Subscribe(&added.context, PluginClient());
-    added.writer = opened.get();
+    added.writer = lender_.borrow();
   }
 }
 
 command_streams::~command_streams() {
-  lender_.end.set_value();
+  lender_.end();
   for (const auto& opened : streams_) {
     PluginCmd rest;
     while (opened->reader->Read(&rest)) continue;

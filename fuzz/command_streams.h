@@ -3,9 +3,10 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include <condition_variable>
 #include <cstddef>
-#include <future>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "plugin_service.grpc.pb.h"
@@ -32,14 +33,20 @@ class command_streams {
     std::unique_ptr<grpc::ClientReader<scsiplugin::PluginCmd>> reader;
   };
 
-  // Lends the writer of each Subscribe call, and keeps the call open until `end`.
+  // Lends the writer of each Subscribe call, and keeps the calls open until the end.
   class lender : public scsiplugin::PluginService::Service {
    public:
     grpc::Status Subscribe(grpc::ServerContext* context, const scsiplugin::PluginClient* request,
                            grpc::ServerWriter<scsiplugin::PluginCmd>* writer) override;
-    std::promise<grpc::ServerWriter<scsiplugin::PluginCmd>*> lent;  // by the call being opened
-    std::promise<void> end;
-    std::shared_future<void> ended = end.get_future().share();
+    // The writer of the call that is being opened; waits for it.
+    grpc::ServerWriter<scsiplugin::PluginCmd>* borrow();
+    void end();
+
+   private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    grpc::ServerWriter<scsiplugin::PluginCmd>* lent_ = nullptr;
+    bool ended_ = false;
   };
 
   lender lender_;
