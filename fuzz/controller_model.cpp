@@ -6,17 +6,13 @@
 #include <mutex>
 #include <utility>
 
+#include "fake_conf.h"
+#include "inventory.h"
 #include "virtual_time.h"
 
 namespace vexo::fuzz {
 
 using namespace scsiplugin;
-
-const test::fake_conf::luns controller_model::kInventory = {
-    {"1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6", 0x10F},
-    {"c3d9e8b1-2f64-4b7a-9e05-7714aa0c6f2e", 0x103},
-    {"0e984725-c51c-4bf4-9960-e1c80e27aba0", 0x7},
-};
 
 namespace {
 

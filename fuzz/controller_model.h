@@ -9,7 +9,6 @@
 #include <string>
 
 #include "fake_call.h"
-#include "fake_conf.h"
 #include "plugin_server_ctrl.h"
 
 namespace vexo::fuzz {
@@ -37,9 +36,6 @@ struct hand_shake {
 // end. Waits are the caller's: begin one, let others happen, then ask how it ended.
 class controller_model {
  public:
-  // The LUNs, of which two are in the task keys' way: one that needs no mirror, one with 0xF.
-  static const test::fake_conf::luns kInventory;
-
   // The hand-shake that init_snapshot begins; empty when it is refused.
   std::shared_ptr<hand_shake> begin(const std::string& key);
   // The one under `key`; empty when there is none.

@@ -17,6 +17,8 @@
 #include "captured_syslog.h"
 #include "command_streams.h"
 #include "controller_model.h"
+#include "fake_conf.h"
+#include "inventory.h"
 #include "target.h"
 #include "virtual_time.h"
 
@@ -48,7 +50,7 @@ class script {
     the_time().reset();
     the_time().meanwhile = [this] { return during_a_wait(); };
     test::the_conf().reset();
-    test::the_conf().set(controller_model::kInventory);
+    test::the_conf().set(kInventory);
     test::captured_syslog().clear();
   }
 

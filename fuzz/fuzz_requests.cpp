@@ -17,6 +17,7 @@
 #include "command_streams.h"
 #include "fake_call.h"
 #include "fake_conf.h"
+#include "inventory.h"
 #include "plugin_service_impl.h"
 #include "target.h"
 #include "virtual_time.h"
@@ -27,12 +28,6 @@ namespace {
 using namespace scsiplugin;
 
 constexpr char kPeer[] = "ipv4:10.0.0.9:4711";
-// The identifiers and flags of the sample inventory.
-const test::fake_conf::luns kInventory = {
-    {"1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6", 0x10F},
-    {"c3d9e8b1-2f64-4b7a-9e05-7714aa0c6f2e", 0x103},
-    {"0e984725-c51c-4bf4-9960-e1c80e27aba0", 0x7},
-};
 
 // The message that a call brings, in two slices; empty when gRPC would reject it.
 template <typename Message>
