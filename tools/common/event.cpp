@@ -1,8 +1,10 @@
 #include "common/event.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -22,6 +24,20 @@ void event::raise() {
 bool event::take() {
   eventfd_t count = 0;
   return eventfd_read(fd_, &count) == 0;
+}
+
+bool wait_for(const event& one, const event& other, std::chrono::milliseconds time) {
+  pollfd watched[] = {{one.fd(), POLLIN, 0}, {other.fd(), POLLIN, 0}};
+  const auto end = std::chrono::steady_clock::now() + time;
+  for (;;) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (poll(watched, 2,
+             static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0))) > 0) {
+      return true;
+    }
+    if (left.count() <= 0) return false;
+  }
 }
 
 }  // namespace vexo::tools

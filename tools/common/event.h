@@ -1,6 +1,8 @@
 #ifndef TOOLS_COMMON_EVENT_H_
 #define TOOLS_COMMON_EVENT_H_
 
+#include <chrono>
+
 namespace vexo::tools {
 
 // A flag that another thread raises and that poll() can watch. Everything written before raise()
@@ -21,6 +23,9 @@ class event {
  private:
   int fd_;
 };
+
+// True when one of the two is raised within `time`; they may be the same.
+bool wait_for(const event& one, const event& other, std::chrono::milliseconds time);
 
 }  // namespace vexo::tools
 

@@ -5,7 +5,6 @@
 #include <mntent.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -44,20 +43,6 @@ std::string resolved(const std::string& path) {
 }
 
 }  // namespace
-
-unique_fd& unique_fd::operator=(unique_fd&& other) noexcept {
-  if (this != &other) {
-    reset();
-    fd_ = other.release();
-  }
-  return *this;
-}
-
-int unique_fd::release() { return std::exchange(fd_, -1); }
-
-void unique_fd::reset() {
-  if (fd_ >= 0) close(release());
-}
 
 std::vector<file_system> open_file_systems(const std::vector<std::string>& mount_points) {
   if (mount_points.empty()) return {};

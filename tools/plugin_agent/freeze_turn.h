@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin_agent/file_system.h"
+#include "common/unique_fd.h"
 
 namespace vexo::tools {
 

@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "plugin_agent/file_system.h"
 #include "plugin_agent/memory_lock.h"
 
 namespace vexo::tools {

@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <vector>
 
-#include "plugin_agent/child_process.h"
-#include "plugin_agent/file_system.h"
+#include "common/child_process.h"
+#include "common/unique_fd.h"
 
 namespace vexo::tools {
 

@@ -1,7 +1,6 @@
 #include "plugin_agent/hooks.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,7 +13,7 @@
 #include <system_error>
 #include <utility>
 
-#include "plugin_agent/child_process.h"
+#include "common/child_process.h"
 #include "plugin_agent/guardian.h"
 
 namespace vexo::tools {
@@ -46,25 +45,6 @@ std::string why_refused(const std::string& path) {
 
 bool has_control_character(const std::string& text) {
   return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; });
-}
-
-// In memory, so that a hook can write while file systems are frozen, and of a fixed size, so that a
-// runaway hook cannot fill it. What was written ends where the shared file offset stands.
-unique_fd make_output() {
-  unique_fd output(memfd_create("hook_output", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  if (!output || ftruncate(output.get(), kOutputKept) != 0 ||
-      fcntl(output.get(), F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK) != 0) {
-    throw std::system_error(errno, std::generic_category(), "a hook's output");
-  }
-  return output;
-}
-
-std::string read_output(int output) {
-  const off_t end = lseek(output, 0, SEEK_CUR);
-  std::string text(static_cast<std::size_t>(std::max<off_t>(end, 0)), '\0');
-  const ssize_t size = pread(output, text.data(), text.size(), 0);
-  text.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-  return text;
 }
 
 std::vector<std::string> with_own_environment(std::vector<std::string> added) {
@@ -124,9 +104,9 @@ hook_run hook_runner::run(const hook& which, const std::string& phase, milliseco
   result.name = which.name;
   result.phase = phase;
   const exec_image image({which.path, phase}, environment_);
-  const unique_fd output = make_output();
+  const child_output output(kOutputKept);
   const auto start = steady_clock::now();
-  const pid_t pid = start_child(image, null_.get(), output.get(),
+  const pid_t pid = start_child(image, null_.get(), output.fd(),
                                 watcher == nullptr ? -1 : watcher->announce_fd());
   if (pid < 0)
     throw std::system_error(errno, std::generic_category(), "start of hook " + which.name);
@@ -144,7 +124,7 @@ hook_run hook_runner::run(const hook& which, const std::string& phase, milliseco
     }
   }
   result.took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
-  result.output = read_output(output.get());
+  result.output = output.text();
   return result;
 }
 

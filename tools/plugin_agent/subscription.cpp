@@ -1,8 +1,5 @@
 #include "plugin_agent/subscription.h"
 
-#include <poll.h>
-
-#include <algorithm>
 #include <utility>
 
 #include "common/channel.h"
@@ -25,19 +22,6 @@ constexpr milliseconds kConfirmTimes[] = {milliseconds(20), milliseconds(100), m
                                           milliseconds(1500)};
 // The daemon ends the stream at once when it hears an UnSubscribe, unless it loses the wake-up.
 constexpr milliseconds kStreamEnd = std::chrono::seconds(1);
-
-// True when one of the two is raised within `time`.
-bool wait_for(const event& one, const event& other, milliseconds time) {
-  pollfd watched[] = {{one.fd(), POLLIN, 0}, {other.fd(), POLLIN, 0}};
-  const auto end = steady_clock::now() + time;
-  for (;;) {
-    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
-    if (poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(left.count(), 0))) > 0) {
-      return true;
-    }
-    if (left.count() <= 0) return false;
-  }
-}
 
 }  // namespace
 

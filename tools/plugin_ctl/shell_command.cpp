@@ -13,6 +13,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "common/unique_fd.h"
+
 namespace vexo::tools {
 
 namespace {
@@ -101,21 +103,6 @@ pid_t spawn_shell(const std::string& command, const std::vector<std::string>& va
   return pid;
 }
 
-class file {
- public:
-  explicit file(int fd) : fd_(fd) {
-    if (fd < 0) throw std::system_error(errno, std::generic_category(), "pidfd_open");
-  }
-  ~file() { close(fd_); }
-  file(const file&) = delete;
-  file& operator=(const file&) = delete;
-
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // The shell and whatever it has started that stayed in its process group.
 class shell_process {
  public:
@@ -124,8 +111,9 @@ class shell_process {
   // Blocks until the shell ends; false when a signal came first.
   bool wait(interrupt& stop) {
     // glibc's own pidfd_open cannot be linked from C++ before 2.37.
-    const file shell(static_cast<int>(syscall(SYS_pidfd_open, leader_, 0)));
-    if (stop.wait({shell.fd()}, clock::time_point::max()) != interrupt::wake::ready) return false;
+    const unique_fd shell(static_cast<int>(syscall(SYS_pidfd_open, leader_, 0)));
+    if (!shell) throw std::system_error(errno, std::generic_category(), "pidfd_open");
+    if (stop.wait({shell.get()}, clock::time_point::max()) != interrupt::wake::ready) return false;
     while (waitpid(leader_, &status_, 0) < 0 && errno == EINTR) {
     }
     return true;

@@ -1,11 +1,14 @@
-#ifndef TOOLS_PLUGIN_AGENT_CHILD_PROCESS_H_
-#define TOOLS_PLUGIN_AGENT_CHILD_PROCESS_H_
+#ifndef TOOLS_COMMON_CHILD_PROCESS_H_
+#define TOOLS_COMMON_CHILD_PROCESS_H_
 
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 #include <vector>
+
+#include "common/unique_fd.h"
 
 namespace vexo::tools {
 
@@ -29,6 +32,20 @@ class exec_image {
   std::vector<std::string> environment_;
   std::vector<char*> argv_;  // into arguments_
   std::vector<char*> envp_;
+};
+
+// Where a child writes: in memory, so that it can while file systems are frozen, and at most `most`
+// bytes, so that a runaway cannot fill it.
+class child_output {
+ public:
+  explicit child_output(std::size_t most);  // throws std::system_error
+
+  int fd() const { return file_.get(); }
+  // What has been written so far.
+  std::string text() const;
+
+ private:
+  unique_fd file_;
 };
 
 // The following allocate nothing and take no lock, so that the child of a threaded process may use
@@ -61,4 +78,4 @@ int reap_child(pid_t pid) noexcept;
 
 }  // namespace vexo::tools
 
-#endif  // TOOLS_PLUGIN_AGENT_CHILD_PROCESS_H_
+#endif  // TOOLS_COMMON_CHILD_PROCESS_H_

@@ -1,13 +1,16 @@
-#include "plugin_agent/child_process.h"
+#include "common/child_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <system_error>
 #include <utility>
 
 extern "C" {
@@ -68,6 +71,23 @@ exec_image::exec_image(std::vector<std::string> arguments, std::vector<std::stri
       environment_(std::move(environment)),
       argv_(pointers_into(arguments_)),
       envp_(pointers_into(environment_)) {}
+
+child_output::child_output(std::size_t most)
+    : file_(memfd_create("child_output", MFD_CLOEXEC | MFD_ALLOW_SEALING)) {
+  if (!file_ || ftruncate(fd(), static_cast<off_t>(most)) != 0 ||
+      fcntl(fd(), F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK) != 0) {
+    throw std::system_error(errno, std::generic_category(), "a child's output");
+  }
+}
+
+std::string child_output::text() const {
+  // What was written ends where the file offset stands, which the child shares.
+  const off_t end = lseek(fd(), 0, SEEK_CUR);
+  std::string text(static_cast<std::size_t>(std::max<off_t>(end, 0)), '\0');
+  const ssize_t size = pread(fd(), text.data(), text.size(), 0);
+  text.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  return text;
+}
 
 pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd) noexcept {
   const pid_t pid = fork();
