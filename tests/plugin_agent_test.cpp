@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -302,6 +303,40 @@ TEST_F(PluginAgent, WaitsForAnApplianceThatIsNotThere) {
   EXPECT_TRUE(agent->wait_for_err("subscribed to 127.0.0.1:3265 as \"host\""));
   leave(*agent);
   EXPECT_EQ(call->list().list_size(), 0);
+}
+
+// A daemon that has forgotten its first subscriber, as after an UnSubscribe that came between its
+// registering of the stream and its waiting on it.
+class forgetful_daemon : public PluginService::Service {
+ public:
+  grpc::Status Subscribe(grpc::ServerContext* context, const PluginClient* /*request*/,
+                         grpc::ServerWriter<PluginCmd>* /*writer*/) override {
+    ++subscriptions;
+    while (!context->IsCancelled()) std::this_thread::sleep_for(milliseconds(5));
+    return grpc::Status::OK;
+  }
+  grpc::Status PluginConnList(grpc::ServerContext* /*context*/,
+                              const google::protobuf::Empty* /*request*/,
+                              PluginClientList* response) override {
+    if (subscriptions > 1) response->add_list()->set_plugin_id("host");
+    return grpc::Status::OK;
+  }
+
+  std::atomic<int> subscriptions = 0;
+};
+
+TEST_F(PluginAgent, SubscribesAgainWhenItIsConnectedButNotListed) {
+  forgetful_daemon service;
+  grpc::ServerBuilder builder;
+  builder.AddListeningPort(kTcpTarget, grpc::InsecureServerCredentials());
+  builder.RegisterService(&service);
+  const auto server = builder.BuildAndStart();
+  ASSERT_TRUE(server);
+  auto agent = start_agent({});
+  EXPECT_EQ(service.subscriptions, 2);
+  EXPECT_NE(agent->err().find("does not list this host"), std::string::npos) << agent->err();
+  agent.reset();
+  server->Shutdown();
 }
 
 }  // namespace

@@ -100,7 +100,12 @@ std::string subscription::subscribe_once() {
   }
   const std::string name = appliance_->name();
   stream call(appliance_, self_, receive_);
-  if (!wait_for(stop_, call.ended, kConfirmTimes[0])) confirm(call);
+  if (!wait_for(stop_, call.ended, kConfirmTimes[0]) && !confirm(call)) {
+    drop(call);
+    return "connected to " + name +
+           ", which does not list this host: somebody unsubscribed it in "
+           "the instant in which it subscribed";
+  }
   while (!wait_for(stop_, call.ended, std::chrono::hours(1))) {
   }
   if (pause(milliseconds(0))) {
@@ -115,7 +120,7 @@ std::string subscription::subscribe_once() {
          "--plugin-id of its own)";
 }
 
-void subscription::confirm(const stream& call) {
+bool subscription::confirm(const stream& call) {
   grpc::Status status;
   for (const auto pause_before_next : kConfirmTimes) {
     grpc::ClientContext context;
@@ -126,14 +131,23 @@ void subscription::confirm(const stream& call) {
       if (listed.plugin_id() != self_.plugin_id()) continue;
       agent_log().info("subscribed to {} as \"{}\", seen there as {}", appliance_->name(),
                        printable(self_.plugin_id()), listed.ip());
-      return;
+      return true;
     }
-    if (wait_for(stop_, call.ended, pause_before_next)) return;
+    if (wait_for(stop_, call.ended, pause_before_next)) return true;
   }
+  if (status.ok()) return false;
   agent_log().warn(
       "subscribing to {}, but it does not list this host ({}); its daemon may be stuck "
       "on a vanished subscriber: see \"plugin_ctl probe\" there",
-      appliance_->name(), status.ok() ? "it lists others" : status_text(status));
+      appliance_->name(), status_text(status));
+  return true;
+}
+
+// Registered it may be all the same, or be in a moment, and must not stay so as a vanished one.
+void subscription::drop(stream& call) {
+  unsubscribe();
+  call.cancel();
+  unsubscribe();
 }
 
 // The daemon must forget the subscription before the call is cancelled: it never recovers from a

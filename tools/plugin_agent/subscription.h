@@ -34,8 +34,12 @@ class subscription {
   void run();
   // Subscribes, and returns when that is over, with what there is to say about it.
   std::string subscribe_once();
-  // Finds itself in the daemon's list, which is the only sign that it takes commands for us.
-  void confirm(const stream& call);
+  // Finds itself in the daemon's list, which is the only sign that it takes commands for us. False
+  // when the daemon lists others: an UnSubscribe that comes between its registering of a stream and
+  // its waiting on it, such as one meant for our previous connection, leaves the stream open and
+  // deaf.
+  bool confirm(const stream& call);
+  void drop(stream& call);
   void leave(stream& call);
   grpc::Status unsubscribe();
   // True when there is no time left: the agent leaves.
