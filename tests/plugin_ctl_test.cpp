@@ -221,13 +221,17 @@ TEST_F(PluginCtl, RefusesCommandLinesThatSayTooLittleOrTooMuch) {
       {{"list", "-t", "host:0"}, "the port must be a number"},
       {{"list", "-t", "/tmp/x"}, "unix:///tmp/x"},
       {{"probe", "--tcp", "-t", "host"}, "--target together with"},
+      {{"guard", "-t", "10.0.0.7"}, "run the guard on the appliance"},
+      {{"guard", "--fail-after", "5", "--timeout", "5"}, "--timeout is not shorter"},
+      {{"guard", "--interval", "0"}, "--interval"},
   };
   for (const auto& [arguments, complaint] : cases) expect({arguments, 2, "", complaint});
 }
 
 TEST_F(PluginCtl, ShowsAnExampleInTheHelpOfEachVerb) {
   std::vector<words> verbs = kCallingVerbs;
-  verbs.insert(verbs.end(), {{}, {"lun"}, {"publish"}, {"lun", "naa"}, {"probe"}});
+  verbs.insert(verbs.end(),
+               {{}, {"lun"}, {"publish"}, {"lun", "naa"}, {"probe"}, {"guard"}, {"guard-status"}});
   for (words verb : verbs) {
     verb.push_back("--help");
     const ended_program ended = ctl(verb);

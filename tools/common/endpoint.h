@@ -6,8 +6,10 @@
 
 namespace vexo::tools {
 
-// The daemon's own constants: it listens on these two and on nothing else.
+// The daemon's own constants, as this machine reaches it: it listens on these two and on nothing
+// else.
 inline constexpr std::uint16_t kDefaultPort = 3265;
+inline constexpr char kTcpEndpoint[] = "127.0.0.1";
 inline constexpr char kUnixEndpoint[] = "unix:///tmp/iscsi/plugin_server.sock";
 
 // Where a daemon is to be reached.

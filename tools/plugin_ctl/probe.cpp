@@ -15,8 +15,6 @@ using google::protobuf::Empty;
 using scsiplugin::PluginClientList;
 using scsiplugin::PluginService;
 
-constexpr char kTcpEndpoint[] = "127.0.0.1";
-
 struct probe_options {
   bool tcp = false;
   bool unix_socket = false;

@@ -1,0 +1,80 @@
+#include "guard_findings.h"
+
+#include <algorithm>
+
+namespace vexo::tools {
+
+using condition = guard_watch::condition;
+using clock = std::chrono::steady_clock;
+
+namespace {
+
+bool all_are(const sighting& seen, condition what) {
+  return std::all_of(seen.endpoints.begin(), seen.endpoints.end(),
+                     [&](const auto& one) { return one.is == what; });
+}
+
+finding no_daemon(const sighting& seen) {
+  const auto since = std::max(seen.endpoints[0].since, seen.endpoints[1].since);
+  const auto until = std::min(seen.endpoints[0].until, seen.endpoints[1].until);
+  if (seen.process_runs) {
+    return {GuardStatus::DOWN, "the daemon's process runs, but listens nowhere", since, until,
+            true};
+  }
+  return {GuardStatus::DOWN, "no daemon is running: its supervisor has to start it", since, until,
+          false};
+}
+
+// Of an endpoint that does not serve while the other is in another condition.
+finding endpoint_finding(const guard_watch::view& one, const sighting& seen) {
+  const std::string& name = one.where.text;
+  switch (one.is) {
+    case condition::silent:
+      return {all_are(seen, condition::silent) ? GuardStatus::DOWN : GuardStatus::DEGRADED,
+              name + " accepts no new connection", one.since, one.until, true};
+    case condition::full:
+      return {GuardStatus::DEGRADED,
+              name +
+                  " closes new connections at once: the daemon has no file left for one more "
+                  "(not restarted for that, which would cut off the hosts it serves)",
+              one.since, one.until, false};
+    case condition::absent:
+      return {GuardStatus::DEGRADED, name + " is gone: " + one.reason, one.since, one.until,
+              seen.process_runs};
+    default:
+      return {GuardStatus::DEGRADED, name + " cannot be looked at: " + one.reason, one.since,
+              one.until, false};
+  }
+}
+
+}  // namespace
+
+bool is_complete(const sighting& seen) {
+  return std::all_of(seen.endpoints.begin(), seen.endpoints.end(),
+                     [](const auto& one) { return one.is != condition::unknown; }) &&
+         (seen.registry.has_asked || seen.endpoints[1].is != condition::serving);
+}
+
+std::vector<finding> findings(const sighting& seen, clock::time_point now) {
+  std::vector<finding> found;
+  if (seen.registry.unanswered_since && now - *seen.registry.unanswered_since >= seen.patience) {
+    found.push_back({GuardStatus::DOWN,
+                     "the daemon does not answer: a broadcast has met a vanished host, or waits "
+                     "for a stalled one",
+                     *seen.registry.unanswered_since, now, true});
+  } else if (!seen.registry.error.empty()) {
+    found.push_back({GuardStatus::DEGRADED, "the daemon lists no hosts: " + seen.registry.error,
+                     seen.registry.error_since, now, false});
+  }
+  if (all_are(seen, condition::absent)) {
+    found.push_back(no_daemon(seen));
+  } else {
+    for (const auto& one : seen.endpoints) {
+      if (one.is == condition::unknown || one.is == condition::serving) continue;
+      found.push_back(endpoint_finding(one, seen));
+    }
+  }
+  return found;
+}
+
+}  // namespace vexo::tools
