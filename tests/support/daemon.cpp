@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -35,12 +36,15 @@ dev_log::~dev_log() {
 }
 
 void dev_log::read_all() {
-  char buffer[16384];
+  std::vector<char> buffer(std::size_t{1} << 18);  // more than the socket takes
   for (;;) {
-    const ssize_t size = recv(socket_, buffer, sizeof buffer, 0);
+    pollfd news = {socket_, POLLIN, 0};
+    poll(&news, 1, -1);
+    const std::lock_guard lock(reading_);
+    const ssize_t size = recv(socket_, buffer.data(), buffer.size(), 0);
     if (size <= 0) return;
     // "<facility * 8 + priority>Mmm dd hh:mm:ss name: text"
-    const std::string datagram(buffer, static_cast<std::size_t>(size));
+    const std::string datagram(buffer.data(), static_cast<std::size_t>(size));
     const int header = std::atoi(datagram.c_str() + 1);
     const auto text = datagram.find(": ");
     add({header & 7, text == std::string::npos ? datagram : datagram.substr(text + 2), 0});
@@ -50,9 +54,14 @@ void dev_log::read_all() {
 daemon_process::daemon_process(dev_log* log, const daemon_options& how, bool serves) {
   std::filesystem::remove_all("/tmp/iscsi");
   if (how.with_directory) std::filesystem::create_directory("/tmp/iscsi");
-  const std::size_t served_before = log->count("listening on unix:");
+  const std::size_t served_before = serves ? log->count("listening on unix:") : 0;
   std::vector<std::string> variables = {"VEXO_ISCSI_CONF=" + how.inventory};
   if (how.library_dir) variables.push_back("LD_LIBRARY_PATH=" + *how.library_dir);
+  if (how.preload) {
+    variables.push_back("LD_PRELOAD=" + *how.preload);
+    // Neither library minds that another one comes before it.
+    variables.emplace_back("ASAN_OPTIONS=verify_asan_link_order=0");
+  }
   std::vector<char*> environment;
   for (auto& variable : variables) environment.push_back(variable.data());
   for (char** variable = environ; *variable != nullptr; ++variable) {

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/types.h>
 
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -29,10 +30,14 @@ class dev_log : public log_sink {
   dev_log(const dev_log&) = delete;
   dev_log& operator=(const dev_log&) = delete;
 
+  // A log service that hangs: nothing more is read for as long as the lock is held.
+  std::unique_lock<std::mutex> hold() { return std::unique_lock(reading_); }
+
  private:
   void read_all();
 
   int socket_;
+  std::mutex reading_;
   std::thread reader_;
 };
 
@@ -43,12 +48,13 @@ struct daemon_options {
   std::optional<rlimit> open_files;        // RLIMIT_NOFILE to start with
   bool may_raise_limits = true;            // CAP_SYS_RESOURCE
   std::optional<std::string> library_dir;  // LD_LIBRARY_PATH
+  std::optional<std::string> preload;      // LD_PRELOAD
 };
 
 // A process of the real daemon in the sandbox. Killed at destruction, by its pid.
 class daemon_process {
  public:
-  // Starts it, and waits until it serves unless `serves` is false.
+  // Starts it, and waits until it serves unless `serves` is false; only that needs the log.
   explicit daemon_process(dev_log* log, const daemon_options& how = {}, bool serves = true);
   ~daemon_process();
   daemon_process(const daemon_process&) = delete;
