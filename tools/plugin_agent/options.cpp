@@ -57,7 +57,8 @@ struct words {
 
 void declare(CLI::App& app, agent_options& options, words& given) {
   app.set_version_flag("--version", "plugin_agent " VEXO_TOOLS_VERSION);
-  app.set_config("--config", "", "Read these options from a TOML or INI file: lun = [\"...\"]");
+  app.set_config("--config", "", "Read these options from a TOML or INI file: lun = [\"...\"]")
+      ->type_name("FILE");
   app.allow_config_extras(CLI::config_extras_mode::error);
   app.footer(kExamples);
   app.add_option("--appliance", given.appliances,
@@ -71,9 +72,10 @@ void declare(CLI::App& app, agent_options& options, words& given) {
   app.add_option("--lun", options.luns,
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
                  "\"any\" takes part in every snapshot");
-  app.add_option("--hooks", options.hooks_dir, "Directory of the hooks");
+  app.add_option("--hooks", options.hooks_dir, "Directory of the hooks")->type_name("DIR");
   app.add_option("--fs", options.mount_points,
-                 "Mount point of a file system that the agent freezes itself (repeatable)");
+                 "Mount point of a file system that the agent freezes itself (repeatable)")
+      ->type_name("DIR");
   app.add_option("--max-freeze", given.max_freeze,
                  "Seconds after which the host is thawed whatever the appliance does")
       ->check(CLI::Range(0.1, kLongestFreeze))
@@ -89,6 +91,7 @@ void declare(CLI::App& app, agent_options& options, words& given) {
       ->check(CLI::Range(1.0, 86400.0 * 30))
       ->capture_default_str();
   app.add_option("--run-dir", options.run_dir, "Where the record of a freeze is kept; on a tmpfs")
+      ->type_name("DIR")
       ->capture_default_str();
   app.add_flag("--verbose", options.verbose, "Say more in the log");
   app.add_flag("--thaw-and-exit", options.thaw_and_exit,
