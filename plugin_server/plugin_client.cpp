@@ -12,17 +12,19 @@ constexpr char kLogSource[] = "plugin_client";
 
 plugin_client::plugin_client(grpc::ServerContext* call_context, const PluginClient* call_request,
                              grpc::ServerWriter<PluginCmd>* call_writer)
-    : context(call_context), request(call_request), writer(call_writer) {}
+    : context(call_context),
+      request(call_request),
+      peer(peer_ipv4(context->peer())),
+      writer(call_writer) {}
 
 void plugin_client::push_cmd(const PluginCmd& cmd) {
   const mutex_lock lock(write_mutex);
-  const std::string ip = peer();
-  if (ip == kUnknownAddress) {
+  if (peer == kUnknownAddress) {
     PLUGIN_LOG(LOG_INFO, 31, "Unknown ip address, plugin_id=%s", request->plugin_id().c_str());
     return;
   }
   PLUGIN_LOG(LOG_INFO, 37, "push command to plugin_id=%s ip=%s", request->plugin_id().c_str(),
-             ip.c_str());
+             peer.c_str());
   writer->Write(cmd, grpc::WriteOptions());
 }
 
@@ -31,7 +33,5 @@ void plugin_client::release() {
   running = false;
   cond.notify_one();
 }
-
-std::string plugin_client::peer() const { return peer_ipv4(context->peer()); }
 
 }  // namespace vexo::scsiplugin

@@ -30,11 +30,10 @@ class plugin_client {
   // The handler waits under `wait_mutex`: a release that comes before it waits is lost.
   void release() PLUGIN_EXCLUDES(write_mutex);
 
-  // The peer's IPv4 address, or "Unknown".
-  std::string peer() const;
-
   grpc::ServerContext* const context;
   const PluginClient* const request;
+  // The peer's IPv4 address, or "Unknown". A call's peer never changes.
+  const std::string peer;
   grpc::ServerWriter<PluginCmd>* const writer PLUGIN_PT_GUARDED_BY(write_mutex);
   mutex write_mutex;  // one write to the stream at a time; also held by every release
   mutex wait_mutex;   // held by the Subscribe handler, but for its wait on `cond`

@@ -41,7 +41,7 @@ void PluginServerCtrl::list_clients(PluginClientList* out) {
     PluginClient* const entry = out->add_list();
     entry->set_plugin_id(plugin_id);
     entry->set_type(client->request->type());
-    entry->set_ip(client->peer());
+    entry->set_ip(client->peer);
   }
 }
 

@@ -26,7 +26,7 @@ grpc::Status PluginServiceImpl::Subscribe(grpc::ServerContext* context, const Pl
       });
 
   PLUGIN_LOG(LOG_INFO, 32, "Connected: Plugin ID=%s IP=%s", request->plugin_id().c_str(),
-             client->peer().c_str());
+             client->peer.c_str());
   g_plugin_server_ctrl->add_client(client);
   {
     // Once and without a predicate: any wake-up ends the subscription, and one that comes before
@@ -35,7 +35,7 @@ grpc::Status PluginServiceImpl::Subscribe(grpc::ServerContext* context, const Pl
     client->cond.wait(lock);  // NOLINT(bugprone-spuriously-wake-up-functions)
   }
   PLUGIN_LOG(LOG_INFO, 37, "Disconnect: Plugin ID=%s IP=%s", request->plugin_id().c_str(),
-             client->peer().c_str());
+             client->peer.c_str());
   client.reset();
   gone.wait();
   return grpc::Status::OK;
