@@ -2,13 +2,14 @@
 // are no file descriptors left.
 //
 // gRPC stops listening for the life of the process after one "too many open files", which the
-// kernel answers as soon as the table is full, also when nobody waits to be accepted. So one
-// descriptor is kept in reserve, and connections that are too many are accepted with it and closed:
-// their hosts learn at once that they are not served, and the endpoint serves again when others
-// have gone.
+// kernel answers as soon as the table is full, also when nobody waits to be accepted. So
+// connections that are too many are accepted and closed: their hosts learn at once that they are
+// not served, and the endpoint serves again when others have gone. A few files are left to LUN
+// lookups, and one is kept in reserve to accept with when these have taken all the others.
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -18,11 +19,21 @@
 
 namespace {
 
+// For as many lookups at once; one that cannot read the configuration answers "not supported".
+constexpr int kFilesForLookups = 8;
+
 std::mutex g_mutex;  // one endpoint at a time, so that none takes what another one has just freed
 int g_reserve = -1;  // open only to be closed; negative while there is none to be had
 
 int system_accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
   return static_cast<int>(syscall(SYS_accept4, listener, address, length, flags));
+}
+
+// The kernel hands out the lowest number that is free.
+bool is_too_many(int accepted) {
+  rlimit files = {};
+  return getrlimit(RLIMIT_NOFILE, &files) == 0 &&
+         static_cast<rlim_t>(accepted) + kFilesForLookups >= files.rlim_cur;
 }
 
 // Closes the first connection that waits. False when none does, and when the reserve was lost to
@@ -44,11 +55,17 @@ extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int f
     return system_accept4(listener, address, length, flags);
   }
   const std::lock_guard lock(g_mutex);
-  do {
+  for (;;) {
     if (g_reserve < 0) g_reserve = eventfd(0, EFD_CLOEXEC);
     const int accepted = system_accept4(listener, address, length, flags);
-    if (accepted >= 0 || (errno != EMFILE && errno != ENFILE)) return accepted;
-  } while (turn_one_away(listener));
-  errno = EAGAIN;  // to gRPC: come back when the next one has arrived
-  return -1;
+    if (accepted >= 0) {
+      if (!is_too_many(accepted)) return accepted;
+      close(accepted);
+    } else if (errno != EMFILE && errno != ENFILE) {
+      return accepted;
+    } else if (!turn_one_away(listener)) {
+      errno = EAGAIN;  // to gRPC: come back when the next one has arrived
+      return -1;
+    }
+  }
 }

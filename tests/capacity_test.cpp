@@ -68,14 +68,6 @@ TEST_F(Capacity, MoreHostsThanFilesAreTurnedAwayUntilOthersLeave) {
   caller local(connect(kUnixTarget));
   while (!local.is_listed("host")) std::this_thread::yield();
 
-  const auto push = [&](const std::string& lun) {
-    std::thread announcement([&] { EXPECT_TRUE(local.publish(init_snapshot(lun))); });
-    EXPECT_TRUE(host.next_cmd());
-    EXPECT_TRUE(local.lun_op(start_mirror(lun)));
-    announcement.join();
-  };
-  push("lun-0");  // UBSan needs a file for what it sees the first time
-
   for (const std::string lun : {"lun-1", "lun-2"}) {
     SCOPED_TRACE(lun);
     std::list<bare_connection> others;
@@ -91,7 +83,11 @@ TEST_F(Capacity, MoreHostsThanFilesAreTurnedAwayUntilOthersLeave) {
 
     // Who was there before notices nothing.
     EXPECT_TRUE(local.is_listed("host"));
-    push(lun);
+    EXPECT_TRUE(local.lun_op(is_lun_support(kLun, scsiplugin::LUN_TYPE_80)));
+    std::thread announcement([&] { EXPECT_TRUE(local.publish(init_snapshot(lun))); });
+    EXPECT_TRUE(host.next_cmd());
+    EXPECT_TRUE(local.lun_op(start_mirror(lun)));
+    announcement.join();
 
     // The daemon takes a moment to see that they left.
     others.clear();
