@@ -121,14 +121,14 @@ def points(results, pattern, server, scale):
 
 
 def write_plots(results, out):
-    log = "set logscale xy\nset xlabel 'hosts'\n"
+    log = "set logscale xy\nset xrange [0.9:1100]\nset xlabel 'hosts'\n"
     titles = [("daemon", "daemon"), ("floor", "floor: a bare gRPC server, with the same logging"),
               ("floor_bare", "floor that logs nothing"), ("mosquitto", "mosquitto (MQTT)"),
               ("nats", "NATS")]
     plot(out / "fanout.svg", log + "set ylabel 'ms from the announcement to the last host'",
-         [(title, points(results, r"fanout/(\d+)/last_us", name, 1e-3)) for name, title in titles])
+         [(title, points(results, r"fanout/(10*|[59]00)/last_us", name, 1e-3)) for name, title in titles])
     plot(out / "cpu.svg", log + "set ylabel 'server CPU time for each delivery, µs'",
-         [(title, points(results, r"fanout/(\d+)/cpu_us", name, 1)) for name, title in titles])
+         [(title, points(results, r"fanout/(10*|[59]00)/cpu_us", name, 1)) for name, title in titles])
     plot(out / "lookup.svg", "set logscale x 2\nset xlabel 'LUNs'\nset ylabel 'lookups per second'",
          [(name, points(results, r"lookup/(\d+)/per_second", name, 1))
           for name in ("daemon", "floor")])

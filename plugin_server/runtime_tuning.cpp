@@ -20,11 +20,13 @@ constexpr int kKeptFreeBytes = 16 << 20;
 }  // namespace
 
 void tune_runtime() {
+  // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread yet.
   // One heap: with one for each thread, hosts that reconnect leave memory behind in all of them.
   mallopt(M_ARENA_MAX, 1);
   // A LUN lookup takes and frees megabytes; giving them back to the kernel costs more than using
   // them.
   mallopt(M_TRIM_THRESHOLD, kKeptFreeBytes);
+  // NOLINTEND(concurrency-mt-unsafe)
 
   // Each subscriber holds a thread; by default a thread reserves 8 MiB of addresses.
 #ifndef __SANITIZE_THREAD__  // keeps more than that in each stack
