@@ -97,18 +97,17 @@ class floor_service final : public PluginService::Service {
   grpc::Status Subscribe(grpc::ServerContext* context, const PluginClient* request,
                          grpc::ServerWriter<PluginCmd>* writer) override {
     host& self = host_of(request->plugin_id());
-    const auto log = [&](int line, const char* what) {
-      FLOOR_LOG("plugin_service_impl", line, "%s: Plugin ID=%s IP=%s", what,
-                request->plugin_id().c_str(), g_work ? address_of(*context).c_str() : "");
-    };
-    log(32, "Connected");
+    const auto ip = [&] { return g_work ? address_of(*context) : std::string(); };
+    FLOOR_LOG("plugin_service_impl", 32, "Connected: Plugin ID=%s IP=%s",
+              request->plugin_id().c_str(), ip().c_str());
     self.context = context;
     self.id = request->plugin_id();
     self.writer = writer;
     const std::size_t end = number_of(self.id, g_hosts.size()) + 1;
     for (std::size_t seen = g_hosts_end; seen < end;) g_hosts_end.compare_exchange_weak(seen, end);
     self.left.acquire();
-    log(37, "Disconnect");
+    FLOOR_LOG("plugin_service_impl", 37, "Disconnect: Plugin ID=%s IP=%s",
+              request->plugin_id().c_str(), ip().c_str());
     return grpc::Status::OK;
   }
 

@@ -1,6 +1,7 @@
 #include "server.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -56,7 +57,8 @@ void print(const result& measured) {
 
 double percentile(std::vector<double> values, double part) {
   std::sort(values.begin(), values.end());
-  return values[static_cast<std::size_t>(part * static_cast<double>(values.size() - 1) + 0.5)];
+  return values[static_cast<std::size_t>(
+      std::lround(part * static_cast<double>(values.size() - 1)))];
 }
 
 }  // namespace vexo::bench

@@ -32,7 +32,7 @@ class callers {
     running_ = static_cast<int>(connections_.size());
     for (auto& from : connections_) call(from.get(), what, begin, seconds, &took_us);
     connection::run_until([this] { return running_ == 0; });
-    const double calls = static_cast<double>(took_us.size());
+    const auto calls = static_cast<double>(took_us.size());
     per_second.push_back(calls / seconds_since(begin));
     cpu_us.push_back(1e6 * (of.cpu_seconds() - cpu_before) / calls);
     p50_us.push_back(percentile(took_us, 0.5));
