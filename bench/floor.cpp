@@ -43,7 +43,7 @@ struct host {
   std::atomic<grpc::ServerWriter<PluginCmd>*> writer = nullptr;
   grpc::ServerContext* context = nullptr;
   std::string id;
-  std::mutex writing;  // the one lock: gRPC takes one write to a stream at a time
+  std::mutex mutex;  // the one lock: gRPC lets few threads use a call at once, and one write to it
   std::binary_semaphore left{0};
 };
 std::array<host, 1024> g_hosts;
@@ -190,11 +190,11 @@ class floor_service final : public PluginService::Service {
   }
 
   static void push(const PluginCmd& cmd, host& to) {
+    const std::lock_guard lock(to.mutex);
     const auto writer = to.writer.load();
     if (writer == nullptr || (g_work && to.context->IsCancelled())) return;
     FLOOR_LOG("plugin_client", 37, "push command to plugin_id=%s ip=%s", to.id.c_str(),
               g_work ? address_of(*to.context).c_str() : "");
-    const std::lock_guard lock(to.writing);
     writer->Write(cmd);
   }
 };
