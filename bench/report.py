@@ -10,18 +10,19 @@ import time
 
 # The daemon's ratio to the floor: what, which measure, "at most" or "at least".
 TARGETS = [
-    *[(f"fan-out to the last of {n} hosts", f"fanout/{n}/last_us", "<=", 1.0)
+    *[(f"fan-out to the last of {n} hosts, µs", f"fanout/{n}/last_us", "<=", 1.0)
       for n in (16, 128, 512)],
-    *[(f"CPU per delivery, {n} hosts", f"fanout/{n}/cpu_us", "<=", 0.95) for n in (16, 128, 512)],
+    *[(f"CPU per delivery, {n} hosts, µs", f"fanout/{n}/cpu_us", "<=", 0.95)
+      for n in (16, 128, 512)],
     ("start_mirror per second, 1 caller", "unary/start_mirror/1/per_second", ">=", 1.07),
     ("start_mirror per second, 8 callers", "unary/start_mirror/8/per_second", ">=", 1.10),
     ("whole hand-shakes per second, 8 at once", "handshakes/8/per_second", ">=", 0.95),
-    ("from start_mirror to the caller's answer", "wake/us", "<=", 1.08),
-    ("memory (RSS) at rest", "hold/0/rss_kib", "<=", 0.8),
-    ("memory with 900 hosts", "hold/900/rss_kib", "<=", 0.92),
-    ("memory after 2,400 reconnects", "reconnects/2400/rss_kib", "<=", 0.6),
-    ("virtual memory with 900 hosts", "hold/900/virtual_kib", "<=", 0.1),
-    ("start-up", "startup_ms", "<=", 0.8),
+    ("from start_mirror to the caller's answer, µs", "wake/us", "<=", 1.08),
+    ("memory (RSS) at rest, KiB", "hold/0/rss_kib", "<=", 0.8),
+    ("memory with 900 hosts, KiB", "hold/900/rss_kib", "<=", 0.92),
+    ("memory after 2,400 reconnects, KiB", "reconnects/2400/rss_kib", "<=", 0.6),
+    ("virtual memory with 900 hosts, KiB", "hold/900/virtual_kib", "<=", 0.1),
+    ("start-up, ms", "startup_ms", "<=", 0.8),
     ("LUN lookups per second, 256 LUNs", "lookup/256/per_second", ">=", 2.5),
     ("LUN lookups per second, 1024 LUNs", "lookup/1024/per_second", ">=", 2.5),
 ]
@@ -32,7 +33,8 @@ SERVERS = ["daemon", "floor", "floor_only_log", "floor_bare", "mosquitto", "nats
 def machine():
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     return {"cpu": cpu.group(1) if cpu else "unknown", "cores": os.cpu_count(),
-            "kernel": os.uname().release, "date": time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime())}
+            "kernel": os.uname().release,
+            "date": time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime())}
 
 
 def median_ratio(results, measure):
@@ -125,10 +127,13 @@ def write_plots(results, out):
     titles = [("daemon", "daemon"), ("floor", "floor: a bare gRPC server, with the same logging"),
               ("floor_bare", "floor that logs nothing"), ("mosquitto", "mosquitto (MQTT)"),
               ("nats", "NATS")]
+    # The numbers of hosts at which all of them were measured.
     plot(out / "fanout.svg", log + "set ylabel 'ms from the announcement to the last host'",
-         [(title, points(results, r"fanout/(10*|[59]00)/last_us", name, 1e-3)) for name, title in titles])
+         [(title, points(results, r"fanout/(10*|[59]00)/last_us", name, 1e-3))
+          for name, title in titles])
     plot(out / "cpu.svg", log + "set ylabel 'server CPU time for each delivery, µs'",
-         [(title, points(results, r"fanout/(10*|[59]00)/cpu_us", name, 1)) for name, title in titles])
+         [(title, points(results, r"fanout/(10*|[59]00)/cpu_us", name, 1))
+          for name, title in titles])
     plot(out / "lookup.svg", "set logscale x 2\nset xlabel 'LUNs'\nset ylabel 'lookups per second'",
          [(name, points(results, r"lookup/(\d+)/per_second", name, 1))
           for name in ("daemon", "floor")])
