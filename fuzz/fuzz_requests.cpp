@@ -8,6 +8,7 @@
 
 #include <google/protobuf/stubs/logging.h>
 
+#include <algorithm>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -111,8 +112,8 @@ class service_under_test {
     };
     EXPECT_TRUE(service_.Subscribe(&context_, &request, streams().writer(0)).ok());
     EXPECT_TRUE(waited);
-    EXPECT_EQ(test::captured_syslog().count("Connected: Plugin ID="), 1U);
-    EXPECT_EQ(test::captured_syslog().count("Disconnect: Plugin ID="), 1U);
+    expect_logged_once("scsi_plugin:plugin_service_impl:32:Subscribe Connected: ");
+    expect_logged_once("scsi_plugin:plugin_service_impl:37:Subscribe Disconnect: ");
   }
 
   void unsubscribe(const PluginClient& request) {
@@ -175,6 +176,15 @@ class service_under_test {
   static command_streams& streams() {
     static command_streams one(1);
     return one;
+  }
+
+  // By its beginning, since an identifier may hold any text, that of a log line too.
+  static void expect_logged_once(const char* start) {
+    const auto lines = test::captured_syslog().lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [=](const auto& line) { return line.text.starts_with(start); }),
+              1)
+        << start;
   }
 
   static void push(plugin_client& client) {
