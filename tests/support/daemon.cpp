@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -48,6 +49,18 @@ void dev_log::read_all() {
     const int header = std::atoi(datagram.c_str() + 1);
     const auto text = datagram.find(": ");
     add({header & 7, text == std::string::npos ? datagram : datagram.substr(text + 2), 0});
+  }
+}
+
+void dev_log::catch_up() const {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (std::chrono::steady_clock::now() < deadline) {
+    {
+      const std::lock_guard lock(reading_);
+      int waiting = 0;
+      if (ioctl(socket_, FIONREAD, &waiting) != 0 || waiting == 0) return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 }
 

@@ -26,18 +26,19 @@ inline constexpr char kUnsupportedLun[] = "0e984725-c51c-4bf4-9960-e1c80e27aba0"
 class dev_log : public log_sink {
  public:
   dev_log();
-  ~dev_log();
-  dev_log(const dev_log&) = delete;
-  dev_log& operator=(const dev_log&) = delete;
+  ~dev_log() override;
 
-  // A log service that hangs: nothing more is read for as long as the lock is held.
+  // A log service that hangs: nothing more is read for as long as the lock is held, and nobody may
+  // ask for lines or their count.
   std::unique_lock<std::mutex> hold() { return std::unique_lock(reading_); }
 
  private:
   void read_all();
+  // A process that has been answered has sent what it logged before.
+  void catch_up() const override;
 
   int socket_;
-  std::mutex reading_;
+  mutable std::mutex reading_;  // from before a datagram is taken until it is added
   std::thread reader_;
 };
 

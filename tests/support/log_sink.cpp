@@ -22,6 +22,7 @@ void log_sink::clear() {
 }
 
 std::vector<log_line> log_sink::lines() const {
+  catch_up();
   const std::lock_guard lock(mutex_);
   return lines_;
 }

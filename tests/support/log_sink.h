@@ -31,14 +31,23 @@ std::ostream& operator<<(std::ostream& out, const log_line& line);
 // Collects log lines from any thread, and lets a test wait for one.
 class log_sink {
  public:
+  log_sink() = default;
+  virtual ~log_sink() = default;
+  log_sink(const log_sink&) = delete;
+  log_sink& operator=(const log_sink&) = delete;
+
   void add(log_line line);
   void clear();
+  // Everything that was logged before the call.
   std::vector<log_line> lines() const;
   std::size_t count(std::string_view part) const;
   // The first line that contains `part`, waiting up to kPatience for it.
   std::optional<log_line> wait_for(std::string_view part) const;
 
  private:
+  // Returns when everything that is on its way has been added.
+  virtual void catch_up() const {}
+
   mutable std::mutex mutex_;
   mutable std::condition_variable added_;
   std::vector<log_line> lines_;
