@@ -65,12 +65,18 @@ TEST_F(Guard, RestartsADaemonThatHangsOnAHostThatVanishedAMomentAgo) {
   auto vanishes = start_agent({"--plugin-id", "vanishes"});
   ASSERT_TRUE(wait_until([] { return has_status(R"("hosts":2)"); }));
   const pid_t hung = supervised->pid();
-  vanishes.reset();  // SIGKILL
+  guard->signal(SIGSTOP);  // so that it is the broadcast that comes first
+  vanishes.reset();        // SIGKILL
   while (call->is_listed("vanishes")) std::this_thread::yield();
   const auto broadcast = clock::now();
-  scsiplugin::PluginCmdResp response;
-  const grpc::Status lost = caller(vexo::test::connect(kUnixTarget))
-                                .publish_status(init_snapshot(kLun), kPatience * 2, &response);
+  auto announced = std::async(std::launch::async, [] {
+    scsiplugin::PluginCmdResp response;
+    return caller(vexo::test::connect(kUnixTarget))
+        .publish_status(init_snapshot(kLun), kPatience * 2, &response);
+  });
+  EXPECT_TRUE(log->wait_for("Init snapshots broadcast"));
+  guard->signal(SIGCONT);
+  const grpc::Status lost = announced.get();
   EXPECT_EQ(lost.error_code(), grpc::UNAVAILABLE) << lost.error_message();
   EXPECT_GT(seconds_since(broadcast), 24);
   EXPECT_TRUE(has_status(R"("state":"DOWN")"));
@@ -85,7 +91,7 @@ TEST_F(Guard, RestartsADaemonThatHangsOnAHostThatVanishedAMomentAgo) {
       back, seconds_since(broadcast));
   expect_restarts(1);
   for (const std::string& part :
-       {"restarting the daemon, process " + std::to_string(hung) + ": for 25.",
+       {"restarting the daemon, process " + std::to_string(hung) + ": for 2",
         std::string(" threads, "), std::string(" of 1024 files open, "),
         std::string("sent SIGABRT"), std::string("has ended; its supervisor"),
         "serves again, process " + std::to_string(supervised->pid())}) {

@@ -138,10 +138,11 @@ TEST_F(PluginAgent, AHookThatFailsEndsTheHandshake) {
 TEST_F(PluginAgent, IgnoresLunsOfOtherHosts) {
   start_daemon();
   const auto agent = start_agent({});
-  PluginCmdResp response;
-  EXPECT_FALSE(call->publish_status(init_snapshot(kOtherLun), milliseconds(500), &response).ok());
+  auto other = std::async(std::launch::async, [&] { return announce(kOtherLun); });
   EXPECT_TRUE(agent->wait_for_err(std::string("LUN ") + kOtherLun + ": not this host's"));
   EXPECT_EQ(log->count("Start mirror"), 0U);
+  EXPECT_TRUE(call->lun_op(start_mirror(kOtherLun)));
+  EXPECT_TRUE(other.get());
   whole_handshake(kLun);
   EXPECT_EQ(record(*agent).verdict(), "crash-consistent");
 }

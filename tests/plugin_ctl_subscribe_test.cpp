@@ -96,7 +96,7 @@ TEST_F(PluginCtlSubscribe, UnsubscribesWhenNobodyReadsItAnyMore) {
 
 // A daemon that does not answer the UnSubscribe must not keep the tool from ending.
 TEST_F(PluginCtlSubscribe, SaysThatItMayStayBehindWhenItCannotUnsubscribe) {
-  const auto watcher = start_subscribe({"w", "-t", "127.0.0.1", "--timeout", "1"});
+  const auto watcher = start_subscribe({"w", "-t", "127.0.0.1", "--timeout", "5"});
   daemon->stop();
   watcher->signal(SIGINT);
   EXPECT_EQ(watcher->wait(), 3);
