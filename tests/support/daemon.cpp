@@ -17,6 +17,8 @@
 #include <filesystem>
 #include <vector>
 
+#include "program.h"
+
 namespace vexo::test {
 
 dev_log::dev_log() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -68,19 +70,15 @@ daemon_process::daemon_process(dev_log* log, const daemon_options& how, bool ser
   std::filesystem::remove_all("/tmp/iscsi");
   if (how.with_directory) std::filesystem::create_directory("/tmp/iscsi");
   const std::size_t served_before = serves ? log->count("listening on unix:") : 0;
-  std::vector<std::string> variables = {"VEXO_ISCSI_CONF=" + how.inventory};
+  words variables = {"VEXO_ISCSI_CONF=" + how.inventory};
   if (how.library_dir) variables.push_back("LD_LIBRARY_PATH=" + *how.library_dir);
   if (how.preload) {
     variables.push_back("LD_PRELOAD=" + *how.preload);
     // Neither library minds that another one comes before it.
     variables.emplace_back("ASAN_OPTIONS=verify_asan_link_order=0");
   }
-  std::vector<char*> environment;
-  for (auto& variable : variables) environment.push_back(variable.data());
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    environment.push_back(*variable);
-  }
-  environment.push_back(nullptr);
+  words environment = environment_with(variables);
+  const std::vector<char*> envp = pointers_to(&environment);
 
   pid_ = fork();
   if (pid_ == 0) {
@@ -88,7 +86,7 @@ daemon_process::daemon_process(dev_log* log, const daemon_options& how, bool ser
     if (how.open_files) setrlimit(RLIMIT_NOFILE, &*how.open_files);
     if (!how.may_raise_limits) prctl(PR_CAPBSET_DROP, CAP_SYS_RESOURCE);
     execle(SCSI_PLUGIN_SERVER, SCSI_PLUGIN_SERVER, "--arguments", "have no effect", nullptr,
-           environment.data());
+           envp.data());
     _exit(127);
   }
   EXPECT_GT(pid_, 0);

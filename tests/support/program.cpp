@@ -12,21 +12,24 @@
 
 namespace vexo::test {
 
-namespace {
-std::vector<char*> pointers_to(std::vector<std::string>* strings) {
+words environment_with(const words& variables) {
+  words environment = variables;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    environment.emplace_back(*variable);
+  }
+  return environment;
+}
+
+std::vector<char*> pointers_to(words* strings) {
   std::vector<char*> pointers;
   pointers.reserve(strings->size() + 1);
   for (auto& text : *strings) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
 }
-}  // namespace
 
-program::program(std::vector<std::string> arguments, const std::vector<std::string>& variables) {
-  std::vector<std::string> environment = variables;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    environment.emplace_back(*variable);
-  }
+program::program(words arguments, const words& variables) {
+  words environment = environment_with(variables);
   std::vector<char*> argv = pointers_to(&arguments);
   std::vector<char*> envp = pointers_to(&environment);
 
@@ -120,8 +123,7 @@ void program::close_stream(stream* from) {
   close(from->fd);
 }
 
-ended_program run(std::vector<std::string> arguments, const std::vector<std::string>& variables,
-                  std::chrono::seconds patience) {
+ended_program run(words arguments, const words& variables, std::chrono::seconds patience) {
   program it(std::move(arguments), variables);
   const int status = it.wait(patience);
   return {status, it.out(), it.err()};

@@ -19,13 +19,17 @@ namespace vexo::test {
 // A command line.
 using words = std::vector<std::string>;
 
+// The environment of this process, after `variables` ("NAME=value"), which count more.
+words environment_with(const words& variables);
+// As the exec functions take them, for as long as `strings` lives.
+std::vector<char*> pointers_to(words* strings);
+
 // A program started by a test, with its output collected. Ended with SIGKILL, by its pid, when it
 // is still running at destruction.
 class program {
  public:
   // `variables` ("NAME=value") are added to the environment.
-  explicit program(std::vector<std::string> arguments,
-                   const std::vector<std::string>& variables = {});
+  explicit program(words arguments, const words& variables = {});
   ~program();
   program(const program&) = delete;
   program& operator=(const program&) = delete;
@@ -68,8 +72,7 @@ struct ended_program {
   std::string out;
   std::string err;
 };
-ended_program run(std::vector<std::string> arguments,
-                  const std::vector<std::string>& variables = {},
+ended_program run(words arguments, const words& variables = {},
                   std::chrono::seconds patience = kPatience);
 
 }  // namespace vexo::test
