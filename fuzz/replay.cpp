@@ -1,5 +1,5 @@
 // Runs a target on the files and directories named, once each: what `scripts/test` does with the
-// corpus, in every build, without libFuzzer.
+// corpus, without libFuzzer.
 
 #include <algorithm>
 #include <exception>

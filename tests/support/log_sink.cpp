@@ -17,6 +17,7 @@ void log_sink::add(log_line line) {
 }
 
 void log_sink::clear() {
+  catch_up();
   const std::lock_guard lock(mutex_);
   lines_.clear();
 }

@@ -37,8 +37,8 @@ class log_sink {
   log_sink& operator=(const log_sink&) = delete;
 
   void add(log_line line);
+  // Forgets, and the next two return, everything that was logged before the call.
   void clear();
-  // Everything that was logged before the call.
   std::vector<log_line> lines() const;
   std::size_t count(std::string_view part) const;
   // The first line that contains `part`, waiting up to kPatience for it.
