@@ -59,7 +59,7 @@ static_assert(sizeof(struct load_request) == 80, "load request");
 
 // Loads the configuration, appending its LUNs to `holder->luns`. `third` and `second` are the
 // holder's own heads, in this order. Returns 0, or non-zero when nothing could be loaded.
-// Any number of threads may load at once, each into a holder of its own.
+// The daemon calls it on many threads at once, each time with a holder of the call's own.
 VEXO_API int VEXOiSCSIConfGet(struct load_request* request, struct conf_holder* holder,
                               struct list_head* third, struct list_head* second);
 

@@ -2,9 +2,6 @@
 
 #include <absl/synchronization/mutex.h>
 #include <malloc.h>
-#include <pthread.h>
-
-#include <cstddef>
 
 namespace vexo::scsiplugin {
 
@@ -12,10 +9,6 @@ namespace {
 
 // Two LUN lookups of 1024 LUNs at once.
 constexpr int kKeptFreeBytes = 16 << 20;
-
-// Ten times what the deepest call needs (gRPC's own, with 64 KiB identifiers and the stand-in for
-// the appliance's library, which runs on these threads too).
-[[maybe_unused]] constexpr std::size_t kThreadStackBytes = 256 << 10;
 
 }  // namespace
 
@@ -27,15 +20,6 @@ void tune_runtime() {
   // them.
   mallopt(M_TRIM_THRESHOLD, kKeptFreeBytes);
   // NOLINTEND(concurrency-mt-unsafe)
-
-  // Each subscriber holds a thread; by default a thread reserves 8 MiB of addresses.
-#ifndef __SANITIZE_THREAD__  // keeps more than that in each stack
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, kThreadStackBytes);
-  pthread_setattr_default_np(&attributes);
-  pthread_attr_destroy(&attributes);
-#endif
 
   // Debian's build of the locks inside gRPC looks for deadlocks at every lock, under a lock of its
   // own.
