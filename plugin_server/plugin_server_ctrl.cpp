@@ -201,6 +201,8 @@ void PluginServerCtrl::handle_cmd_init_snapshot(const PluginCmd& request, Plugin
     return;
   }
   PLUGIN_LOG(LOG_ERR, 224, "Init snapshots failed [%s]", key.c_str());
+  // What is under the key by now belongs to another announcement.
+  if (!task) return response->set_success(false);
   response->set_success(false);
   const mutex_lock lock(task_mutex);
   del_task(key);
