@@ -14,13 +14,16 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 
 namespace {
 
-// For as many lookups at once; one that cannot read the configuration answers "not supported".
-constexpr int kFilesForLookups = 8;
+// How many files are kept for lookups; one that cannot read the configuration answers "not
+// supported". As many lookups at once find one under the daemon's own limit of 1024 files. A
+// process that may not raise a much lower limit needs its files for hosts.
+rlim_t files_for_lookups(rlim_t limit) { return std::min<rlim_t>(8, limit / 16); }
 
 std::mutex g_mutex;  // one endpoint at a time, so that none takes what another one has just freed
 int g_reserve = -1;  // open only to be closed; negative while there is none to be had
@@ -33,7 +36,7 @@ int system_accept4(int listener, sockaddr* address, socklen_t* length, int flags
 bool is_too_many(int accepted) {
   rlimit files = {};
   return getrlimit(RLIMIT_NOFILE, &files) == 0 &&
-         static_cast<rlim_t>(accepted) + kFilesForLookups >= files.rlim_cur;
+         static_cast<rlim_t>(accepted) + files_for_lookups(files.rlim_cur) >= files.rlim_cur;
 }
 
 // Closes the first connection that waits. False when none does, and when the reserve was lost to
