@@ -17,12 +17,13 @@ namespace {
 constexpr char kLogSource[] = "scsi_plugin_server";
 constexpr rlim_t kOpenFiles = 1024;  // the hard limit too, be it lowered or raised
 
-std::unique_ptr<grpc::Server> g_server;
-
 // Serves both endpoints; returns only if the library stops the server, which nothing asks it to.
 void run_grpc_server() {
   const std::string server_address = "0.0.0.0:3265";
   const std::string unix_address = "unix:///tmp/iscsi/plugin_server.sock";
+  // In here, so that its destructor is registered after the controller's and runs before it: should
+  // the closed library call exit(), the handlers under way end before the controller does.
+  static std::unique_ptr<grpc::Server> g_server;
   PluginServiceImpl service;
   grpc::ServerBuilder builder;
   builder.AddListeningPort(server_address, grpc::InsecureServerCredentials());
