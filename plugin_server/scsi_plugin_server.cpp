@@ -3,7 +3,9 @@
 
 #include <grpcpp/grpcpp.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -17,12 +19,42 @@ namespace {
 constexpr char kLogSource[] = "scsi_plugin_server";
 constexpr rlim_t kOpenFiles = 1024;  // the hard limit too, be it lowered or raised
 
+// Should the closed library call exit() on a thread of its own, the main thread waits on the server
+// that the exit handlers are about to delete. Destroyed before it, this has the calls under way end
+// and the main thread leave the server first, and keeps that from exit(), which only one thread may
+// be in.
+class exit_order {
+ public:
+  explicit exit_order(grpc::Server* server) : server_(server) {}
+  exit_order(const exit_order&) = delete;
+  exit_order& operator=(const exit_order&) = delete;
+
+  ~exit_order() {
+    if (main_thread_.exchange(has_to_stay) != waits) return;
+    server_->Shutdown();
+    main_thread_.wait(has_to_stay);
+  }
+
+  // For the main thread, when it has done with the server. Returns unless the process is ending.
+  void leave() {
+    if (main_thread_.exchange(has_left) != has_to_stay) return;
+    main_thread_.notify_one();
+    for (;;) pause();
+  }
+
+ private:
+  enum place { waits, has_to_stay, has_left };
+
+  grpc::Server* const server_;
+  std::atomic<place> main_thread_ = waits;
+};
+
 // Serves both endpoints; returns only if the library stops the server, which nothing asks it to.
 void run_grpc_server() {
   const std::string server_address = "0.0.0.0:3265";
   const std::string unix_address = "unix:///tmp/iscsi/plugin_server.sock";
-  // In here, so that its destructor is registered after the controller's and runs before it: should
-  // the closed library call exit(), the handlers under way end before the controller does.
+  // In here, so that its destructor is registered after the controller's and runs before it: the
+  // handlers under way use the controller.
   static std::unique_ptr<grpc::Server> g_server;
   PluginServiceImpl service;
   grpc::ServerBuilder builder;
@@ -35,8 +67,10 @@ void run_grpc_server() {
   // There is no server when an endpoint could not be had. A supervisor must then see a crash, not a
   // daemon without endpoints nor an orderly exit: the standard library's own assertion, on in this
   // file, aborts here.
-  (*g_server).Wait();
+  static exit_order at_exit(&*g_server);
+  g_server->Wait();
   PLUGIN_LOG(LOG_INFO, 34, "Server shutdown");
+  at_exit.leave();
 }
 
 }  // namespace
