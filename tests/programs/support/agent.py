@@ -1,0 +1,114 @@
+"""The reference host agent, and hooks for it."""
+
+import json
+import pathlib
+import signal
+
+from support.calls import LUN
+from support.program import PLUGIN_AGENT, Program
+from support.waiting import wait_until
+
+
+class Agent(Program):
+    """The agent of one LUN, named "host" and with a short poll where `options` do not say otherwise.
+
+    Returns when it is subscribed, unless `serves` is false. `before` is put in front of the command
+    line.
+    """
+
+    def __init__(self, *options, appliance="127.0.0.1", lun=LUN, serves=True, environment=None,
+                 before=()):
+        for name, value in (("--plugin-id", "host"), ("--poll", "0.05")):
+            if name not in options:
+                options = (*options, name, value)
+        super().__init__(*before, PLUGIN_AGENT, "--appliance", appliance, "--lun", lun, *options,
+                         environment=environment)
+        if serves:
+            self.wait_for_err("subscribed to ")
+
+    @property
+    def records(self):
+        """Its verdicts on the hand-shakes so far: the lines of JSON in its log."""
+        return [json.loads(line) for line in self.err.splitlines(keepends=True)
+                if line.startswith("{") and line.endswith("\n")]
+
+    def record(self, index=0):
+        """The verdict on one hand-shake, waiting for it."""
+        wait_until(lambda: len(self.records) > index)
+        return self.records[index]
+
+    def leave(self):
+        """Told to stop, it must end well."""
+        self.signal(signal.SIGTERM)
+        assert self.wait() == 0, self.err
+
+    def guardian(self):
+        """The process id of its guardian."""
+        for children in pathlib.Path(f"/proc/{self.pid}/task").glob("*/children"):
+            for child in children.read_text().split():
+                if pathlib.Path(f"/proc/{child}/comm").read_text() == "agent_guardian\n":
+                    return int(child)
+        raise AssertionError("no guardian")
+
+
+_HOOK = """#!/bin/sh
+name=${0##*/}
+state=${0%/*}/.state
+echo "$name $1" >> "$state/runs"
+if [ -e "$state/block.$name.$1" ]; then
+  touch "$state/blocked"
+  while [ -e "$state/block.$name.$1" ]; do sleep 0.02; done
+fi
+[ -e "$state/fail.$name.$1" ] && exit 3
+case $1 in
+  freeze) touch "$state/frozen.$name" ;;
+  thaw) rm -f "$state/frozen.$name" ;;
+esac
+exit 0
+"""
+
+
+class Hooks:
+    """A directory of hooks that say what they are told, and fail or block when asked to.
+
+    Each of them "freezes" by leaving a file behind.
+    """
+
+    def __init__(self, path="/tmp/hooks"):
+        self.path = pathlib.Path(path)
+        self._state = self.path / ".state"
+        self._state.mkdir(parents=True)
+
+    def add(self, *names, mode=0o755):
+        for name in names:
+            (self.path / name).write_text(_HOOK)
+            (self.path / name).chmod(mode)
+
+    def fail(self, name, phase):
+        """From now on it exits with 3 in this phase."""
+        (self._state / f"fail.{name}.{phase}").touch()
+
+    def block(self, name, phase):
+        """From now on it blocks in this phase, until unblock()."""
+        (self._state / "blocked").unlink(missing_ok=True)
+        (self._state / f"block.{name}.{phase}").touch()
+
+    def unblock(self):
+        for file in self._state.glob("block.*"):
+            file.unlink()
+
+    def wait_until_blocked(self):
+        wait_until((self._state / "blocked").exists)
+
+    def take_runs(self):
+        """What was run since this was last asked, in order: ["10-app prepare", "10-app freeze"]."""
+        runs = self._state / "runs"
+        lines = runs.read_text().splitlines() if runs.exists() else []
+        runs.unlink(missing_ok=True)
+        return lines
+
+    def is_frozen(self, name):
+        return (self._state / f"frozen.{name}").exists()
+
+    def wait_until_thawed(self, name):
+        wait_until(lambda: not self.is_frozen(name))

@@ -1,0 +1,83 @@
+"""The daemon, and who starts it anew."""
+
+import json
+import pathlib
+import shutil
+import threading
+
+from support.calls import Caller
+from support.program import SCSI_PLUGIN_SERVER, SOURCE, Program
+from support.waiting import wait_until
+
+SAMPLE_LUNS = SOURCE / "iscsi_conf/standin/sample_luns.json"
+
+
+class Daemon(Program):
+    """A process of the real daemon. Returns when it serves, unless `serves` is false.
+
+    `luns`: the inventory has these instead of the sample's. `directory`: /tmp/iscsi is there.
+    `limits`: as prlimit takes them, {"nofile": "64:64", "nproc": "20"}.
+    `may_raise_limits`: with CAP_SYS_RESOURCE.
+    """
+
+    def __init__(self, log, *, luns=None, directory=True, limits=None, may_raise_limits=True,
+                 environment=None, serves=True):
+        inventory = SAMPLE_LUNS
+        if luns is not None:
+            inventory = pathlib.Path("/tmp/luns.json")
+            inventory.write_text(json.dumps({"storage_objects": [{"wwn": lun} for lun in luns]}))
+        shutil.rmtree("/tmp/iscsi", ignore_errors=True)
+        if directory:
+            pathlib.Path("/tmp/iscsi").mkdir()
+        command = []
+        if limits:
+            command += ["prlimit", *(f"--{name}={value}" for name, value in limits.items())]
+        if not may_raise_limits:
+            command += ["setpriv", "--bounding-set=-sys_resource"]
+        variables = {"VEXO_ISCSI_CONF": inventory, **(environment or {})}
+        command += ["env", *(f"{name}={value}" for name, value in variables.items())]
+        served_before = log.count("listening on unix:")
+        super().__init__(*command, SCSI_PLUGIN_SERVER, "--arguments", "have no effect")
+        self.call = Caller()
+        self.may_end = not serves
+        if serves:
+            wait_until(lambda: not self.alive or log.count("listening on unix:") > served_before)
+            assert self.alive, f"ended at its start with {self.status}"
+
+    def kill(self):
+        assert self.alive or self.may_end, f"the daemon ended with {self.status}:\n{self.err}"
+        self.may_end = True
+        super().kill()
+
+
+class Supervisor:
+    """Does what a service manager does: starts the daemon anew whenever it has ended."""
+
+    def __init__(self, log, **options):
+        self._options = {"log": log, **options}
+        self._starts = 0
+        self._over = threading.Event()
+        self._keeper = threading.Thread(target=self._keep, daemon=True)
+        self._keeper.start()
+        wait_until(lambda: self._starts)
+
+    @property
+    def pid(self):
+        """Of the daemon that has served last."""
+        return self.daemon.pid
+
+    @property
+    def restarts(self):
+        return self._starts - 1
+
+    def end(self):
+        self._over.set()
+        self._keeper.join()
+
+    def _keep(self):
+        while not self._over.is_set():
+            daemon = Daemon(**self._options)
+            daemon.may_end = True
+            self.daemon = daemon
+            self._starts += 1
+            wait_until(lambda: self._over.is_set() or not daemon.alive, float("inf"))

@@ -1,0 +1,73 @@
+"""The system's log, as the programs of a test see it."""
+
+import os
+import re
+import select
+import socket
+import threading
+from typing import NamedTuple
+
+from support.waiting import wait_until
+
+
+class Line(NamedTuple):
+    priority: int  # without the facility
+    text: str
+    tag: str = "scsi_plugin_server"  # who logged it, as it says itself: a name, or name[pid]
+    facility: int = 1  # LOG_USER
+
+
+class Log:
+    """Whatever is sent to /dev/log."""
+
+    def __init__(self):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind("/dev/log")
+        os.chmod("/dev/log", 0o666)
+        self._reading = threading.Lock()
+        self._lines = []  # under _reading
+        threading.Thread(target=self._read_on, daemon=True).start()
+
+    def lines(self):
+        """All so far. Who has been answered has sent what it logged before; that is among them."""
+        with self._reading:
+            self._read_what_came()
+            return list(self._lines)
+
+    def count(self, part):
+        return sum(part in line.text for line in self.lines())
+
+    def clear(self):
+        with self._reading:
+            self._read_what_came()
+            self._lines.clear()
+
+    def wait_for(self, part):
+        """The first line with `part` in it."""
+        return wait_until(lambda: next((line for line in self.lines() if part in line.text), None))
+
+    def hold(self):
+        """A log service that hangs: nothing is read, nor can be asked here, `with log.hold()`."""
+        return self._reading
+
+    def _read_on(self):
+        while True:
+            select.select([self._socket], [], [])
+            with self._reading:
+                self._read_what_came()
+
+    def _read_what_came(self):
+        try:
+            while True:
+                self._lines.append(_parse(self._socket.recv(1 << 18, socket.MSG_DONTWAIT)))
+        except BlockingIOError:
+            pass
+
+
+def _parse(datagram):
+    # "<facility * 8 + priority>Mmm dd hh:mm:ss name: text"
+    text = datagram.decode(errors="surrogateescape")
+    header = re.match(r"<(\d+)>.{15} (.*?): ", text, re.DOTALL)
+    if not header:
+        return Line(-1, text, "", -1)
+    return Line(int(header[1]) % 8, text[header.end():], header[2], int(header[1]) // 8)

@@ -1,0 +1,41 @@
+"""Networks that fail."""
+
+import shlex
+
+from support.program import run
+
+
+class Network:
+    """A host that is reached through a router: two more network namespaces, behind the test's own."""
+
+    APPLIANCE = "10.77.0.1"  # what the host knows the test's own namespace by
+    ON_HOST = ("ip", "netns", "exec", "host")  # in front of a command line: runs it on the host
+
+    def __init__(self):
+        for command in (
+                "ip netns add router",
+                "ip netns add host",
+                "ip link add to_router type veth peer name to_appliance netns router",
+                "ip link add to_host netns router type veth peer name to_router netns host",
+                f"ip addr add {self.APPLIANCE}/24 dev to_router",
+                "ip -n router addr add 10.77.0.2/24 dev to_appliance",
+                "ip -n router addr add 10.78.0.2/24 dev to_host",
+                "ip -n host addr add 10.78.0.1/24 dev to_router",
+                "ip link set to_router up",
+                "ip -n router link set to_appliance up",
+                "ip -n router link set to_host up",
+                "ip -n host link set to_router up",
+                "ip route add 10.78.0.0/24 via 10.77.0.2",
+                "ip -n host route add 10.77.0.0/24 via 10.78.0.2"):
+            _do(*command.split())
+        self.forward(True)
+
+    def forward(self, on):
+        """Whether the router lets packets through. When not, it drops them without a word."""
+        write = f"echo {int(on)} >/proc/sys/net/ipv4/ip_forward"
+        _do("ip", "netns", "exec", "router", "sh", "-c", write)
+
+
+def _do(*command):
+    done = run(*command)
+    assert done.status == 0, f"{shlex.join(command)}: {done.err}"

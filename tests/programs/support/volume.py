@@ -1,0 +1,93 @@
+"""File systems to freeze."""
+
+import errno
+import fcntl
+import itertools
+import os
+import pathlib
+import threading
+import time
+
+import pytest
+
+from support.program import run
+from support.waiting import wait_until
+
+_FIFREEZE, _FITHAW = 0xC0045877, 0xC0045878
+_FROZEN = 0.15  # seconds; longer than a write takes on a busy machine
+
+
+class Volume:
+    """ext4 on an image, mounted by loop, and a writer that has every write on the disk before the next.
+
+    Skips the test where there can be none. Whoever makes one ends it with close().
+    """
+
+    def __init__(self, path):
+        if os.geteuid() != 0 or pathlib.Path("/proc/self/uid_map").read_text().split()[2] == "1":
+            pytest.skip("only root can mount and freeze file systems")
+        self.path = pathlib.Path(path)
+        self.path.mkdir()
+        image = f"{path}.image"
+        for command in (["truncate", "--size", "16M", image], ["mkfs.ext4", "-q", image],
+                        ["mount", "-o", "loop", image, self.path]):
+            tried = run(*command)
+            if tried.status != 0:
+                pytest.skip(f"{command[0]}: {tried.err}")
+        self._root = os.open(self.path, os.O_RDONLY | os.O_DIRECTORY)
+        self._over = False
+        self._began = time.monotonic()  # the last write
+        self._longest = 0
+        self._writer = threading.Thread(target=self._write_on, daemon=True)
+        self._writer.start()
+
+    def close(self):
+        left_frozen = self.thaw() == 0
+        self._over = True
+        self._writer.join()
+        os.close(self._root)
+        assert run("umount", "--lazy", self.path).status == 0
+        assert not left_frozen, f"{self.path} was left frozen"
+
+    def freeze(self):
+        """0 or an errno, like thaw()."""
+        return self._ioctl(_FIFREEZE)
+
+    def thaw(self):
+        return self._ioctl(_FITHAW)
+
+    def wait_until_frozen(self):
+        """The writer has made no progress for some time."""
+        wait_until(lambda: self._stalled_for() >= _FROZEN)
+
+    def wait_until_thawed(self):
+        """The writer makes progress."""
+        wait_until(lambda: self._stalled_for() < _FROZEN / 3)
+
+    def longest_stall(self):
+        """The seconds that the longest write since the last call has taken, one under way included."""
+        longest, self._longest = max(self._longest, self._stalled_for()), 0
+        return longest
+
+    def _stalled_for(self):
+        return time.monotonic() - self._began
+
+    def _ioctl(self, request):
+        try:
+            fcntl.ioctl(self._root, request, 0)
+            return 0
+        except OSError as error:
+            assert error.errno in (errno.EBUSY, errno.EINVAL), error
+            return error.errno
+
+    def _write_on(self):
+        file = os.open(self.path / "written", os.O_WRONLY | os.O_CREAT, 0o600)
+        for number in itertools.count():
+            if self._over:
+                break
+            self._began = time.monotonic()
+            os.pwrite(file, bytes([number % 256]), 0)
+            os.fdatasync(file)
+            self._longest = max(self._longest, time.monotonic() - self._began)
+            time.sleep(0.003)
+        os.close(file)
