@@ -7,12 +7,13 @@ Whatever it has started ends with it. When it fails, what its programs printed a
 How to write one: ask for the fixtures of support/fixtures.py that it needs, most often
 
     log         what arrives at /dev/log: log.wait_for("part of a line"), log.count("part")
-    daemon      a daemon that serves; daemon.call makes the local caller's calls to it
-    subscribe   subscribe("host") is a host plugin: next_cmd(), cancel(), end()
+    daemon      a daemon that serves: daemon.call.ask(init_snapshot(LUN)) makes a local caller's call,
+                daemon.subscribe("host") is a host plugin: next_cmd(), cancel(), end()
     plugin_ctl  plugin_ctl("list", "-o", "json") runs it; start_plugin_ctl(...) leaves it running
-    start_agent, hooks, volume, start_guard, supervisor, network
+    start_agent, hooks, volume, supervisor, start_guard, network
 
-and wait with wait_until, never with a sleep. Pass `start_daemon` what `daemon` should have otherwise.
+and wait with wait_until, never with a sleep. `start_daemon(luns=["a", "b"], ...)` is for a test that
+needs another daemon than `daemon`.
 """
 
 import json

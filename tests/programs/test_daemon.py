@@ -1,9 +1,20 @@
 """The real daemon, seen from outside."""
 
-import pytest
+import resource
+import socket
 
-from support.calls import LUN, TCP, UNIX, UNSUPPORTED_LUN, Caller, is_lun_support
+import grpc
+import pytest
+from google.protobuf.descriptor_pb2 import FileDescriptorSet
+from google.protobuf.empty_pb2 import Empty
+
+from plugin_cmd_pb2 import PluginClient
+from support.calls import (LUN, REPLICA_LUN, TCP, UNIX, UNSUPPORTED_LUN, Caller, channel_to,
+                           depart_done, depart_relation, init_snapshot, is_lun_support,
+                           is_mirror_done, mirror_done, start_mirror, wait_for_depart)
 from support.log import Line
+from support.program import BUILD
+from support.waiting import PATIENCE, wait_until
 
 LISTENING = [
     Line(6, "scsi_plugin:scsi_plugin_server:30:run_grpc_server Server listening on 0.0.0.0:3265"),
@@ -12,12 +23,203 @@ LISTENING = [
 ]
 
 
-@pytest.mark.parametrize("target", [TCP, UNIX])
-def test_serves_both_endpoints(daemon, log, subscribe, target):
+def test_serves_both_endpoints_with_1024_files(log, start_daemon):
+    daemon = start_daemon(limits={"nofile": "4096:8192"})
     assert log.lines() == LISTENING
-    subscribe("esx")
+    assert resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE) == (1024, 1024)
+    daemon.subscribe("esx")
     log.wait_for("Connected: Plugin ID=esx IP=127.0.0.1")
-    local = Caller(target)
-    assert local.ids() == ["esx"]
-    assert local.ask(is_lun_support(LUN))
-    assert not local.ask(is_lun_support(UNSUPPORTED_LUN))
+    for target in (TCP, UNIX):
+        local = Caller(target)
+        assert local.ids() == ["esx"]
+        assert local.ask(is_lun_support(LUN))
+        assert not local.ask(is_lun_support(UNSUPPORTED_LUN))
+
+
+def test_goes_on_under_a_limit_that_it_may_not_raise(log, start_daemon):
+    daemon = start_daemon(limits={"nofile": "512:512"}, may_raise_limits=False)
+    assert log.lines()[0] == Line(3, "scsi_plugin:scsi_plugin_server:46:main Failed to set RLIMIT_NOFILE")
+    assert log.count("RLIMIT_NOFILE") == 1
+    assert daemon.call.ids() == []
+
+
+@pytest.mark.parametrize("missing", ["the port", "the directory of the socket"])
+def test_a_start_without_an_endpoint_ends_abnormally(log, start_daemon, missing):
+    with socket.socket() as taken:
+        if missing == "the port":
+            taken.bind(("0.0.0.0", 3265))
+            taken.listen()
+        daemon = start_daemon(directory=missing == "the port", serves=False)
+        assert daemon.wait() < 0
+    assert log.lines() == LISTENING
+
+
+def test_replaces_a_stale_socket_file(start_daemon):
+    start_daemon().kill()
+    assert start_daemon(directory=None).call.ids() == []
+
+
+def test_the_configuration_library_is_the_loaders_choice(log, start_daemon):
+    daemon = start_daemon(environment={"LD_LIBRARY_PATH": BUILD / "tests/failing_library"})
+    assert not daemon.call.ask(is_lun_support(LUN))
+    assert log.count("scsi_plugin:plugin_utils:20:GetLunConfByFunc Failed to get config") == 1
+
+
+@pytest.mark.parametrize("method, request_bytes, status", [
+    ("LunOp", b"\x52\x04\x1a\x02\xc3\x28", grpc.StatusCode.INTERNAL),  # bad UTF-8 in start_mirror_req
+    ("Publish", b"\x1a\x01\xff\x2a", grpc.StatusCode.INTERNAL),
+    ("UnSubscribe", b"\x0a\x7f", grpc.StatusCode.INTERNAL),  # cut short
+    ("Unsubscribe", b"", grpc.StatusCode.UNIMPLEMENTED),
+    ("PluginConnList", b"", grpc.StatusCode.OK),
+    ("PluginConnList", b"\x0a\x01x", grpc.StatusCode.OK),  # an unknown field
+])
+def test_what_is_no_request_reaches_no_handler(log, daemon, method, request_bytes, status):
+    call = channel_to(TCP).unary_unary(f"/vexo.scsiplugin.PluginService/{method}").future(
+        request_bytes, timeout=PATIENCE, wait_for_ready=True)
+    assert call.code() == status
+    assert status != grpc.StatusCode.OK or call.result() == b""
+    assert log.lines() == LISTENING
+
+
+def test_reflects_its_service_and_schema(daemon):
+    """Generic tools ask the server what it serves, and get all they need to call it."""
+    symbol = b"vexo.scsiplugin.PluginService"
+    request = b"\x22" + bytes([len(symbol)]) + symbol  # file_containing_symbol
+    ask = channel_to(TCP).stream_stream("/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo")
+    answer = Empty.FromString(next(ask(iter([request]), timeout=PATIENCE, wait_for_ready=True)))
+    files = [file for field in answer.UnknownFields() if field.field_number == 4
+             for file in FileDescriptorSet.FromString(field.data).file]
+    assert {file.name for file in files} == {
+        "error.proto", "google/protobuf/empty.proto", "lun_cmd.proto", "plugin_cmd.proto",
+        "plugin_service.proto"}
+    assert sum(len(service.method) for file in files for service in file.service) == 5
+
+
+@pytest.mark.parametrize("lun", [LUN, REPLICA_LUN])
+def test_a_whole_handshake_with_hosts(log, daemon, lun):
+    owner = daemon.subscribe("owner", PluginClient.VMWARE)
+    bystander = daemon.subscribe("bystander", PluginClient.WINDOWS)
+    unnamed = daemon.subscribe("")
+    local, host = daemon.call, Caller(TCP)
+
+    announced = local.begin(init_snapshot(lun))
+    assert owner.next_cmd().task_id == lun
+    assert not local.ask(init_snapshot(lun))
+    assert not announced.done()
+    assert host.ask(start_mirror(lun))
+    assert announced.result().success
+
+    needs_a_mirror = lun == LUN
+    assert not needs_a_mirror or not host.ask(is_mirror_done(lun))
+    assert local.ask(mirror_done(lun))
+    assert host.ask(is_mirror_done(lun))
+
+    departing = local.begin(wait_for_depart(lun))
+    log.wait_for(f"Wait for depart relation [{lun}")
+    assert not departing.done()
+    assert host.ask(depart_relation(lun))
+    assert departing.result().success
+
+    assert local.ask(depart_done(lun))
+    assert not local.ask(mirror_done(lun))
+    assert [unnamed.next_cmd().WhichOneof("cmd_body") for _ in range(2)] == [
+        "init_snapshot_req", "depart_done_req"]
+    assert bystander.next_cmd().HasField("init_snapshot_req")
+    assert owner.waiting == bystander.waiting == 0
+
+
+def test_fifty_handshakes_at_once(log, start_daemon):
+    luns = [f"lun-{i}" for i in range(50)]
+    daemon = start_daemon(luns=luns)
+    host = daemon.subscribe("host")
+    call = daemon.call
+
+    def all_answer_yes(request):
+        calls = [call.begin(request(lun)) for lun in luns]
+        return all(each.result().success for each in calls)
+
+    announced = [call.begin(init_snapshot(lun)) for lun in luns]
+    assert {host.next_cmd().task_id for _ in luns} == set(luns)
+    assert all_answer_yes(start_mirror)
+    assert all(each.result().success for each in announced)
+    assert all_answer_yes(mirror_done)
+    assert all_answer_yes(is_mirror_done)
+    departing = [call.begin(wait_for_depart(lun)) for lun in luns]
+    wait_until(lambda: log.count("Wait for depart relation [") == len(luns))
+    assert all_answer_yes(depart_relation)
+    assert all(each.result().success for each in departing)
+    assert all_answer_yes(depart_done)
+    assert host.waiting == 0
+
+
+def test_a_broadcast_that_meets_a_vanished_host_never_returns(log, daemon):
+    """The process lives, and everything that needs no registry is still served."""
+    daemon.subscribe("vanished").cancel()
+    daemon.call.wait_until_listed()
+    hung = daemon.call.begin(init_snapshot(LUN))
+    # The broadcast wakes the handler, which logs; its call and its record stay, and are still used.
+    log.wait_for("Disconnect: Plugin ID=vanished")
+    with pytest.raises(grpc.RpcError) as unanswered:
+        daemon.call.list(timeout=0.3)
+    assert unanswered.value.code() == grpc.StatusCode.DEADLINE_EXCEEDED
+    assert daemon.call.ask(start_mirror(LUN))
+    assert not daemon.call.ask(is_mirror_done(LUN))
+    for request in (mirror_done, is_mirror_done, depart_relation, wait_for_depart, depart_done):
+        assert daemon.call.ask(request(LUN)), request.__name__
+    assert not hung.done() and daemon.alive
+    daemon.kill()
+    assert hung.code() == grpc.StatusCode.UNAVAILABLE
+
+
+class BareConnection:
+    """Asks for nothing. The server speaks first, if it serves it."""
+
+    def __init__(self, family):
+        self._socket = socket.socket(family)
+        self._socket.settimeout(PATIENCE)
+        self._socket.connect(("127.0.0.1", 3265) if family == socket.AF_INET
+                             else "/tmp/iscsi/plugin_server.sock")
+
+    def served(self):
+        """False when the server has closed it. Waits for one of the two."""
+        try:
+            return self._socket.recv(1, socket.MSG_PEEK) != b""
+        except ConnectionResetError:
+            return False
+
+    def close(self):
+        self._socket.close()
+
+
+def test_more_hosts_than_files_are_turned_away_until_others_leave(log, start_daemon):
+    daemon = start_daemon(limits={"nofile": "64:64"}, may_raise_limits=False)
+    host = daemon.subscribe("host")
+    for lun in ("lun-1", "lun-2"):
+        others = []
+        while not others or others[-1].served():
+            others.append(BareConnection(socket.AF_INET))
+            assert len(others) <= 64
+        assert len(others) > 32
+        for family in 10 * (socket.AF_INET, socket.AF_UNIX):
+            assert not BareConnection(family).served()
+
+        # Who was there before notices nothing.
+        assert daemon.call.is_listed("host")
+        assert daemon.call.ask(is_lun_support(LUN))
+        announced = daemon.call.begin(init_snapshot(lun))
+        assert host.next_cmd().task_id == lun
+        assert daemon.call.ask(start_mirror(lun))
+        assert announced.result().success
+
+        for other in others:
+            other.close()
+        for family in (socket.AF_INET, socket.AF_UNIX):
+            again = []
+            while len(again) < 10:  # the daemon takes a moment to see that they left
+                assert daemon.alive
+                again.append(BareConnection(family))
+                if not again[-1].served():
+                    again.pop()
+        for target in (TCP, UNIX):
+            assert Caller(target).is_listed("host")
+    assert log.count("Disconnect") == 0

@@ -96,8 +96,16 @@ class Caller:
         """These and nobody else are listed."""
         wait_until(lambda: self.ids() == sorted(plugin_ids))
 
+    def both_sides(self, lun=LUN):
+        """A whole hand-shake, with the steps of the local caller and those of a host in turn."""
+        announced = self.begin(init_snapshot(lun))
+        wait_until(lambda: self.ask(start_mirror(lun)))
+        assert announced.result().success
+        for request in (mirror_done, is_mirror_done, depart_relation, wait_for_depart, depart_done):
+            assert self.ask(request(lun)), request.__name__
+
     def go_to_split(self, lun=LUN):
-        """From the announcement until the host is at rest and waited for."""
+        """With an agent: from the announcement until the host is at rest and waited for."""
         for request in (init_snapshot, mirror_done, wait_for_depart):
             assert self.ask(request(lun)), request.__name__
 

@@ -5,7 +5,7 @@ import pathlib
 import shutil
 import threading
 
-from support.calls import Caller
+from support.calls import Caller, Host
 from support.program import SCSI_PLUGIN_SERVER, SOURCE, Program
 from support.waiting import wait_until
 
@@ -13,9 +13,12 @@ SAMPLE_LUNS = SOURCE / "iscsi_conf/standin/sample_luns.json"
 
 
 class Daemon(Program):
-    """A process of the real daemon. Returns when it serves, unless `serves` is false.
+    """A process of the real daemon, and `call`, a local caller of it.
 
-    `luns`: the inventory has these instead of the sample's. `directory`: /tmp/iscsi is there.
+    Returns when it serves, unless `serves` is false.
+
+    `luns`: the inventory has these instead of the sample's. `directory`: whether /tmp/iscsi is
+    there, and empty; None leaves it as it is.
     `limits`: as prlimit takes them, {"nofile": "64:64", "nproc": "20"}.
     `may_raise_limits`: with CAP_SYS_RESOURCE.
     """
@@ -26,7 +29,8 @@ class Daemon(Program):
         if luns is not None:
             inventory = pathlib.Path("/tmp/luns.json")
             inventory.write_text(json.dumps({"storage_objects": [{"wwn": lun} for lun in luns]}))
-        shutil.rmtree("/tmp/iscsi", ignore_errors=True)
+        if directory is not None:
+            shutil.rmtree("/tmp/iscsi", ignore_errors=True)
         if directory:
             pathlib.Path("/tmp/iscsi").mkdir()
         command = []
@@ -43,6 +47,12 @@ class Daemon(Program):
         if serves:
             wait_until(lambda: not self.alive or log.count("listening on unix:") > served_before)
             assert self.alive, f"ended at its start with {self.status}"
+
+    def subscribe(self, plugin_id, *more):
+        """A host, which is connected and listed."""
+        host = Host(plugin_id, *more)
+        wait_until(lambda: self.call.is_listed(plugin_id))
+        return host
 
     def kill(self):
         assert self.alive or self.may_end, f"the daemon ended with {self.status}:\n{self.err}"

@@ -4,7 +4,6 @@ import pytest
 
 from support import program
 from support.agent import Agent, Hooks
-from support.calls import Host
 from support.daemon import Daemon, Supervisor
 from support.guard import Guard
 from support.log import Log
@@ -46,18 +45,8 @@ def start_daemon(log):
 
 @pytest.fixture
 def daemon(start_daemon):
-    """The daemon with the sample inventory; daemon.call is a local caller."""
+    """The daemon with the sample inventory."""
     return start_daemon()
-
-
-@pytest.fixture
-def subscribe(daemon):
-    """subscribe("host", ...): a host, connected and listed."""
-    def subscribe(plugin_id, *more):
-        host = Host(plugin_id, *more)
-        program.wait_until(lambda: daemon.call.is_listed(plugin_id))
-        return host
-    return subscribe
 
 
 @pytest.fixture
