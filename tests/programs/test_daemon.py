@@ -1,6 +1,7 @@
 """The real daemon, seen from outside."""
 
 import resource
+import signal
 import socket
 
 import grpc
@@ -13,7 +14,6 @@ from support.calls import (LUN, REPLICA_LUN, TCP, UNIX, UNSUPPORTED_LUN, Caller,
                            depart_done, depart_relation, init_snapshot, is_lun_support,
                            is_mirror_done, mirror_done, start_mirror, wait_for_depart)
 from support.log import Line
-from support.program import BUILD
 from support.waiting import PATIENCE, wait_until
 
 LISTENING = [
@@ -23,8 +23,9 @@ LISTENING = [
 ]
 
 
-def test_serves_both_endpoints_with_1024_files(log, start_daemon):
-    daemon = start_daemon(limits={"nofile": "4096:8192"})
+@pytest.mark.parametrize("inherited", ["4096:8192", "512:4096"])
+def test_serves_both_endpoints_with_1024_files(log, start_daemon, inherited):
+    daemon = start_daemon(limits={"nofile": inherited})
     assert log.lines() == LISTENING
     assert resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE) == (1024, 1024)
     daemon.subscribe("esx")
@@ -36,11 +37,20 @@ def test_serves_both_endpoints_with_1024_files(log, start_daemon):
         assert not local.ask(is_lun_support(UNSUPPORTED_LUN))
 
 
-def test_goes_on_under_a_limit_that_it_may_not_raise(log, start_daemon):
-    daemon = start_daemon(limits={"nofile": "512:512"}, may_raise_limits=False)
+@pytest.mark.parametrize("files", [16, 512])  # at rest it has 11 open
+def test_goes_on_under_a_limit_that_it_may_not_raise(log, start_daemon, files):
+    daemon = start_daemon(limits={"nofile": f"{files}:{files}"}, may_raise_limits=False)
     assert log.lines()[0] == Line(3, "scsi_plugin:scsi_plugin_server:46:main Failed to set RLIMIT_NOFILE")
     assert log.count("RLIMIT_NOFILE") == 1
     assert daemon.call.ids() == []
+
+
+@pytest.mark.parametrize("request_to_end", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
+def test_no_signal_is_handled(log, daemon, request_to_end):
+    daemon.may_end = True
+    daemon.signal(request_to_end)
+    assert daemon.wait() == -request_to_end
+    assert log.lines() == LISTENING
 
 
 @pytest.mark.parametrize("missing", ["the port", "the directory of the socket"])
@@ -57,12 +67,6 @@ def test_a_start_without_an_endpoint_ends_abnormally(log, start_daemon, missing)
 def test_replaces_a_stale_socket_file(start_daemon):
     start_daemon().kill()
     assert start_daemon(directory=None).call.ids() == []
-
-
-def test_the_configuration_library_is_the_loaders_choice(log, start_daemon):
-    daemon = start_daemon(environment={"LD_LIBRARY_PATH": BUILD / "tests/failing_library"})
-    assert not daemon.call.ask(is_lun_support(LUN))
-    assert log.count("scsi_plugin:plugin_utils:20:GetLunConfByFunc Failed to get config") == 1
 
 
 @pytest.mark.parametrize("method, request_bytes, status", [
