@@ -1,10 +1,12 @@
 // The eight handlers: verdict, state, log lines; and who waits for whom.
 
+#include <grpcpp/impl/codegen/client_unary_call.h>
 #include <gtest/gtest.h>
 
 #include <future>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -16,254 +18,221 @@ namespace vexo::test {
 namespace {
 
 using namespace scsiplugin;
-using Handlers = service;
+using namespace std::string_literals;
 
 constexpr std::chrono::milliseconds kStillBlocked{300};
 constexpr char kGuid[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
 constexpr char kNaa[] = "60014051a2b3c4dd5e6fd7a8bd9c0dde";
 
+constexpr task_state kStates[] = {TASK_CREATED, TASK_MIRROR_STARTED, TASK_MIRROR_DONE,
+                                  TASK_DEPART_STARTED};
 constexpr auto kNoTask = std::optional<task_state>();
 
-log_line info(const std::string& text) { return {6, "scsi_plugin:plugin_server_ctrl:" + text, 0}; }
-log_line error(const std::string& text) { return {3, "scsi_plugin:plugin_server_ctrl:" + text, 0}; }
-
-// One request, the state of its task before and after, and everything it logs.
+// One request, the state of its task before and after, and the numbers of all lines it logs.
 struct handler_case {
   std::variant<LunCmd, PluginCmd> request;
   std::optional<task_state> before;
   bool success;
   std::optional<task_state> after;
-  std::vector<log_line> log;
+  std::vector<int> log;
 };
 
-class HandlerCases : public service {
+class Handlers : public service {
  protected:
+  // Runs each case over a new task under `key`, or over none. What is logged names `key`.
   void run(const std::string& key, const std::vector<handler_case>& cases) {
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-      SCOPED_TRACE("case " + std::to_string(i));
-      const handler_case& c = cases[i];
-      {
-        const mutex_lock lock(ctrl().task_mutex);
-        ctrl().del_task(key);
-      }
-      if (c.before) {
-        ASSERT_TRUE(ctrl().add_task(key));
-        ctrl().find_task(key)->set_state(*c.before);
-      }
+    for (const auto& c : cases) {
+      const auto* const lun_cmd = std::get_if<LunCmd>(&c.request);
+      const auto* const plugin_cmd = std::get_if<PluginCmd>(&c.request);
+      SCOPED_TRACE((lun_cmd ? lun_cmd->ShortDebugString() : plugin_cmd->ShortDebugString()) +
+                   (c.before ? " from state " + std::to_string(*c.before) : " without a task"));
+      set_task(key, c.before);
       captured_syslog().clear();
-      bool success = false;
-      if (const auto* const lun_cmd = std::get_if<LunCmd>(&c.request)) {
-        LunCmdResp response;
-        ASSERT_TRUE(call->lun_op_status(*lun_cmd, kPatience, &response).ok());
-        success = response.success();
-        response.clear_success();
-        EXPECT_EQ(response.ByteSizeLong(), 0U) << response.ShortDebugString();
-      } else {
-        PluginCmdResp response;
-        const auto& plugin_cmd = std::get<PluginCmd>(c.request);
-        ASSERT_TRUE(call->publish_status(plugin_cmd, kPatience, &response).ok());
-        success = response.success();
-        response.clear_success();
-        EXPECT_EQ(response.ByteSizeLong(), 0U) << response.ShortDebugString();
-      }
-      EXPECT_EQ(success, c.success);
-      EXPECT_EQ(captured_syslog().lines(), c.log);
-      const auto task = ctrl().find_task(key);
-      EXPECT_EQ(task != nullptr, c.after.has_value());
-      if (task && c.after) {
-        EXPECT_EQ(task->state, *c.after);
-      }
+      // The first line comes before anything is done, and every other after. LunOp's handlers of
+      // tasks hold task_mutex from the first line on; the others never log with a registry lock.
+      const bool locks = lun_cmd && !lun_cmd->has_is_lun_support_req();
+      std::size_t lines = 0;
+      const auto looking = captured_syslog().watch([&](const log_line& line) {
+        EXPECT_EQ(state_of(key), lines++ == 0 ? c.before : c.after) << line;
+        EXPECT_EQ(is_held(ctrl().task_mutex), locks) << line;
+        EXPECT_FALSE(is_held(ctrl().client_mutex)) << line;
+      });
+      LunCmdResp lun_response;
+      PluginCmdResp plugin_response;
+      ASSERT_TRUE((lun_cmd ? call->lun_op_status(*lun_cmd, kPatience, &lun_response)
+                           : call->publish_status(*plugin_cmd, kPatience, &plugin_response))
+                      .ok());
+      EXPECT_EQ(lun_response.success() || plugin_response.success(), c.success);
+      lun_response.clear_success();
+      plugin_response.clear_success();
+      EXPECT_EQ(lun_response.ByteSizeLong() + plugin_response.ByteSizeLong(), 0U);
+      EXPECT_EQ(state_of(key), c.after);
+      std::vector<log_line> expected;
+      for (const int number : c.log) expected.push_back(line(number, key));
+      EXPECT_EQ(captured_syslog().lines(), expected);
     }
   }
+
+  // The task in a new state; or no task.
+  static void set_task(const std::string& key, std::optional<task_state> state) {
+    {
+      const mutex_lock lock(ctrl().task_mutex);
+      ctrl().del_task(key);
+    }
+    if (!state) return;
+    ASSERT_TRUE(ctrl().add_task(key));
+    ctrl().find_task(key)->set_state(*state);
+  }
+  static std::optional<task_state> state_of(const std::string& key) {
+    const auto task = ctrl().find_task(key);
+    return task ? std::optional(static_cast<task_state>(task->state.load())) : std::nullopt;
+  }
+
+  // init_snapshot, from another thread and over a connection of its own.
+  std::future<bool> announce(const std::string& key) const {
+    return std::async(std::launch::async,
+                      [this, key] { return caller(dial()).publish(init_snapshot(key)); });
+  }
 };
 
-TEST_F(HandlerCases, StartMirrorAndDepartRelationMoveFromAnyState) {
-  const std::string start = "122:handle_cmd_start_mirror Start mirror [K]";
-  const std::string depart = "182:handle_cmd_depart_relation Depart relation start [K]";
+TEST_F(Handlers, StartMirrorAndDepartRelationMoveFromAnyState) {
   std::vector<handler_case> cases = {
-      {start_mirror("K"),
-       kNoTask,
-       false,
-       kNoTask,
-       {info(start), error("125:handle_cmd_start_mirror Task not exists: [K]")}},
-      {depart_relation("K"),
-       kNoTask,
-       false,
-       kNoTask,
-       {info(depart), error("185:handle_cmd_depart_relation Task not exists: [K]")}},
+      {start_mirror("K"), kNoTask, false, kNoTask, {122, 125}},
+      {depart_relation("K"), kNoTask, false, kNoTask, {182, 185}},
   };
-  for (const auto state :
-       {TASK_CREATED, TASK_MIRROR_STARTED, TASK_MIRROR_DONE, TASK_DEPART_STARTED}) {
-    cases.push_back({start_mirror("K"), state, true, TASK_MIRROR_STARTED, {info(start)}});
-    cases.push_back({depart_relation("K"), state, true, TASK_DEPART_STARTED, {info(depart)}});
+  for (const auto state : kStates) {
+    cases.push_back({start_mirror("K"), state, true, TASK_MIRROR_STARTED, {122}});
+    cases.push_back({depart_relation("K"), state, true, TASK_DEPART_STARTED, {182}});
   }
+  run("K", cases);
   // The task is found by the LUN, whatever task_id says.
+  set_task("K", TASK_CREATED);
   LunCmd wrong_lun = start_mirror("other");
   wrong_lun.mutable_start_mirror_req()->set_task_id("K");
-  cases.push_back({wrong_lun,
-                   TASK_CREATED,
-                   false,
-                   TASK_CREATED,
-                   {info("122:handle_cmd_start_mirror Start mirror [other]"),
-                    error("125:handle_cmd_start_mirror Task not exists: [other]")}});
-  run("K", cases);
+  run("other", {{wrong_lun, kNoTask, false, kNoTask, {122, 125}}});
+  EXPECT_EQ(state_of("K"), TASK_CREATED);
 }
 
-TEST_F(HandlerCases, IsMirrorDoneOfAMirroredLun) {
-  the_conf().set({{"K", 0xF}});
-  const auto log = [](const log_line& second) {
-    return std::vector<log_line>{info("144:handle_cmd_is_mirror_done Check mirror done [K]"),
-                                 second};
-  };
-  const auto pass = log(info("166:handle_cmd_is_mirror_done Check mirror done pass [K]"));
-  const auto mirroring = log(info("171:handle_cmd_is_mirror_done mirroring ... [K]"));
-  const auto no_lun = log(error("153:handle_cmd_is_mirror_done Failed to get lun config [K]"));
+TEST_F(Handlers, IsMirrorDone) {
+  the_conf().set({{"K", 0xF}, {kGuid, 0x103}});
   const LunCmd ask = is_mirror_done("K", LUN_TYPE_80);
   run("K",
       {
-          {ask, kNoTask, false, kNoTask,
-           log(error("147:handle_cmd_is_mirror_done Task not exists: [K]"))},
-          {ask, TASK_CREATED, false, TASK_CREATED, mirroring},
-          {ask, TASK_MIRROR_STARTED, false, TASK_MIRROR_STARTED, mirroring},
-          {ask, TASK_MIRROR_DONE, true, TASK_MIRROR_DONE, pass},
-          {ask, TASK_DEPART_STARTED, false, TASK_DEPART_STARTED, mirroring},
-          {is_mirror_done("K", LUN_TYPE_NONE), TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, no_lun},
-          {is_mirror_done("K", LUN_TYPE_83), TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, no_lun},
+          {ask, kNoTask, false, kNoTask, {144, 147}},
+          {ask, TASK_CREATED, false, TASK_CREATED, {144, 171}},
+          {ask, TASK_MIRROR_STARTED, false, TASK_MIRROR_STARTED, {144, 171}},
+          {ask, TASK_MIRROR_DONE, true, TASK_MIRROR_DONE, {144, 166}},
+          {ask, TASK_DEPART_STARTED, false, TASK_DEPART_STARTED, {144, 171}},
+          {is_mirror_done("K", LUN_TYPE_NONE),
+           TASK_MIRROR_DONE,
+           false,
+           TASK_MIRROR_DONE,
+           {144, 153}},
+          {is_mirror_done("K", LUN_TYPE_83), TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {144, 153}},
       });
-}
-
-TEST_F(HandlerCases, IsMirrorDoneOfALunWithoutAMirrorMovesTheTask) {
-  the_conf().set({{kGuid, 0x103}});
-  std::vector<handler_case> cases;
-  for (const auto state :
-       {TASK_CREATED, TASK_MIRROR_STARTED, TASK_MIRROR_DONE, TASK_DEPART_STARTED}) {
-    cases.push_back(
-        {is_mirror_done(kNaa, LUN_TYPE_83),
-         state,
-         true,
-         TASK_MIRROR_DONE,
-         {info(std::string("144:handle_cmd_is_mirror_done Check mirror done [") + kNaa + "]"),
-          info(std::string("160:handle_cmd_is_mirror_done Check mirror done skip (BLUN / "
-                           "Replication) [") +
-               kNaa + "]")}});
+  // One without a mirror moves its task.
+  for (const auto state : kStates) {
+    run(kNaa, {{is_mirror_done(kNaa, LUN_TYPE_83), state, true, TASK_MIRROR_DONE, {144, 160}}});
   }
-  run(kNaa, cases);
-}
-
-TEST_F(HandlerCases, IsMirrorDoneWithoutAConfiguration) {
   the_conf().fail_loads(true);
-  run("K", {{is_mirror_done("K", LUN_TYPE_80),
-             TASK_MIRROR_DONE,
-             false,
-             TASK_MIRROR_DONE,
-             {info("144:handle_cmd_is_mirror_done Check mirror done [K]"),
-              {3, "scsi_plugin:plugin_utils:20:GetLunConfByFunc Failed to get config", 0},
-              error("153:handle_cmd_is_mirror_done Failed to get lun config [K]")}}});
+  run("K", {{ask, TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {144, 20, 153}}});
 }
 
-TEST_F(HandlerCases, IsLunSupportTellsPassFromFail) {
+TEST_F(Handlers, IsLunSupport) {
   the_conf().set({{kGuid, 0xF}, {"scratch", 0x7}});
-  const auto log = [](const std::string& lun, const std::string& verdict) {
-    return std::vector<log_line>{
-        info("104:handle_cmd_is_lun_support Check lun support [" + lun + "]"),
-        info(verdict + " [" + lun + "]")};
+  const auto ask = [&](const std::string& lun, LunType type, bool supported) {
+    run(lun,
+        {{is_lun_support(lun, type), kNoTask, supported, kNoTask, {104, supported ? 108 : 111}}});
   };
-  const std::string pass = "108:handle_cmd_is_lun_support Check lun support pass";
-  const std::string fail = "111:handle_cmd_is_lun_support Check lun support failed";
-  run("K",
-      {
-          {is_lun_support(kGuid, LUN_TYPE_80), kNoTask, true, kNoTask, log(kGuid, pass)},
-          {is_lun_support(kNaa, LUN_TYPE_83), kNoTask, true, kNoTask, log(kNaa, pass)},
-          {is_lun_support(kGuid, LUN_TYPE_NONE), kNoTask, false, kNoTask, log(kGuid, fail)},
-          {is_lun_support("scratch", LUN_TYPE_80), kNoTask, false, kNoTask, log("scratch", fail)},
-          {is_lun_support("none", LUN_TYPE_80), kNoTask, false, kNoTask, log("none", fail)},
-      });
+  ask(kGuid, LUN_TYPE_80, true);
+  ask(kNaa, LUN_TYPE_83, true);
+  ask(kGuid, LUN_TYPE_NONE, false);
+  ask("scratch", LUN_TYPE_80, false);
+  ask("none", LUN_TYPE_80, false);
 }
 
-TEST_F(HandlerCases, MirrorDoneNeedsAStartedMirror) {
-  const log_line first = info("234:handle_cmd_mirror_done Mirror done [K]");
-  const log_line failed = error("247:handle_cmd_mirror_done Mirror done failed [K]");
+TEST_F(Handlers, MirrorDoneWaitForDepartAndDepartDone) {
   const PluginCmd tell = mirror_done("K");
   run("K", {
-               {tell,
-                kNoTask,
-                false,
-                kNoTask,
-                {first, error("237:handle_cmd_mirror_done Task not exists: [K]")}},
-               {tell, TASK_CREATED, false, TASK_CREATED, {first, failed}},
-               {tell,
-                TASK_MIRROR_STARTED,
-                true,
-                TASK_MIRROR_DONE,
-                {first, info("244:handle_cmd_mirror_done Mirror done success [K]")}},
-               {tell, TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {first, failed}},
-               {tell, TASK_DEPART_STARTED, false, TASK_DEPART_STARTED, {first, failed}},
+               {tell, kNoTask, false, kNoTask, {234, 237}},
+               {tell, TASK_CREATED, false, TASK_CREATED, {234, 247}},
+               {tell, TASK_MIRROR_STARTED, true, TASK_MIRROR_DONE, {234, 244}},
+               {tell, TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {234, 247}},
+               {tell, TASK_DEPART_STARTED, false, TASK_DEPART_STARTED, {234, 247}},
+               {wait_for_depart("K"), kNoTask, false, kNoTask, {255, 258}},
+               {wait_for_depart("K"), TASK_DEPART_STARTED, true, TASK_DEPART_STARTED, {255, 264}},
+               {depart_done("K"), kNoTask, true, kNoTask, {275, 278}},
+               {depart_done("K"), TASK_CREATED, true, kNoTask, {275}},
+               {depart_done("K"), TASK_DEPART_STARTED, true, kNoTask, {275}},
            });
 }
 
-TEST_F(HandlerCases, WaitForDepartThatCameAlreadyDoesNotWait) {
-  const log_line first = info("255:handle_cmd_wait_for_depart Wait for depart relation [K]");
-  run("K",
-      {
-          {wait_for_depart("K"),
-           kNoTask,
-           false,
-           kNoTask,
-           {first, error("258:handle_cmd_wait_for_depart Task not exists: [K]")}},
-          {wait_for_depart("K"),
-           TASK_DEPART_STARTED,
-           true,
-           TASK_DEPART_STARTED,
-           {first, info("264:handle_cmd_wait_for_depart Wait for depart relation success [K]")}},
-      });
-}
-
-TEST_F(HandlerCases, DepartDoneAcknowledgesWhateverIsGone) {
-  const log_line first = info("275:handle_cmd_depart_done Depart relation done [K]");
-  run("K", {
-               {depart_done("K"),
-                kNoTask,
-                true,
-                kNoTask,
-                {first, error("278:handle_cmd_depart_done Task not exists: [K]")}},
-               {depart_done("K"), TASK_CREATED, true, kNoTask, {first}},
-               {depart_done("K"), TASK_DEPART_STARTED, true, kNoTask, {first}},
-           });
-}
-
-TEST_F(HandlerCases, InitSnapshotIsRefusedWithoutHostsAndWhileItsTaskLives) {
-  run("K", {{init_snapshot("K"),
-             kNoTask,
-             false,
-             kNoTask,
-             {info("199:handle_cmd_init_snapshot Plugin list is empty, skip notify plugin")}}});
+TEST_F(Handlers, InitSnapshotIsRefusedWithoutHostsAndWhileItsTaskLives) {
+  run("K", {{init_snapshot("K"), kNoTask, false, kNoTask, {199}}});
   const auto host = subscribe("esx");
-  run("K", {{init_snapshot("K"),
-             TASK_MIRROR_STARTED,
-             false,
-             TASK_MIRROR_STARTED,
-             {info("208:handle_cmd_init_snapshot Init snapshots broadcast [K]"),
-              error("211:handle_cmd_init_snapshot Init snasphot failed due to task is in progress: "
-                    "[K]")}}});
+  for (const auto state : kStates) {
+    run("K", {{init_snapshot("K"), state, false, state, {208, 211}}});
+  }
   EXPECT_EQ(host->cmds_waiting(), 0U);
 }
 
-TEST_F(Handlers, CommandsThatNoneHandlesAreCancelled) {
-  std::vector<LunCmd> lun_cmds(6);
-  lun_cmds[1].mutable_create_mapped_target_req();
-  lun_cmds[2].mutable_delete_lun_req();
-  lun_cmds[3].mutable_start_tp_task_req();
-  lun_cmds[4].mutable_restore_lun_req();
-  lun_cmds[5].mutable_init_snapshot_ready_req();
-  for (const auto& cmd : lun_cmds) {
-    LunCmdResp response;
-    const auto status = call->lun_op_status(cmd, kPatience, &response);
-    EXPECT_EQ(status.error_code(), grpc::CANCELLED) << cmd.ShortDebugString();
-    EXPECT_EQ(status.error_message(), "");
-  }
+// What reads a state does so without the task's mutex, and so never waits for whoever holds it.
+TEST_F(Handlers, AStateIsReadWhileItsTaskIsLocked) {
+  the_conf().set({{"K", 0xF}});
+  ASSERT_TRUE(ctrl().add_task("K"));
+  const std::lock_guard<std::mutex> held(ctrl().find_task("K")->mutex);
+  LunCmdResp lun_response;
+  EXPECT_TRUE(call->lun_op_status(is_mirror_done("K", LUN_TYPE_80), kPatience, &lun_response).ok());
   PluginCmdResp response;
-  EXPECT_EQ(call->publish_status(PluginCmd(), kPatience, &response).error_code(), grpc::CANCELLED);
-  EXPECT_TRUE(captured_syslog().lines().empty());
+  EXPECT_TRUE(call->publish_status(mirror_done("K"), kPatience, &response).ok());
+}
+
+// Requests byte by byte, as another program may send them.
+TEST_F(Handlers, OnlyWhatIsHandledAndCanBeReadIsCarriedOut) {
+  const auto answer_to = [&](const std::string& method, const std::string& bytes) {
+    const std::string path = "/vexo.scsiplugin.PluginService/" + method;
+    const grpc::internal::RpcMethod rpc(path.c_str(), grpc::internal::RpcMethod::NORMAL_RPC);
+    const grpc::Slice slice(bytes);
+    grpc::ClientContext context;
+    grpc::ByteBuffer response;
+    const auto status = grpc::internal::BlockingUnaryCall(dial().get(), rpc, &context,
+                                                          grpc::ByteBuffer(&slice, 1), &response);
+    EXPECT_TRUE(status.error_code() != grpc::CANCELLED || status.error_message().empty());
+    return status.error_code();
+  };
+  // An empty member of each number: its tag and a zero length.
+  for (int number = 3; number <= 12; ++number) {
+    const std::string bytes = {static_cast<char>(number << 3 | 2), 0};
+    const bool lun_op = number == 4 || number == 5 || number == 6 || number == 10;
+    EXPECT_EQ(answer_to("LunOp", bytes), lun_op ? grpc::OK : grpc::CANCELLED) << number;
+    const bool publish = number >= 4 && number <= 7;
+    EXPECT_EQ(answer_to("Publish", bytes), publish ? grpc::OK : grpc::CANCELLED) << number;
+  }
+  captured_syslog().clear();
+  const struct {
+    std::string method;
+    std::string bytes;
+    grpc::StatusCode status;
+    std::vector<log_line> log;
+  } cases[] = {
+      {"LunOp", "", grpc::CANCELLED, {}},
+      {"Publish", "\x08\xff\xff\xff\xff\x0f\x1a\x01x", grpc::CANCELLED, {}},
+      // The last of two members counts; unknown ones are skipped, and so is an unknown LunType.
+      {"LunOp", "\x52\x03\x1a\x01K2\x03\x1a\x01K", grpc::OK, {line(182, "K"), line(185, "K")}},
+      {"Publish",
+       "\x1a\x01K*\x00\x98\x06\x01\xa2\x06\x02hi"s,
+       grpc::OK,
+       {line(234, "K"), line(237, "K")}},
+      {"LunOp", "\"\x05\x08\x63\x12\x01K", grpc::OK, {line(104, "K"), line(111, "K")}},
+      // Text that is no UTF-8, and a message that is cut short.
+      {"LunOp", "R\x04\x1a\x02\xc3\x28", grpc::INTERNAL, {}},
+      {"UnSubscribe", "\x0a\x7f", grpc::INTERNAL, {}},
+  };
+  for (const auto& c : cases) {
+    captured_syslog().clear();
+    EXPECT_EQ(answer_to(c.method, c.bytes), c.status) << testing::PrintToString(c.bytes);
+    EXPECT_EQ(captured_syslog().lines(), c.log) << testing::PrintToString(c.bytes);
+  }
 }
 
 TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {
@@ -274,6 +243,10 @@ TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {
   request.set_qel_sn("Q1");
   request.set_task_id("what the caller says is replaced");
   request.mutable_init_snapshot_req()->set_dst_lun_uuid("dst");
+  const auto looking = captured_syslog().watch([](const log_line& logged) {
+    EXPECT_EQ(state_of("K").has_value(), logged != line(208, "K")) << logged;
+    EXPECT_TRUE(logged != line(37, "one", "127.0.0.1") || is_held(ctrl().client_mutex));
+  });
   PluginCmdResp response;
   auto publish = std::async(std::launch::async, [&] {
     return caller(dial()).publish_status(request, kPatience, &response);
@@ -290,23 +263,27 @@ TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {
   EXPECT_TRUE(response.success());
   EXPECT_EQ(response.init_snapshot_resp().task_id(), "K");
   EXPECT_EQ(response.cmd_sn(), 0U);
-  ASSERT_TRUE(ctrl().find_task("K"));
-  EXPECT_EQ(captured_syslog().count("220:handle_cmd_init_snapshot Init snapshots success(start "
-                                    "mirror) [K]"),
-            1U);
+  EXPECT_EQ(state_of("K"), TASK_MIRROR_STARTED);
+  for (const auto& logged : {line(208, "K"), line(37, "one", "127.0.0.1"), line(220, "K")}) {
+    EXPECT_EQ(captured_syslog().count(logged), 1U) << logged;
+  }
 }
 
 // The task is looked up after the broadcast. Somebody may have ended the hand-shake by then.
 TEST_F(Handlers, InitSnapshotFailsAtOnceWhenItsTaskIsGoneAfterTheBroadcast) {
   const auto slow = subscribe("slow");
   auto stalled = stall("slow");
-  auto publish =
-      std::async(std::launch::async, [&] { return caller(dial()).publish(init_snapshot("K")); });
-  wait_until_registry_is_held();
+  auto publish = announce("K");
+  wait_until_needed(stalled);
   EXPECT_TRUE(call->publish(depart_done("K")));
+  // What the next announcement has begun under the same key by then is left to it.
+  const auto looking = captured_syslog().watch([](const log_line& logged) {
+    if (logged == line(224, "K")) ctrl().add_task("K");
+  });
   stalled.unlock();
   EXPECT_FALSE(publish.get());
-  EXPECT_EQ(captured_syslog().count("Init snapshots failed [K]"), 1U);
+  EXPECT_EQ(state_of("K"), TASK_CREATED);
+  EXPECT_EQ(captured_syslog().count(line(224, "K")), 1U);
 }
 
 TEST_F(Handlers, DepartDoneGoesToTheSubscriberWithoutAnIdAndToNobodyElse) {
@@ -316,22 +293,29 @@ TEST_F(Handlers, DepartDoneGoesToTheSubscriberWithoutAnIdAndToNobodyElse) {
   PluginCmd done = depart_done("K");
   done.set_cmd_sn(7);
   done.mutable_depart_done_req()->set_result(-5);
+  // Pushed without a registry lock, and before the task is gone.
+  const auto looking = captured_syslog().watch([](const log_line& logged) {
+    EXPECT_EQ(state_of("K"), TASK_CREATED) << logged;
+    EXPECT_FALSE(is_held(ctrl().task_mutex)) << logged;
+    EXPECT_FALSE(is_held(ctrl().client_mutex)) << logged;
+  });
+  captured_syslog().clear();
   EXPECT_TRUE(call->publish(done));
+  EXPECT_EQ(captured_syslog().lines(),
+            (std::vector<log_line>{line(275, "K"), line(37, "", "127.0.0.1")}));
   const auto cmd = unnamed->next_cmd();
   ASSERT_TRUE(cmd);
   EXPECT_EQ(cmd->SerializeAsString(), done.SerializeAsString());
   EXPECT_EQ(named->cmds_waiting(), 0U);
-  EXPECT_EQ(ctrl().find_task("K"), nullptr);
+  EXPECT_EQ(state_of("K"), kNoTask);
 }
 
 // is_mirror_done holds task_mutex while it loads the configuration, however long that takes.
 TEST_F(Handlers, ASlowConfigurationHoldsUpTheTaskTableAndNothingElse) {
   the_conf().set({{"K", 0xF}});
-  for (const std::string key : {"K", "waits", "mirrored", "departing"}) {
-    ASSERT_TRUE(ctrl().add_task(key));
-  }
-  ctrl().find_task("mirrored")->set_state(TASK_MIRROR_STARTED);
-  ctrl().find_task("departing")->set_state(TASK_DEPART_STARTED);
+  for (const std::string key : {"K", "waits"}) set_task(key, TASK_CREATED);
+  set_task("mirrored", TASK_MIRROR_STARTED);
+  set_task("departing", TASK_DEPART_STARTED);
   the_conf().hold_next_load();
   auto slow = std::async(std::launch::async,
                          [&] { return caller(dial()).lun_op(is_mirror_done("K", LUN_TYPE_80)); });
@@ -340,7 +324,7 @@ TEST_F(Handlers, ASlowConfigurationHoldsUpTheTaskTableAndNothingElse) {
   LunCmdResp response;
   EXPECT_EQ(call->lun_op_status(start_mirror("waits"), kStillBlocked, &response).error_code(),
             grpc::DEADLINE_EXCEEDED);
-  EXPECT_EQ(ctrl().find_task("waits")->state, TASK_CREATED);
+  EXPECT_EQ(state_of("waits"), TASK_CREATED);
   EXPECT_TRUE(call->publish(mirror_done("mirrored")));
   EXPECT_TRUE(call->publish(wait_for_depart("departing")));
   EXPECT_TRUE(call->lun_op(is_lun_support("K", LUN_TYPE_80)));

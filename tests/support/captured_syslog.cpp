@@ -2,7 +2,6 @@
 #include "captured_syslog.h"
 
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -18,7 +17,7 @@ namespace {
 void capture(int priority, const char* format, va_list arguments) {
   char text[8192];
   std::vsnprintf(text, sizeof text, format, arguments);
-  captured_syslog().add({priority, text, gettid()});
+  captured_syslog().add({priority, text});
 }
 }  // namespace
 

@@ -50,7 +50,7 @@ void dev_log::read_all() {
     const std::string datagram(buffer.data(), static_cast<std::size_t>(size));
     const int header = std::atoi(datagram.c_str() + 1);
     const auto text = datagram.find(": ");
-    add({header & 7, text == std::string::npos ? datagram : datagram.substr(text + 2), 0});
+    add({header & 7, text == std::string::npos ? datagram : datagram.substr(text + 2)});
   }
 }
 

@@ -60,9 +60,18 @@ int fake_conf::records_alive() {
   return records_;
 }
 
+namespace {
+template <std::size_t size>
+void expect_zeroed(const std::uint8_t (&bytes)[size]) {
+  for (const auto byte : bytes) EXPECT_EQ(byte, 0);
+}
+}  // namespace
+
 int fake_conf::get(const load_request* request, conf_holder* holder, const list_head* third,
                    const list_head* second) {
   EXPECT_EQ(request->what, 0x7000U);
+  expect_zeroed(request->opaque);
+  expect_zeroed(holder->opaque);
   EXPECT_EQ(third, &holder->third);
   EXPECT_EQ(second, &holder->second);
   for (const auto* head : {&holder->luns, &holder->second, &holder->third}) {
@@ -78,9 +87,11 @@ int fake_conf::get(const load_request* request, conf_holder* holder, const list_
   }
   if (fail_) return -1;
   for (const auto& [identifier, type_flags] : luns_) {
-    auto* const lun = new tag_iscsi_lun_();
+    auto* const lun = new tag_iscsi_lun_;
+    std::memset(lun, 0xA5, sizeof *lun);  // what else the library keeps, also behind the NUL
     lun->type_flags = type_flags;
-    identifier.copy(lun->identifier, sizeof lun->identifier - 1);
+    identifier.copy(lun->identifier, identifier.size());
+    lun->identifier[identifier.size()] = '\0';
     lun->link = {&holder->luns, holder->luns.prev};
     holder->luns.prev->next = &lun->link;
     holder->luns.prev = &lun->link;

@@ -10,10 +10,24 @@ std::ostream& operator<<(std::ostream& out, const log_line& line) {
   return out << '<' << line.priority << '>' << line.text;
 }
 
-void log_sink::add(log_line line) {
+void log_sink::add(const log_line& line) {
+  std::function<void(const log_line&)> look;
+  {
+    const std::lock_guard lock(mutex_);
+    lines_.push_back(line);
+    look = look_;
+    added_.notify_all();
+  }
+  if (look) look(line);
+}
+
+std::shared_ptr<void> log_sink::watch(std::function<void(const log_line&)> look) {
   const std::lock_guard lock(mutex_);
-  lines_.push_back(std::move(line));
-  added_.notify_all();
+  look_ = std::move(look);
+  return {this, [this](void*) {
+            const std::lock_guard unset(mutex_);
+            look_ = nullptr;
+          }};
 }
 
 void log_sink::clear() {
@@ -26,6 +40,11 @@ std::vector<log_line> log_sink::lines() const {
   catch_up();
   const std::lock_guard lock(mutex_);
   return lines_;
+}
+
+std::size_t log_sink::count(const log_line& line) const {
+  const auto all = lines();
+  return static_cast<std::size_t>(std::count(all.begin(), all.end(), line));
 }
 
 std::size_t log_sink::count(std::string_view part) const {

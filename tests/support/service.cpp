@@ -3,12 +3,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -19,7 +17,25 @@ namespace vexo::test {
 
 using namespace scsiplugin;
 
-namespace {
+int sleepers(const void* object, std::size_t size) {
+  const auto begin = reinterpret_cast<std::uintptr_t>(object);
+  int count = 0;
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream call(thread.path() / "syscall");  // which it is in, and that call's arguments
+    long number = 0;
+    std::uintptr_t address = 0;
+    if (!(call >> number >> std::hex >> address) || number != SYS_futex) continue;
+    if (address >= begin && address < begin + size) ++count;
+  }
+  return count;
+}
+
+bool is_held(std::mutex& mutex) {
+  return std::async(
+             std::launch::async,
+             [&] { return !std::unique_lock<std::mutex>(mutex, std::try_to_lock).owns_lock(); })
+      .get();
+}
 
 void wait_until(const std::string& what, const std::function<bool()>& reached) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
@@ -29,28 +45,10 @@ void wait_until(const std::string& what, const std::function<bool()>& reached) {
   }
 }
 
-// Whether the thread is in a futex call on an address within `object`.
-template <typename T>
-bool sleeps_on(pid_t thread, const T& object) {
-  std::ifstream syscall("/proc/self/task/" + std::to_string(thread) + "/syscall");
-  long number = 0;
-  std::uintptr_t address = 0;
-  if (!(syscall >> number >> std::hex >> address)) return false;
-  const auto begin = reinterpret_cast<std::uintptr_t>(&object);
-  return number == SYS_futex && address >= begin && address < begin + sizeof object;
-}
-
-}  // namespace
-
 service_host::service_host() {
   g_plugin_server_ctrl = std::make_shared<PluginServerCtrl>();
   the_conf().reset();
   captured_syslog().clear();
-
-  std::string name = std::filesystem::temp_directory_path() / "plugin_server_test.XXXXXX";
-  EXPECT_NE(mkdtemp(name.data()), nullptr);
-  directory_ = name;
-  unix_target = "unix://" + directory_ + "/sock";
 
   int ipv4_port = 0;
   int ipv6_port = 0;
@@ -78,28 +76,22 @@ service_host::~service_host() {
   server_->Shutdown(std::chrono::system_clock::now());
   EXPECT_EQ(the_conf().records_alive(), 0);
   EXPECT_EQ(the_conf().loads(), the_conf().frees());
-  std::filesystem::remove_all(directory_);
 }
 
 std::unique_ptr<subscriber> service_host::subscribe(const std::string& plugin_id,
                                                     PluginClient::Type type) {
-  const std::string connected = "Connected: Plugin ID=" + plugin_id + " ";
-  const std::size_t before = captured_syslog().count(connected);
+  const auto before = ctrl().get_client(plugin_id);
   auto host = std::make_unique<subscriber>(dial(), plugin_id, type);
   wait_until("no connection of " + plugin_id,
-             [&] { return captured_syslog().count(connected) > before; });
+             [&] { return ctrl().get_client(plugin_id) != before; });
   wait_until_waiting(plugin_id);
   return host;
 }
 
 void service_host::wait_until_waiting(const std::string& plugin_id) {
   wait_until("no waiting Subscribe call of " + plugin_id, [&] {
-    const auto lines = captured_syslog().lines();
-    const auto last = std::find_if(lines.rbegin(), lines.rend(), [&](const auto& line) {
-      return line.text.find("Connected: Plugin ID=" + plugin_id + " ") != std::string::npos;
-    });
     const auto client = ctrl().client_map.find(plugin_id);
-    return last != lines.rend() && client && sleeps_on(last->thread, client->cond);
+    return client && sleepers(&client->cond, sizeof client->cond) > 0;
   });
 }
 
@@ -115,10 +107,9 @@ std::unique_lock<std::mutex> service_host::stall(const std::string& plugin_id) {
   return std::unique_lock<std::mutex>(ctrl().client_map.find(plugin_id)->write_mutex);
 }
 
-void service_host::wait_until_registry_is_held() {
-  std::mutex& registry = ctrl().client_mutex;
-  wait_until("nobody holds the registry",
-             [&] { return !std::unique_lock<std::mutex>(registry, std::try_to_lock).owns_lock(); });
+void service_host::wait_until_needed(const std::unique_lock<std::mutex>& held) {
+  wait_until("nobody needs what is held",
+             [&] { return sleepers(held.mutex(), sizeof *held.mutex()) > 0; });
 }
 
 }  // namespace vexo::test

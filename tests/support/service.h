@@ -2,16 +2,26 @@
 #define TESTS_SUPPORT_SERVICE_H_
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "calls.h"
+#include "log_lines.h"
 #include "plugin_service_impl.h"
 #include "subscriber.h"
 
 namespace vexo::test {
+
+// How many threads sleep on a lock or a condition variable.
+int sleepers(const void* object, std::size_t size);
+// Whether anybody holds it, the caller too.
+bool is_held(std::mutex& mutex);
+// Fails the test, saying `what`, when it is not `reached` in kPatience.
+void wait_until(const std::string& what, const std::function<bool()>& reached);
 
 // The real service behind a real server in the test's own process, with a new controller, an IPv4
 // port of its own and a unix socket; over the fake configuration and the captured syslog.
@@ -29,26 +39,27 @@ class service_host {
   std::unique_ptr<subscriber> subscribe(
       const std::string& plugin_id,
       scsiplugin::PluginClient::Type type = scsiplugin::PluginClient::UNKNOWN);
-  // Waits until the Subscribe handler that logged its connection last sleeps on its record's
-  // condition variable, which is the moment from which a release reaches it.
+  // Waits until the handler of the registered Subscribe call sleeps on its record's condition
+  // variable, which is the moment from which a release reaches it.
   static void wait_until_waiting(const std::string& plugin_id);
   // Waits until the server has noticed that the subscriber's call was cancelled.
   static void wait_until_cancelled(const std::string& plugin_id);
 
-  // A host that takes no data: a push to it blocks, as in a write, until the lock is given back.
+  // A host that takes no data: a push to it blocks, as in a write, and so does its release, until
+  // the lock is given back.
   static std::unique_lock<std::mutex> stall(const std::string& plugin_id);
-  // Waits until an operation on the registry is under way.
-  static void wait_until_registry_is_held();
+  // Waits until a thread sleeps because it needs this lock.
+  static void wait_until_needed(const std::unique_lock<std::mutex>& held);
 
   static scsiplugin::PluginServerCtrl& ctrl() { return *scsiplugin::g_plugin_server_ctrl; }
 
   std::string ipv4_target;
   std::string ipv6_target;  // empty where there is no IPv6
-  std::string unix_target;
+  // Without a file, which a process that ends without its destructors would leave.
+  const std::string unix_target = "unix-abstract:plugin_server_test." + std::to_string(getpid());
   std::unique_ptr<caller> call;
 
  private:
-  std::string directory_;
   scsiplugin::PluginServiceImpl service_;
   std::unique_ptr<grpc::Server> server_;
 };
