@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "fake_conf.h"
-#include "inventory.h"
 #include "virtual_time.h"
 
 namespace vexo::fuzz {

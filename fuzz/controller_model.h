@@ -9,9 +9,17 @@
 #include <string>
 
 #include "fake_call.h"
+#include "fake_conf.h"
 #include "plugin_server_ctrl.h"
 
 namespace vexo::fuzz {
+
+// The LUNs that a script finds: one that is mirrored, one that needs no mirror, an unsupported one.
+inline const test::fake_conf::luns kInventory = {
+    {"1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6", 0xF},
+    {"c3d9e8b1-2f64-4b7a-9e05-7714aa0c6f2e", 0x103},
+    {"0e984725-c51c-4bf4-9960-e1c80e27aba0", 0x7},
+};
 
 // One subscriber, as a target made it: the call, the request and the record that the controller
 // keeps.

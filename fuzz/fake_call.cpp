@@ -3,7 +3,7 @@
 namespace vexo::fuzz {
 
 bool fake_call::cancelled_seen() {
-  if (cancelled_ && ++told_ == kEnough) throw never_returns();
+  if (cancelled_ && ++told_ == enough) throw never_returns();
   return cancelled_;
 }
 

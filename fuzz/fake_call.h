@@ -22,9 +22,9 @@ class fake_call : public grpc::ServerContext {
   void cancel() { cancelled_ = true; }
   bool cancelled() const { return cancelled_; }
   // How often the daemon has been told of the cancellation since this was last asked. Whoever is
-  // told kEnough times does not mean to stop asking, and gets a never_returns.
+  // told so `enough` times does not mean to stop asking, and gets a never_returns.
   int times_told() { return std::exchange(told_, 0); }
-  static constexpr int kEnough = 3;
+  static inline int enough = 3;  // set before all else
 
   const std::string& peer_seen() const { return peer_; }
   bool cancelled_seen();

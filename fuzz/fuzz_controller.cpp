@@ -6,7 +6,11 @@
 // exception once it has examined that one again and again. Not played: two calls at work at the
 // very same time (tests/stress_test.cpp does that), and release_all_clients, which nothing calls.
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -18,8 +22,7 @@
 #include "command_streams.h"
 #include "controller_model.h"
 #include "fake_conf.h"
-#include "inventory.h"
-#include "target.h"
+#include "log_lines.h"
 #include "virtual_time.h"
 
 namespace vexo::fuzz {
@@ -48,7 +51,7 @@ class script {
  public:
   explicit script(std::string_view text) : rest_(text) {
     the_time().reset();
-    the_time().meanwhile = [this] { return during_a_wait(); };
+    the_time().meanwhile = [this](auto deadline) { return during_a_wait(deadline); };
     test::the_conf().reset();
     test::the_conf().set(kInventory);
     test::captured_syslog().clear();
@@ -59,7 +62,7 @@ class script {
     if (rest_.empty()) return false;
     switch (next()) {
       case 'S':
-        subscribe(operand(kIds), operand(kPeers));
+        subscribe();
         break;
       case 'U':
         unsubscribe(operand(kIds));
@@ -89,10 +92,10 @@ class script {
         move(&test::depart_relation, TASK_DEPART_STARTED, operand(kKeys));
         break;
       case 'm':
-        is_mirror_done(operand(kKeys), operand(kTypes));
+        is_mirror_done();
         break;
       case 'q':
-        is_lun_support(operand(kKeys), operand(kTypes));
+        is_lun_support();
         break;
       case 'E':
         the_time().pass(kSpans[operand(kSpans)]);
@@ -125,7 +128,9 @@ class script {
 
   // --- Subscribers ---
 
-  void subscribe(std::size_t id, std::size_t peer) {
+  void subscribe() {
+    const std::size_t id = operand(kIds);
+    const std::size_t peer = operand(kPeers);
     PluginClient request;
     request.set_plugin_id(kIds[id]);
     request.set_type(static_cast<PluginClient::Type>(peer));
@@ -190,11 +195,14 @@ class script {
     host* vanished = nullptr;
     if (mine) vanished = announce(request);
     PluginCmdResp response;
+    deadlines_.push_back(the_time().now() + 60s);
     try {
       ctrl_.handle_cmd_init_snapshot(request, &response);
+      deadlines_.pop_back();
     } catch (const never_returns&) {
+      deadlines_.pop_back();
       ASSERT_TRUE(vanished != nullptr);
-      EXPECT_EQ(vanished->call.times_told(), fake_call::kEnough);
+      EXPECT_EQ(vanished->call.times_told(), fake_call::enough);
       vanished->released = true;
       take_deliveries();
       return;
@@ -204,6 +212,7 @@ class script {
     EXPECT_EQ(response.success(), mine && mine->state == TASK_MIRROR_STARTED);
     EXPECT_EQ(response.has_init_snapshot_resp(), response.success());
     EXPECT_EQ(response.init_snapshot_resp().task_id(), response.success() ? kKeys[key] : "");
+    if (mine) expect_logged_last(response.success() ? 220 : 224, key);
     // Also one that has taken its place meanwhile.
     if (mine && !response.success()) model_.hand_shakes.erase(kKeys[key]);
   }
@@ -218,6 +227,7 @@ class script {
     const auto mine = model_.find(kKeys[key]);
     publish(&PluginServerCtrl::handle_cmd_wait_for_depart, test::wait_for_depart(kKeys[key]),
             [=] { return mine && mine->state == TASK_DEPART_STARTED; });
+    if (mine) expect_logged_last(mine->state == TASK_DEPART_STARTED ? 264 : 267, key);
   }
 
   void depart_done(std::size_t key) {
@@ -234,10 +244,16 @@ class script {
   void publish(void (PluginServerCtrl::*handler)(const PluginCmd&, PluginCmdResp*),
                const PluginCmd& request, const std::function<bool()>& expected) {
     PluginCmdResp response;
+    deadlines_.push_back(the_time().now() + 60s);
     (ctrl_.*handler)(request, &response);
+    deadlines_.pop_back();
     EXPECT_EQ(response.success(), expected()) << request.ShortDebugString();
     response.clear_success();
     EXPECT_EQ(response.ByteSizeLong(), 0U);
+  }
+
+  static void expect_logged_last(int number, std::size_t key) {
+    EXPECT_EQ(test::captured_syslog().lines().back(), test::line(number, kKeys[key]));
   }
 
   // --- The host plugins ---
@@ -249,16 +265,18 @@ class script {
     lun_op(handler, command(kKeys[key]), model_.move(kKeys[key], next));
   }
 
-  void is_mirror_done(std::size_t key, std::size_t type) {
+  void is_mirror_done() {
+    const std::string& key = kKeys[operand(kKeys)];
+    const int type = kTypes[operand(kTypes)];
     lun_op(&PluginServerCtrl::handle_cmd_is_mirror_done,
-           test::is_mirror_done(kKeys[key], static_cast<LunType>(kTypes[type])),
-           model_.is_mirror_done(kKeys[key], kTypes[type]));
+           test::is_mirror_done(key, static_cast<LunType>(type)), model_.is_mirror_done(key, type));
   }
 
-  void is_lun_support(std::size_t key, std::size_t type) {
+  void is_lun_support() {
+    const std::string& key = kKeys[operand(kKeys)];
+    const int type = kTypes[operand(kTypes)];
     lun_op(&PluginServerCtrl::handle_cmd_is_lun_support,
-           test::is_lun_support(kKeys[key], static_cast<LunType>(kTypes[type])),
-           model_.is_lun_support(kKeys[key], kTypes[type]));
+           test::is_lun_support(key, static_cast<LunType>(type)), model_.is_lun_support(key, type));
   }
 
   void lun_op(void (PluginServerCtrl::*handler)(const LunCmd&, LunCmdResp*), const LunCmd& request,
@@ -277,7 +295,8 @@ class script {
 
   // --- Waits and deliveries ---
 
-  bool during_a_wait() {
+  bool during_a_wait(std::chrono::system_clock::time_point deadline) {
+    EXPECT_EQ(deadline, deadlines_.back());
     take_deliveries();
     return step();
   }
@@ -317,13 +336,21 @@ class script {
   PluginServerCtrl ctrl_;
   controller_model model_;
   std::vector<std::pair<std::size_t, PluginCmd>> deliveries_;  // that must have been made
+  // Of the calls that are at work, each inside the wait of the one before.
+  std::vector<std::chrono::system_clock::time_point> deadlines_;
   static inline std::uint32_t cmd_sn_ = 0;  // of the process, so that none is taken for another's
 };
 
 }  // namespace
 }  // namespace vexo::fuzz
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+// The two that libFuzzer, or replay.cpp, calls: once before all else, and for each input.
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  testing::GTEST_FLAG(throw_on_failure) = true;  // ends the process, as a crash does
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   constexpr std::size_t kLongest = 300;  // each call may wait inside the one before
   if (size > kLongest) return 0;
   vexo::fuzz::script script({reinterpret_cast<const char*>(data), size});

@@ -4,11 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <mutex>
 
 namespace vexo::fuzz {
 
@@ -25,13 +21,7 @@ void virtual_time::reset() {
 }
 
 void virtual_time::wait_until(system_clock::time_point deadline) {
-  if (!meanwhile || !meanwhile()) now_ = std::max(now_, deadline);
-}
-
-void virtual_time::wait() {
-  if (meanwhile && meanwhile()) return;
-  std::fputs("a wait that nobody would ever end\n", stderr);
-  std::abort();
+  if (!meanwhile || !meanwhile(deadline)) now_ = std::max(now_, deadline);
 }
 
 // In the daemon's objects these take the place of what seams.txt names.
@@ -48,13 +38,6 @@ int timed_wait(pthread_cond_t* /*cond*/, pthread_mutex_t* mutex, const timespec*
   the_time().wait_until(end);
   pthread_mutex_lock(mutex);
   return the_time().now() < end ? 0 : ETIMEDOUT;
-}
-
-void wait(std::condition_variable* cond, std::unique_lock<std::mutex>* lock) asm("fuzz_wait");
-void wait(std::condition_variable* /*cond*/, std::unique_lock<std::mutex>* lock) {
-  lock->unlock();
-  the_time().wait();
-  lock->lock();
 }
 
 }  // namespace vexo::fuzz

@@ -6,7 +6,7 @@
 
 namespace vexo::fuzz {
 
-// The time that the daemon's code lives in: its clock, and its two kinds of wait. A minute costs
+// The time that the daemon's code lives in: its clock, and its timed waits. A minute costs
 // nothing, what happens during a wait is the target's choice, and one thread is enough: while a
 // handler waits, with its mutex free, the target may call any other.
 class virtual_time {
@@ -17,14 +17,12 @@ class virtual_time {
   // Moves the clock, also back.
   void pass(std::chrono::seconds duration) { now_ += duration; }
 
-  // Called by each wait, which then looks again at what it waits for. False when nothing more will
-  // happen: a timed wait then lasts to its end, and any other, which would never end, is an error.
-  std::function<bool()> meanwhile;
+  // Called by each wait, with its deadline; the wait then looks again at what it waits for. False
+  // when nothing more will happen: the wait then lasts to its end.
+  std::function<bool(std::chrono::system_clock::time_point)> meanwhile;
 
   // A wait as the daemon makes it, to `deadline`.
   void wait_until(std::chrono::system_clock::time_point deadline);
-  // A wait without an end of its own.
-  void wait();
 
  private:
   std::chrono::system_clock::time_point now_;

@@ -20,7 +20,6 @@ namespace {
 using namespace scsiplugin;
 using namespace std::string_literals;
 
-constexpr std::chrono::milliseconds kStillBlocked{300};
 constexpr char kGuid[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
 constexpr char kNaa[] = "60014051a2b3c4dd5e6fd7a8bd9c0dde";
 
@@ -313,26 +312,41 @@ TEST_F(Handlers, DepartDoneGoesToTheSubscriberWithoutAnIdAndToNobodyElse) {
 // is_mirror_done holds task_mutex while it loads the configuration, however long that takes.
 TEST_F(Handlers, ASlowConfigurationHoldsUpTheTaskTableAndNothingElse) {
   the_conf().set({{"K", 0xF}});
-  for (const std::string key : {"K", "waits"}) set_task(key, TASK_CREATED);
+  const auto host = subscribe("esx");
+  for (const std::string key : {"K", "gone"}) set_task(key, TASK_CREATED);
   set_task("mirrored", TASK_MIRROR_STARTED);
   set_task("departing", TASK_DEPART_STARTED);
   the_conf().hold_next_load();
-  auto slow = std::async(std::launch::async,
-                         [&] { return caller(dial()).lun_op(is_mirror_done("K", LUN_TYPE_80)); });
+  const auto lun_op = [this](const LunCmd& cmd) {
+    return std::async(std::launch::async, [this, cmd] { return caller(dial()).lun_op(cmd); });
+  };
+  auto slow = lun_op(is_mirror_done("K", LUN_TYPE_80));
   the_conf().wait_until_held();
 
-  LunCmdResp response;
-  EXPECT_EQ(call->lun_op_status(start_mirror("waits"), kStillBlocked, &response).error_code(),
-            grpc::DEADLINE_EXCEEDED);
-  EXPECT_EQ(state_of("waits"), TASK_CREATED);
   EXPECT_TRUE(call->publish(mirror_done("mirrored")));
   EXPECT_TRUE(call->publish(wait_for_depart("departing")));
   EXPECT_TRUE(call->lun_op(is_lun_support("K", LUN_TYPE_80)));
-  EXPECT_EQ(call->list().list_size(), 0);
+  EXPECT_EQ(call->list().list_size(), 1);
+
+  auto announced = announce("new");
+  auto started = lun_op(start_mirror("mirrored"));
+  auto departed = lun_op(depart_relation("departing"));
+  auto done =
+      std::async(std::launch::async, [&] { return caller(dial()).publish(depart_done("gone")); });
+  wait_until("not all four wait for the table",
+             [] { return sleepers(&ctrl().task_mutex, sizeof ctrl().task_mutex) == 4; });
+  EXPECT_EQ(state_of("mirrored"), TASK_MIRROR_DONE);
+  EXPECT_EQ(state_of("gone"), TASK_CREATED);
+  EXPECT_EQ(state_of("new"), kNoTask);
 
   the_conf().release_load();
   EXPECT_FALSE(slow.get());
-  EXPECT_TRUE(ctrl().find_task("waits")->wait_for(TASK_MIRROR_STARTED));
+  EXPECT_TRUE(started.get());
+  EXPECT_TRUE(departed.get());
+  EXPECT_TRUE(done.get());
+  ASSERT_TRUE(host->next_cmd());
+  EXPECT_TRUE(call->lun_op(start_mirror("new")));
+  EXPECT_TRUE(announced.get());
 }
 
 }  // namespace
