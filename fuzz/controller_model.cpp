@@ -80,8 +80,8 @@ std::uint32_t controller_model::flags_of(const std::string& lun, int type) const
 void controller_model::expect_equal(PluginServerCtrl* ctrl) const {
   EXPECT_TRUE(is_free(ctrl->client_mutex));
   EXPECT_TRUE(is_free(ctrl->task_mutex));
-  EXPECT_EQ(test::the_conf().loads(), test::the_conf().frees());
-  EXPECT_EQ(test::the_conf().records_alive(), 0);
+  EXPECT_EQ(test::the_conf().loads, test::the_conf().frees);
+  EXPECT_EQ(test::the_conf().records_alive, 0);
   {
     const mutex_lock lock(ctrl->client_mutex);
     EXPECT_EQ(

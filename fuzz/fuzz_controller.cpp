@@ -290,7 +290,7 @@ class script {
 
   void fail_loads(bool fail) {
     model_.loads_fail = fail;
-    test::the_conf().fail_loads(fail);
+    test::the_conf().fails = fail;
   }
 
   // --- Waits and deliveries ---

@@ -115,25 +115,22 @@ TEST_F(Handlers, StartMirrorAndDepartRelationMoveFromAnyState) {
 TEST_F(Handlers, IsMirrorDone) {
   the_conf().set({{"K", 0xF}, {kGuid, 0x103}});
   const LunCmd ask = is_mirror_done("K", LUN_TYPE_80);
-  run("K",
-      {
-          {ask, kNoTask, false, kNoTask, {144, 147}},
-          {ask, TASK_CREATED, false, TASK_CREATED, {144, 171}},
-          {ask, TASK_MIRROR_STARTED, false, TASK_MIRROR_STARTED, {144, 171}},
-          {ask, TASK_MIRROR_DONE, true, TASK_MIRROR_DONE, {144, 166}},
-          {ask, TASK_DEPART_STARTED, false, TASK_DEPART_STARTED, {144, 171}},
-          {is_mirror_done("K", LUN_TYPE_NONE),
-           TASK_MIRROR_DONE,
-           false,
-           TASK_MIRROR_DONE,
-           {144, 153}},
-          {is_mirror_done("K", LUN_TYPE_83), TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {144, 153}},
-      });
+  run("K", {
+               {ask, kNoTask, false, kNoTask, {144, 147}},
+               {ask, TASK_CREATED, false, TASK_CREATED, {144, 171}},
+               {ask, TASK_MIRROR_STARTED, false, TASK_MIRROR_STARTED, {144, 171}},
+               {ask, TASK_MIRROR_DONE, true, TASK_MIRROR_DONE, {144, 166}},
+               {ask, TASK_DEPART_STARTED, false, TASK_DEPART_STARTED, {144, 171}},
+           });
+  for (const auto type : {LUN_TYPE_NONE, LUN_TYPE_83}) {
+    const LunCmd unknown = is_mirror_done("K", type);
+    run("K", {{unknown, TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {144, 153}}});
+  }
   // One without a mirror moves its task.
   for (const auto state : kStates) {
     run(kNaa, {{is_mirror_done(kNaa, LUN_TYPE_83), state, true, TASK_MIRROR_DONE, {144, 160}}});
   }
-  the_conf().fail_loads(true);
+  the_conf().fails = true;
   run("K", {{ask, TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {144, 20, 153}}});
 }
 
@@ -316,12 +313,17 @@ TEST_F(Handlers, ASlowConfigurationHoldsUpTheTaskTableAndNothingElse) {
   for (const std::string key : {"K", "gone"}) set_task(key, TASK_CREATED);
   set_task("mirrored", TASK_MIRROR_STARTED);
   set_task("departing", TASK_DEPART_STARTED);
-  the_conf().hold_next_load();
+  std::promise<void> held;
+  std::promise<void> go_on;
+  the_conf().in_next_load([&] {
+    held.set_value();
+    go_on.get_future().wait();
+  });
   const auto lun_op = [this](const LunCmd& cmd) {
     return std::async(std::launch::async, [this, cmd] { return caller(dial()).lun_op(cmd); });
   };
   auto slow = lun_op(is_mirror_done("K", LUN_TYPE_80));
-  the_conf().wait_until_held();
+  held.get_future().wait();
 
   EXPECT_TRUE(call->publish(mirror_done("mirrored")));
   EXPECT_TRUE(call->publish(wait_for_depart("departing")));
@@ -339,7 +341,7 @@ TEST_F(Handlers, ASlowConfigurationHoldsUpTheTaskTableAndNothingElse) {
   EXPECT_EQ(state_of("gone"), TASK_CREATED);
   EXPECT_EQ(state_of("new"), kNoTask);
 
-  the_conf().release_load();
+  go_on.set_value();
   EXPECT_FALSE(slow.get());
   EXPECT_TRUE(started.get());
   EXPECT_TRUE(departed.get());

@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,22 +15,19 @@
 namespace vexo::scsiplugin {
 namespace {
 
+using test::the_conf;
+
 constexpr char kGuid[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
 constexpr char kNaa[] = "60014051a2b3c4dd5e6fd7a8bd9c0dde";
 
 class LunLookup : public testing::Test {
  protected:
-  LunLookup() {
-    test::the_conf().reset();
-    test::captured_syslog().clear();
-  }
-  ~LunLookup() override { EXPECT_EQ(test::the_conf().records_alive(), 0); }
-  LunLookup(const LunLookup&) = delete;
-  LunLookup& operator=(const LunLookup&) = delete;
+  void SetUp() override { the_conf().reset(); }
+  void TearDown() override { EXPECT_EQ(the_conf().records_alive, 0); }
 };
 
 TEST_F(LunLookup, ByTypeAndIdentifier) {
-  test::the_conf().set({{kGuid, 0xF}, {"short-id", 0xF}, {"", 0xF}});
+  the_conf().set({{kGuid, 0xF}, {"short-id", 0xF}, {"", 0xF}});
   const struct {
     LunType type;
     std::string lun_id;
@@ -49,24 +45,23 @@ TEST_F(LunLookup, ByTypeAndIdentifier) {
       {LUN_TYPE_83, kGuid, false},
       {LUN_TYPE_83, "6001405shortdid", true},
       {LUN_TYPE_83, "6001405", true},
+      {LUN_TYPE_NONE, kGuid, false},
+      {static_cast<LunType>(99), kGuid, false},
   };
   for (const auto& [type, lun_id, found] : cases) {
     tag_iscsi_lun_ lun = {};
+    lun.type_flags = 77;  // stays when nothing is found
+    const int before = the_conf().loads;
     EXPECT_EQ(GetLunConf(&lun, lun_id, type), found) << type << ' ' << lun_id;
-    EXPECT_EQ(lun.type_flags, found ? 0xFU : 0U) << type << ' ' << lun_id;
+    EXPECT_EQ(lun.type_flags, found ? 0xFU : 77U) << type << ' ' << lun_id;
+    const bool known = type == LUN_TYPE_80 || type == LUN_TYPE_83;
+    EXPECT_EQ(the_conf().loads - before, known ? 1 : 0) << type;
   }
 }
 
-TEST_F(LunLookup, AnotherTypeLoadsNothing) {
-  test::the_conf().set({{kGuid, 0xF}});
-  tag_iscsi_lun_ lun = {};
-  EXPECT_FALSE(GetLunConf(&lun, kGuid, LUN_TYPE_NONE));
-  EXPECT_FALSE(GetLunConf(&lun, kGuid, static_cast<LunType>(99)));
-  EXPECT_EQ(test::the_conf().loads(), 0);
-}
-
 TEST_F(LunLookup, TheFirstOfTwoIsCopiedWhole) {
-  test::the_conf().set({{"other", 1}, {kGuid, 2}, {kGuid, 3}});
+  // The third has the second's page-83h name, which ends before the identifiers differ.
+  the_conf().set({{"other", 1}, {kGuid, 2}, {std::string(kGuid) + "x", 3}, {kGuid, 4}});
   tag_iscsi_lun_ lun = {};
   tag_iscsi_lun_ seen = {};
   int asked = 0;
@@ -78,35 +73,23 @@ TEST_F(LunLookup, TheFirstOfTwoIsCopiedWhole) {
   EXPECT_EQ(lun.type_flags, 2U);
   EXPECT_EQ(std::memcmp(&lun, &seen, sizeof lun), 0);
   EXPECT_EQ(asked, 2);
+  EXPECT_TRUE(GetLunConfByNAA(&lun, kNaa));
+  EXPECT_EQ(lun.type_flags, 2U);
 }
 
-TEST_F(LunLookup, NothingFoundLeavesTheCallersRecord) {
-  test::the_conf().set({{"other", 1}});
-  tag_iscsi_lun_ lun = {};
-  lun.type_flags = 77;
-  EXPECT_FALSE(GetLunConfByGUID(&lun, kGuid));
-  EXPECT_EQ(lun.type_flags, 77U);
-}
-
-TEST_F(LunLookup, ANullRecordOnlyFrees) {
+TEST_F(LunLookup, FreesOnEveryWayOut) {
+  the_conf().set({{kGuid, 0xF}});
   EXPECT_FALSE(GetLunConfByGUID(nullptr, kGuid));
-  EXPECT_EQ(test::the_conf().loads(), 0);
-  EXPECT_EQ(test::the_conf().frees(), 1);
-}
-
-TEST_F(LunLookup, AFailedLoadIsLoggedOnceAndFreed) {
-  test::the_conf().set({{kGuid, 0xF}});
-  test::the_conf().fail_loads(true);
-  EXPECT_FALSE(IsLunSupport(LUN_TYPE_80, kGuid));
-  EXPECT_EQ(test::the_conf().frees(), 1);
-  EXPECT_EQ(test::captured_syslog().lines(), std::vector{test::line(20)});
-}
-
-TEST_F(LunLookup, AnUnsetPredicateThrowsAndFrees) {
-  test::the_conf().set({{kGuid, 0xF}});
+  EXPECT_EQ(the_conf().loads, 0);
+  EXPECT_EQ(the_conf().frees, 1);
   tag_iscsi_lun_ lun = {};
   EXPECT_THROW(GetLunConfByFunc(&lun, nullptr), std::bad_function_call);
-  EXPECT_EQ(test::the_conf().frees(), 1);
+  EXPECT_EQ(the_conf().frees, 2);
+  the_conf().fails = true;
+  test::captured_syslog().clear();
+  EXPECT_FALSE(IsLunSupport(LUN_TYPE_80, kGuid));
+  EXPECT_EQ(the_conf().frees, 3);
+  EXPECT_EQ(test::captured_syslog().lines(), std::vector{test::line(20)});
 }
 
 TEST_F(LunLookup, SupportNeedsAllLowFourBitsOrTheReplicaMask) {
@@ -114,7 +97,7 @@ TEST_F(LunLookup, SupportNeedsAllLowFourBitsOrTheReplicaMask) {
       {0x10F, true},  {0x00F, true},  {0xFFFFFFFF, true}, {0x103, true}, {0x102, false},
       {0x007, false}, {0x003, false}, {0x100, false},     {0, false}};
   for (const auto& [flags, supported] : verdicts) {
-    test::the_conf().set({{kGuid, flags}});
+    the_conf().set({{kGuid, flags}});
     EXPECT_EQ(IsLunSupport(LUN_TYPE_80, kGuid), supported) << std::hex << flags;
     EXPECT_EQ(IsLunSupport(LUN_TYPE_83, kNaa), supported) << std::hex << flags;
     EXPECT_FALSE(IsLunSupport(LUN_TYPE_NONE, kGuid));

@@ -77,19 +77,14 @@ TEST_F(Standin, KeepsTheFilesOrderAndIgnoresWhatItDoesNotKnow) {
   EXPECT_TRUE(captured_syslog().lines().empty());
 }
 
-TEST_F(Standin, AnEmptyArrayIsAnEmptyConfiguration) {
-  write(R"({"storage_objects": []})");
-  inventory luns;
-  EXPECT_EQ(load(&luns), 0);
-  EXPECT_TRUE(luns.empty());
-}
-
 TEST_F(Standin, AnEditShowsAtTheNextLoad) {
-  for (const std::string wwn : {"one", "two"}) {
-    write(R"({"storage_objects": [{"wwn": ")" + wwn + R"("}]})");
+  const std::pair<std::string, inventory> edits[] = {
+      {"", {}}, {R"({"wwn": "one"})", {{"one", 0xF}}}, {R"({"wwn": "two"})", {{"two", 0xF}}}};
+  for (const auto& [objects, expected] : edits) {
+    write(R"({"storage_objects": [)" + objects + "]}");
     inventory luns;
     EXPECT_EQ(load(&luns), 0);
-    EXPECT_EQ(luns, (inventory{{wwn, 0xF}}));
+    EXPECT_EQ(luns, expected);
   }
 }
 
@@ -99,6 +94,8 @@ TEST_F(Standin, ABadFileFailsAsAWholeWithOneLine) {
       {"", "Empty"},
       {"{", "JSON"},
       {R"({"storage_objects": [)" + good + "]}", "JSON"},
+      {R"({"storage_objects": [)", "JSON"},
+      {R"({"storage_objects": [{"wwn": "\ud800"}]})", "string"},
       {"[]", "not an object"},
       {"{}", "no array storage_objects"},
       {R"({"storage_objects": {}})", "no array storage_objects"},
@@ -119,6 +116,7 @@ TEST_F(Standin, ABadFileFailsAsAWholeWithOneLine) {
       {R"({"storage_objects": [{"wwn": "a", "type_flags": "0x-1"}]})", "not a hexadecimal"},
       {R"({"storage_objects": [{"wwn": "a", "type_flags": "15"}]})", "neither an integer nor"},
       {R"({"storage_objects": [{"wwn": "a", "type_flags": 1.5}]})", "neither an integer nor"},
+      {R"({"storage_objects": [{"wwn": "a", "type_flags": 1e400}]})", "number"},
       {R"({"storage_objects": [{"wwn": "a", "type_flags": null}]})", "neither an integer nor"},
   };
   for (const auto& [text, reason] : cases) {

@@ -1,8 +1,9 @@
 #ifndef TESTS_SUPPORT_FAKE_CONF_H_
 #define TESTS_SUPPORT_FAKE_CONF_H_
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -17,18 +18,16 @@ class fake_conf {
  public:
   using luns = std::vector<std::pair<std::string, std::uint32_t>>;  // identifier, type flags
 
-  // No LUNs, nothing counted, no load held or failing.
+  // No LUNs, nothing counted, no load failing or interrupted.
   void reset();
   void set(luns inventory);
-  void fail_loads(bool fail);
-  // The next load does not return before release_load; others pass meanwhile.
-  void hold_next_load();
-  void wait_until_held();
-  void release_load();
+  // Called within the next load, and in none after it.
+  void in_next_load(std::function<void()> interruption);
 
-  int loads();
-  int frees();
-  int records_alive();
+  std::atomic<bool> fails = false;  // each load
+  std::atomic<int> loads = 0;
+  std::atomic<int> frees = 0;
+  std::atomic<int> records_alive = 0;
 
   // The library's two calls.
   int get(const load_request* request, conf_holder* holder, const list_head* third,
@@ -36,16 +35,9 @@ class fake_conf {
   void free(conf_holder* holder);
 
  private:
-  enum class hold { none, next, held };
-
   std::mutex mutex_;
-  std::condition_variable changed_;
   luns luns_;
-  bool fail_ = false;
-  hold hold_ = hold::none;
-  int loads_ = 0;
-  int frees_ = 0;
-  int records_ = 0;
+  std::function<void()> interruption_;
 };
 
 fake_conf& the_conf();

@@ -74,8 +74,8 @@ service_host::~service_host() {
   }
   for (const auto& plugin_id : left) call->unsubscribe(plugin_id);
   server_->Shutdown(std::chrono::system_clock::now());
-  EXPECT_EQ(the_conf().records_alive(), 0);
-  EXPECT_EQ(the_conf().loads(), the_conf().frees());
+  EXPECT_EQ(the_conf().records_alive, 0);
+  EXPECT_EQ(the_conf().loads, the_conf().frees);
 }
 
 std::unique_ptr<subscriber> service_host::subscribe(const std::string& plugin_id,
