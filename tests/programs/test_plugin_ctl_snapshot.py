@@ -1,0 +1,203 @@
+"""plugin_ctl snapshot: however it ends, the daemon is left without its hand-shake, and with everybody
+else's."""
+
+import json
+import os
+import pathlib
+import re
+import signal
+import threading
+import time
+
+import pytest
+
+from support.calls import (LUN, LUN_NAA, REPLICA_LUN, TCP, Caller, depart_relation, init_snapshot,
+                           is_mirror_done, start_mirror)
+from support.program import PLUGIN_CTL, exists
+from support.waiting import PATIENCE, wait_until
+
+
+class HostPlugin:
+    """Does its part of one hand-shake, as far as it is asked to."""
+
+    def __init__(self, daemon, starts=True, departs=True):
+        self._stream = daemon.subscribe("")
+        self.announced = threading.Event()
+        threading.Thread(target=self._play, args=(starts, departs), daemon=True).start()
+
+    def told(self):
+        """The result of the split that it was told."""
+        return self._stream.next_cmd().depart_done_req.result
+
+    def _play(self, starts, departs):
+        call = Caller(TCP)
+        self._stream.next_cmd()
+        self.announced.set()
+        if starts and call.ask(start_mirror(LUN)) and departs:
+            wait_until(lambda: call.ask(is_mirror_done(LUN)))
+            call.ask(depart_relation(LUN))
+
+
+@pytest.fixture
+def snapshot(start_plugin_ctl):
+    """Starts it."""
+    return lambda *more, lun=LUN, **how: start_plugin_ctl(
+        "snapshot", "--p80", lun, "-o", "json", *more, **how)
+
+
+def outcomes(tool):
+    return " ".join(json.loads(line)["outcome"] for line in tool.out.splitlines())
+
+
+def task_is_there(daemon):
+    return daemon.call.ask(start_mirror(LUN))
+
+
+NOBODY, STARTS, DEPARTS = {"starts": False}, {"departs": False}, {}
+HANG = 'sleep 1000 & echo "child $!."; wait'
+
+
+@pytest.mark.parametrize("options, host, interrupted_in, all_outcomes, status, told, err", [
+    pytest.param(*case[1:], id=case[0]) for case in (
+        ("well", ["--mirror", "true", "--split", "true"], DEPARTS, None,
+         "DONE DONE DONE DONE DONE DONE", 0, 0, ""),
+        ("well, without commands", [], DEPARTS, None,
+         "DONE SKIPPED DONE DONE SKIPPED DONE", 0, 0, ""),
+        ("mirror fails", ["--mirror", "exit 7"], DEPARTS, None,
+         "DONE FAILED NOT_RUN NOT_RUN NOT_RUN DONE", 4, 7, "the command exited with 7"),
+        ("split fails", ["--split", "kill -KILL $$"], DEPARTS, None,
+         "DONE SKIPPED DONE DONE FAILED DONE", 4, 137, "ended by signal 9"),
+        ("no mirror command", ["--mirror", "/no/such/program"], DEPARTS, None,
+         "DONE FAILED NOT_RUN NOT_RUN NOT_RUN DONE", 4, 127, "exited with 127"),
+        ("deadline before a host starts", ["--timeout", "1.2"], NOBODY, None,
+         "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 3, 1, "DEADLINE_EXCEEDED"),
+        ("deadline before a host departs", ["--timeout", "2"], STARTS, None,
+         "DONE SKIPPED DONE FAILED NOT_RUN DONE", 3, 1, "DEADLINE_EXCEEDED"),
+        ("interrupted in init", [], NOBODY, "init",
+         "INTERRUPTED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 5, 1, "begin the next snapshot"),
+        ("interrupted in mirror", ["--mirror", HANG], DEPARTS, "command",
+         "DONE INTERRUPTED NOT_RUN NOT_RUN NOT_RUN DONE", 5, 143, "the command was ended"),
+        ("interrupted in wait", [], STARTS, "wait",
+         "DONE SKIPPED DONE INTERRUPTED NOT_RUN DONE", 5, 1, "a signal ended the wait"),
+        ("interrupted in split", ["--split", HANG], DEPARTS, "command",
+         "DONE SKIPPED DONE DONE INTERRUPTED DONE", 5, 143, "the command was ended"),
+    )])
+def test_ends_what_it_began(log, daemon, snapshot, options, host, interrupted_in, all_outcomes, status,
+                            told, err):
+    plugin = HostPlugin(daemon, **host)
+    tool = snapshot(*options)
+    child = None
+    if interrupted_in == "init":
+        assert plugin.announced.wait(PATIENCE)
+    elif interrupted_in == "wait":
+        log.wait_for("Wait for depart relation [")
+    elif interrupted_in == "command":
+        child = wait_until(lambda: re.search(r"child (\d+)\.", tool.err))[1]
+        assert exists(child)
+    if interrupted_in:
+        tool.signal(signal.SIGINT)
+    assert tool.wait() == status
+    assert outcomes(tool) == all_outcomes
+    assert err in tool.err
+    assert plugin.told() == told
+    assert not task_is_there(daemon)
+    assert not child or not exists(child), "the command's own child goes on"
+
+
+def test_leaves_a_task_alone_that_is_not_its_own(daemon, snapshot):
+    host = daemon.subscribe("esx")
+    somebody = daemon.call.begin(init_snapshot(LUN))
+    host.next_cmd()
+    refused = snapshot()
+    assert refused.wait() == 1
+    assert outcomes(refused) == "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN"
+    assert "a hand-shake for this LUN is under way" in refused.err
+    assert task_is_there(daemon)
+    assert somebody.result().success
+
+
+def test_leaves_alone_what_begins_after_somebody_else_ended_its_own(log, daemon, snapshot):
+    HostPlugin(daemon, departs=False)
+    ended = snapshot("--mirror", f"{PLUGIN_CTL} publish depart-done {LUN}")
+    assert ended.wait() == 1
+    assert outcomes(ended) == "DONE DONE SKIPPED FAILED NOT_RUN NOT_RUN"
+    assert "somebody else ended this hand-shake" in ended.err
+    assert log.count("Depart relation done") == 1
+
+
+def test_goes_on_with_a_lun_that_needs_no_mirror(daemon, snapshot):
+    """The host's question whether its mirror is done answers itself, so that the local caller's report
+    of it comes too late."""
+    host = daemon.subscribe("esx")
+    departed = pathlib.Path("/tmp/departed")
+    tool = snapshot("--mirror", f"until [ -e {departed} ]; do sleep 0.01; done", lun=REPLICA_LUN)
+    host.next_cmd()
+    assert daemon.call.ask(start_mirror(REPLICA_LUN))
+    tool.wait_for_out("init_snapshot")
+    assert daemon.call.ask(is_mirror_done(REPLICA_LUN))
+    assert daemon.call.ask(depart_relation(REPLICA_LUN))
+    departed.touch()
+    assert tool.wait() == 0, tool.err
+    assert outcomes(tool) == "DONE DONE SKIPPED DONE SKIPPED DONE"
+
+
+def test_a_signal_in_the_first_moment_waits_for_the_refusal(log, daemon, snapshot):
+    host = daemon.subscribe("esx")
+    somebody = daemon.call.begin(init_snapshot(LUN))
+    host.next_cmd()
+    for i in range(20):
+        tool = snapshot()
+        time.sleep(i / 1000)  # any moment will do
+        tool.signal(signal.SIGINT)
+        assert tool.wait() in (1, 5, -signal.SIGINT)
+        assert log.count("Depart relation done") == 0
+    assert task_is_there(daemon)
+    assert somebody.result().success
+
+
+def test_no_host_answers_in_a_minute(log, daemon, snapshot):
+    """The daemon's own minute, after which it has removed the task itself."""
+    daemon.subscribe("silent")
+    late = snapshot()
+    assert late.wait(patience=90) == 1
+    assert outcomes(late) == "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN"
+    assert "no host answered with start_mirror" in late.err
+    assert log.count("Depart relation done") == 0
+
+
+def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot):
+    HostPlugin(daemon, departs=False)
+    daemon.may_end = True
+    ended = snapshot("--mirror", f"kill -KILL {daemon.pid}")
+    assert ended.wait() == 3
+    assert outcomes(ended) == "DONE DONE FAILED NOT_RUN NOT_RUN FAILED"
+    assert "mirror_done, " in ended.err
+    assert "`plugin_ctl publish depart-done" in ended.err
+
+
+def test_ends_the_handshake_even_if_nobody_reads_the_report(daemon, snapshot):
+    host = HostPlugin(daemon)
+    reader, writer = os.pipe()
+    tool = snapshot("--mirror", "true", stdout=writer)
+    os.close(reader)
+    assert tool.wait() == 4
+    assert host.told() == 0
+    assert not task_is_there(daemon)
+
+
+def test_tells_the_commands_which_lun(daemon, plugin_ctl):
+    HostPlugin(daemon)
+    ended = plugin_ctl(
+        "snapshot", "--p80", LUN, "--p83", LUN_NAA, "--uuid", "U", "--dst-uuid", "D", "--dst-p80", "DP",
+        "--dst-p83", "DN", "--replica", "--cmd-sn", "3", "--qel-sn", "Q", "--mirror", "env | grep ^VEXO_",
+        environment={"VEXO_SRC_LUN_UUID": "of somebody else"})
+    assert ended.status == 0
+    told = dict(line.split("=", 1) for line in ended.err.splitlines() if line.startswith("VEXO_"))
+    assert told.items() >= {
+        "VEXO_CMD_SN": "3", "VEXO_COMMAND": "init_snapshot_req", "VEXO_DST_LUN_P80": "DP",
+        "VEXO_DST_LUN_P83": "DN", "VEXO_DST_LUN_UUID": "D", "VEXO_IS_FOR_REPLICA": "true",
+        "VEXO_QEL_SN": "Q", "VEXO_SRC_LUN_P80": LUN, "VEXO_SRC_LUN_P83": LUN_NAA,
+        "VEXO_SRC_LUN_UUID": "U", "VEXO_TASK_ID": LUN}.items()
+    header, first, *_ = ended.out.splitlines()
+    assert header == "STEP             OUTCOME       SECONDS  REASON"
+    assert first.startswith("init_snapshot    done            ")
