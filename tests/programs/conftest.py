@@ -16,10 +16,12 @@ and wait with wait_until, never with a sleep. `start_daemon(luns=["a", "b"], ...
 needs another daemon than `daemon`.
 """
 
+import inspect
 import json
 import os
 import pathlib
 import sys
+import textwrap
 
 import pytest
 
@@ -31,6 +33,8 @@ SOURCE = pathlib.Path(__file__).resolve().parents[2]
 def pytest_addoption(parser):
     parser.addoption("--build", metavar="DIRECTORY", default="build/release",
                      help="the build whose programs are tested (build/release)")
+    parser.addoption("--faults", metavar="FILE",
+                     help="run the table of faults instead, and write it to FILE as Markdown")
 
 
 def pytest_configure(config):
@@ -50,6 +54,25 @@ def preset_environment(build):
     return {name: value.replace("${sourceDir}", str(SOURCE)) for name, value in variables.items()}
 
 
+def pytest_collection_modifyitems(config, items):
+    """Rows of the table that take long run only for it. Other slow tests begin first, and apart."""
+    def is_wanted(item):
+        is_fault, is_slow = (item.get_closest_marker(each) for each in ("fault", "slow"))
+        return is_fault if config.getoption("--faults") else not (is_fault and is_slow)
+
+    config.hook.pytest_deselected(items=[item for item in items if not is_wanted(item)])
+    items[:] = filter(is_wanted, items)
+    slow = [item for item in items if item.get_closest_marker("slow")]
+    items[:] = [item for item in items if item not in slow]
+    workers = getattr(config, "workerinput", {}).get("workercount", 1)
+    handed_out_together = max((len(items) + len(slow)) // workers // 4, 2)  # by xdist
+    for number, item in enumerate(slow):
+        items.insert(number * handed_out_together, item)
+    for item in items:
+        if item.get_closest_marker("fault"):
+            item.user_properties.append(("fault", inspect.getdoc(item.obj)))
+
+
 @pytest.hookimpl(tryfirst=True)
 def pytest_runtest_protocol(item):
     item.ihook.pytest_runtest_logstart(nodeid=item.nodeid, location=item.location)
@@ -57,3 +80,24 @@ def pytest_runtest_protocol(item):
         item.ihook.pytest_runtest_logreport(report=report)
     item.ihook.pytest_runtest_logfinish(nodeid=item.nodeid, location=item.location)
     return True
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    """The table of faults, from the docstrings of its tests."""
+    if not (path := config.getoption("--faults")):
+        return
+    rows = {}
+    for verdict, outcome in (("pass", "passed"), ("skipped", "skipped"), ("FAIL", "failed"),
+                             ("FAIL", "error")):
+        for report in terminalreporter.getreports(outcome):
+            what, _, follows = dict(report.user_properties)["fault"].partition("\n\nMust hold: ")
+            rows[report.nodeid] = [" ".join(text.split()) for text in (what, follows)] + [verdict]
+    lines = ["| What was done | What must hold | |", "|---|---|---|"]
+    lines += [f"| {' | '.join(rows[test])} |" for test in sorted(rows)]
+    pathlib.Path(path).parent.mkdir(parents=True, exist_ok=True)
+    pathlib.Path(path).write_text("\n".join(lines) + "\n")
+    for what, follows, verdict in rows.values():
+        terminalreporter.write_line(textwrap.fill(f"{verdict:7} {what}", 100, subsequent_indent=8 * " "))
+        terminalreporter.write_line(textwrap.fill(f"must hold: {follows}", 100, initial_indent=8 * " ",
+                                                  subsequent_indent=8 * " ") + "\n")
+    terminalreporter.write_line(f"as Markdown: {path}")

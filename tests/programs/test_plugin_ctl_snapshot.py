@@ -155,6 +155,7 @@ def test_a_signal_in_the_first_moment_waits_for_the_refusal(log, daemon, snapsho
     assert somebody.result().success
 
 
+@pytest.mark.slow
 def test_no_host_answers_in_a_minute(log, daemon, snapshot):
     """The daemon's own minute, after which it has removed the task itself."""
     daemon.subscribe("silent")

@@ -68,7 +68,11 @@ class Caller:
     """Makes calls, which wait for the daemon to serve. One that does not end with OK raises."""
 
     def __init__(self, target=UNIX):
-        self.stub = PluginServiceStub(channel_to(target))
+        self._channel = channel_to(target)
+        self.stub = PluginServiceStub(self._channel)
+
+    def close(self):
+        self._channel.close()
 
     def begin(self, request, timeout=LONGEST_CALL):
         """Begins LunOp or Publish, whichever takes the request: gRPC's future."""
@@ -122,7 +126,8 @@ class Host:
 
     def __init__(self, plugin_id, kind=PluginClient.UNKNOWN, target=TCP):
         self._commands = queue.Queue()
-        self._stream = PluginServiceStub(channel_to(target)).Subscribe(
+        self._channel = channel_to(target)
+        self._stream = PluginServiceStub(self._channel).Subscribe(
             PluginClient(plugin_id=plugin_id, type=kind), wait_for_ready=True)
         self._reader = threading.Thread(target=self._read_on, daemon=True)
         self._reader.start()
@@ -148,6 +153,9 @@ class Host:
     def cancel(self):
         """As when the host is switched off."""
         self._stream.cancel()
+
+    def close(self):
+        self._channel.close()
 
     def _read_on(self):
         try:

@@ -21,7 +21,7 @@ def pytest_runtest_makereport():
         for each in Program.started:
             report.sections.append((f"{each.command} (pid {each.pid})", f"{each.out}{each.err}"))
         for log in _logs:
-            report.sections.append(("log", "\n".join(str(line) for line in log.lines()[-300:])))
+            report.sections.append(("log", "\n".join(f"<{line.priority}> {line.text}" for line in log.lines()[-200:])))
 
 
 @pytest.fixture(autouse=True)
