@@ -1,16 +1,238 @@
-"""plugin_ctl guard beside the real daemon."""
+"""plugin_ctl guard beside the real daemon, which keeps what it has always done: it notices no vanished
+host, and stops for nobody."""
 
+import os
+import pathlib
+import random
+import re
+import resource
 import signal
+import socket
+import threading
+import time
 
-from support.guard import guard_status
+import grpc
+import pytest
+
+from support.calls import LUN, TCP, Caller, Host, init_snapshot
+from support.guard import STATUS_FILE, guard_status, reported
+from support.program import PLUGIN_CTL, run
+from support.waiting import PATIENCE, wait_until
 
 
-def test_ends_when_told_to(supervisor, start_guard):
+def open_sockets(pid):
+    fds = pathlib.Path(f"/proc/{pid}/fd")
+    return sum(os.readlink(fds / fd).startswith("socket:") for fd in os.listdir(fds)
+               if os.path.islink(fds / fd))
+
+
+def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, start_agent):
     guard = start_guard()
+    start_agent()
+    ids = ["", 'a "b"', "h\u00f6st"]
+    hosts = [start_agent("--plugin-id", plugin_id) for plugin_id in ids]
+    most_sockets = []
+
+    def four_hosts():
+        most_sockets.append(open_sockets(guard.pid))
+        return reported("hosts") == 4
+    wait_until(four_hosts)
+    for host in hosts:
+        host.kill()
+    for plugin_id in ids:
+        guard.wait_for_err(f'swept "{plugin_id}"')
+    supervisor.daemon.call.whole_handshake()
+    wait_until(lambda: [reported(key) for key in ("hosts", "sweeps", "restarts")] == [1, 3, 0])
+    assert max(most_sockets) <= 3, "two connections, and the system log"
+    assert supervisor.restarts == 0
+
+
+@pytest.mark.slow
+def test_restarts_a_daemon_that_hangs_on_a_host_that_vanished_a_moment_ago(log, supervisor, start_guard,
+                                                                          start_agent):
+    guard = start_guard()
+    start_agent()
+    vanishes = start_agent("--plugin-id", "vanishes")
+    wait_until(lambda: reported("hosts") == 2)
+    hung, call = supervisor.pid, supervisor.daemon.call
+    guard.signal(signal.SIGSTOP)  # so that it is the broadcast that comes first
+    vanishes.kill()
+    call.wait_until_listed("host")
+    broadcast = time.monotonic()
+    announced = call.begin(init_snapshot(LUN))
+    log.wait_for("Init snapshots broadcast")
+    guard.signal(signal.SIGCONT)
+    assert announced.code() == grpc.StatusCode.UNAVAILABLE
+    assert time.monotonic() - broadcast > 24
+    assert reported("state") == "DOWN"
+    guard.wait_for_err("the daemon serves again")
+    wait_until(lambda: supervisor.pid != hung)
+    supervisor.daemon.call.wait_until_listed("host")
+    supervisor.daemon.call.whole_handshake()
+    assert supervisor.restarts == 1
+    failed_for = re.findall(rf"restarting the daemon, process {hung}: for ([0-9.]+) s", guard.err)
+    assert [25 <= float(seconds) < 35 for seconds in failed_for] == [True], guard.err
+    for part in (" threads, ", " of 1024 files open, ", "sent SIGABRT", "has ended; its supervisor",
+                 f"serves again, process {supervisor.pid}"):
+        assert part in guard.err
+    wait_until(lambda: guard_status().status == 0)
+    assert reported("restarts") == 1
+
+
+@pytest.mark.slow
+def test_a_host_that_comes_back_during_a_sweep_is_rarely_hit_and_never_for_good(supervisor, start_guard):
+    """What the window between the last look and the UnSubscribe comes to. Who is hit in it is told by the
+    end of the stream; or not told, if that comes before the daemon waits on the stream, and then finds
+    itself unlisted, which an agent looks for."""
+    hosts, rounds, hits = 4, 100, []
+    start_guard("--interval", "0.02")  # so that most hosts come back during a sweep
+
+    def come_and_go(plugin_id):
+        call, delay = Caller(), random.Random(plugin_id)
+
+        def is_listed():
+            return call.is_listed(plugin_id)
+        host = Host(plugin_id)
+        for _ in range(rounds):
+            wait_until(is_listed)
+            host.close()  # as when the host vanishes
+            time.sleep(delay.uniform(0, 0.06))
+            host = Host(plugin_id)
+            # Whatever was on its way to the host's previous connection comes meanwhile.
+            deadline = time.monotonic() + 1
+            while not is_listed() and time.monotonic() < deadline:
+                pass
+            time.sleep(0.02)
+            if not is_listed():
+                hits.append(plugin_id)
+                host = Host(plugin_id)
+        done.append(plugin_id)
+
+    done = []
+    threads = [threading.Thread(target=come_and_go, args=[f"host-{i}"]) for i in range(hosts)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert len(done) == hosts
+    # It would be a third if the last look were not immediately before the UnSubscribe.
+    assert len(hits) < hosts * rounds / 6
+    assert supervisor.restarts == 0
+
+
+def test_leaves_a_daemon_alone_that_has_run_out_of_files(supervisor, start_guard):
+    """A full daemon is left alone, and serves when there is room again."""
+    resource.setrlimit(resource.RLIMIT_NOFILE, 2 * (resource.getrlimit(resource.RLIMIT_NOFILE)[1],))
+    guard = start_guard("--fail-after", "4", "--timeout", "1")
+    crowd = []
+
+    def one_more():  # when the one before has been served or turned away
+        crowd.append(socket.create_connection(("127.0.0.1", 3265), PATIENCE))
+        try:
+            crowd[-1].recv(1, socket.MSG_PEEK)
+        except ConnectionResetError:
+            pass
+    for _ in range(1100):
+        one_more()
+
+    def is_seen():
+        one_more()  # into the place of a look of the guard's
+        return "closes new connections at once" in guard.err
+    wait_until(is_seen)
+    wait_until(lambda: guard_status().status == 1)
+    time.sleep(6)  # and would be ended, if it ever were
+    for connection in crowd:
+        connection.close()
+
+    def is_served():
+        try:
+            return Caller(TCP).ids(timeout=1) == []
+        except grpc.RpcError:
+            return False
+    wait_until(is_served)
+    wait_until(lambda: guard_status().status == 0)
+    assert supervisor.restarts == 0
+
+
+@pytest.mark.slow
+def test_leaves_a_legal_wait_alone(supervisor, start_guard):
+    guard = start_guard("--fail-after", "5")
+    supervisor.daemon.subscribe("silent host")
+    start = time.monotonic()
+    assert not supervisor.daemon.call.ask(init_snapshot(LUN))
+    assert time.monotonic() - start > 59
+    assert supervisor.restarts == 0
+    assert "restarting" not in guard.err
     assert guard_status().status == 0
+
+
+@pytest.mark.slow
+def test_gives_a_stalled_host_its_twenty_seconds(supervisor, start_guard, start_agent):
+    """A command larger than what may be under way to a host that takes nothing: its write blocks the
+    daemon until the connection is given up."""
+    guard = start_guard()
+    stalled = start_agent()
+    wait_until(lambda: reported("hosts") == 1)
+    stalled.stop()
+    announced = supervisor.daemon.call.begin(init_snapshot("x" * (3 << 20)))
+    guard.wait_for_err("the daemon does not answer")
+    assert not announced.done()
+    guard.wait_for_err('swept "host"')
+    assert supervisor.restarts == 0
+
+
+def test_follows_a_daemon_that_comes_and_goes(supervise, start_guard):
+    guard = start_guard("--fail-after", "2", "--timeout", "0.5", serves=False)
+    guard.wait_for_err("no daemon is running")
+    assert guard_status().status == 3
+    time.sleep(2)  # the absence, however long, is not held against the daemon that comes
+    supervisor = supervise()
+    guard.wait_for_err("the daemon serves on both endpoints")
+    wait_until(lambda: guard_status().status == 0)
+    # One endpoint lost is a daemon to be restarted.
+    pathlib.Path("/tmp/iscsi/plugin_server.sock").unlink()
+    wait_until(lambda: guard_status().status == 1)
+    guard.wait_for_err("plugin_server.sock is gone")
+    guard.wait_for_err("the daemon serves again")
+    assert supervisor.restarts == 1
     guard.signal(signal.SIGTERM)
     assert guard.wait() == 0
     ended = guard_status()
     assert ended.status == 3
-    assert "no guard writes /tmp/guard_status.json" in ended.err
-    assert supervisor.restarts == 0
+    assert f"no guard writes {STATUS_FILE}" in ended.err
+
+
+def test_ends_a_stopped_daemon_only_if_it_may(supervisor, start_guard):
+    quick = ("--fail-after", "2", "--timeout", "0.6")
+    watcher = start_guard("--no-kill", *quick)
+    stopped = supervisor.pid
+    os.kill(stopped, signal.SIGSTOP)
+    watcher.wait_for_err("would restart (--no-kill)")
+    assert guard_status().status == 3
+    assert supervisor.pid == stopped
+    watcher.kill()
+
+    # It hears SIGABRT no more than it hears anything, and has to be killed.
+    guard = start_guard(*quick, serves=False)
+    guard.wait_for_err(f"sent SIGABRT to the daemon, process {stopped}")
+    guard.wait_for_err("sent SIGKILL")
+    guard.wait_for_err("the daemon serves again")
+    assert supervisor.restarts == 1
+
+
+@pytest.mark.parametrize("text, age, status, err", [
+    ('{"state":"OK","sweeps":3}', 0, 0, ""),
+    ('{"state":"DEGRADED","error":"127.0.0.1:3265 is full"}', 0, 1, "is full"),
+    ('{"state":"DOWN","error":"no daemon"}', 0, 3, "no daemon"),
+    ('{"state":"OK","of_a_later_version":1}', 0, 0, ""),
+    ('{"state":"OK"}', 60, 3, "has written nothing since"),
+    ('{"state":"OK"}', -60, 3, "has written nothing since"),
+    ('{"state":"O', 0, 3, "is no guard's status"),
+    ("", 0, 3, "is no guard's status"),
+])
+def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err):
+    pathlib.Path(STATUS_FILE).write_text(text)
+    os.utime(STATUS_FILE, 2 * (time.time() - age,))
+    ended = run(PLUGIN_CTL, "guard-status", "--status-file", STATUS_FILE)
+    assert ended.status == status
+    assert err in ended.err

@@ -1,6 +1,55 @@
-"""The host agent beside the real daemon, with hooks only."""
+"""The host agent beside the real daemon. What it does with real file systems is tested in
+test_plugin_agent_freeze."""
 
-from support.calls import LUN
+import concurrent.futures
+import pathlib
+import signal
+import time
+
+import grpc
+import pytest
+
+from plugin_cmd_pb2 import PluginClient, PluginClientList
+from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
+from support.calls import (LUN, OTHER_LUN, TCP, depart_done, init_snapshot, mirror_done, start_mirror,
+                           wait_for_depart)
+from support.program import PLUGIN_AGENT, Program, run
+from support.waiting import wait_until
+
+CONFIG = pathlib.Path("/tmp/agent.toml")
+
+
+@pytest.mark.parametrize("options, complaint", [
+    ("--lun L", "--appliance is required"),
+    ("--appliance nas", "--lun is required"),
+    ("--appliance [::1] --lun L", "IPv4 peers only"),
+    ("--appliance unix:///tmp/s --lun L", "IPv4 peers only"),
+    ("--appliance nas:70000 --lun L", "port"),
+    ("--appliance nas --lun L --max-freeze 61", "--max-freeze"),
+    ("--appliance nas --lun L --type os2", "--type"),
+    ("--appliance nas --lun L --fs data", "no absolute path"),
+    ("--appliance nas --lun L --fs /run", "lies on /run"),
+    ("--appliance nas --lun L --hooks /none", "/none cannot be read"),
+    (f"--config {CONFIG}", "INI was not able to parse"),
+])
+def test_says_what_is_wrong_with_its_options(options, complaint):
+    CONFIG.write_text('appliances = "nas"\n')
+    ended = run(PLUGIN_AGENT, *options.split())
+    assert ended.status == 2
+    assert complaint in ended.err
+
+
+def test_reads_the_same_keys_from_a_file(daemon):
+    CONFIG.write_text(f'appliance = ["127.0.0.1:3265"]\nlun = ["{OTHER_LUN}", "{LUN}"]\n'
+                      'plugin-id = "filed"\ntype = "windows"\npoll = 0.05\n')
+    agent = Program(PLUGIN_AGENT, "--config", CONFIG)
+    agent.wait_for_err("subscribed to")
+    host, = daemon.call.list()
+    assert (host.plugin_id, host.type) == ("filed", PluginClient.WINDOWS)
+    daemon.call.whole_handshake()
+    agent.wait_for_err('"verdict":"crash-consistent"')
+    agent.signal(signal.SIGTERM)
+    assert agent.wait() == 0
 
 
 def test_runs_hooks_in_order_and_undoes_in_reverse(daemon, hooks, start_agent):
@@ -19,3 +68,189 @@ def test_runs_hooks_in_order_and_undoes_in_reverse(daemon, hooks, start_agent):
     assert "40-everybodys is not run: everybody may write" in agent.err
     agent.leave()
     assert not daemon.call.is_listed("host")
+
+
+@pytest.mark.parametrize("hangs", [False, True])
+@pytest.mark.parametrize("phase", ["prepare", "freeze"])
+def test_a_hook_that_fails_ends_the_handshake(log, daemon, hooks, start_agent, phase, hangs):
+    """The appliance is never told to split, and what was begun is undone."""
+    hooks.add("10-a", "20-b", "30-c")
+    (hooks.block if hangs else hooks.fail)("20-b", phase)
+    agent = start_agent("--hooks", hooks.path, "--hook-timeout", "0.3")
+    announced = daemon.call.begin(init_snapshot(LUN))
+    if phase == "freeze":
+        assert announced.result().success
+        assert daemon.call.ask(mirror_done(LUN))
+    record = agent.record()
+    assert (record["verdict"], record["reason"]) == ("failed", f"{phase} hook 20-b " + (
+        "exited with 3" if not hangs else
+        "took too long" if phase == "prepare" else "took longer than 0.3 s"))
+    # What is left of a killed hook could freeze something later, so all are thawed once more then.
+    thaws = [run for run in hooks.take_runs() if run.endswith("thaw")]
+    assert thaws[:2] == ([] if phase == "prepare" else ["20-b thaw", "10-a thaw"])
+    assert "30-c thaw" not in thaws
+    assert not hooks.is_frozen("10-a")
+    assert log.count("Depart relation start") == 0
+    agent.leave()
+
+
+def test_ignores_luns_of_other_hosts(log, daemon, start_agent):
+    agent = start_agent()
+    other = daemon.call.begin(init_snapshot(OTHER_LUN))
+    agent.wait_for_err(f"LUN {OTHER_LUN}: not this host's")
+    assert log.count("Start mirror") == 0
+    assert daemon.call.ask(start_mirror(OTHER_LUN))
+    assert other.result().success
+    daemon.call.whole_handshake()
+    assert agent.record()["verdict"] == "crash-consistent"
+
+
+def test_freezes_one_lun_at_a_time(daemon, hooks, start_agent):
+    hooks.add("10-a")
+    agent = start_agent("--hooks", hooks.path, lun="any")
+    for request in (init_snapshot, mirror_done):
+        assert daemon.call.ask(request(LUN)) and daemon.call.ask(request(OTHER_LUN))
+    other = daemon.call.begin(wait_for_depart(OTHER_LUN))
+    assert daemon.call.ask(wait_for_depart(LUN))
+    assert daemon.call.ask(depart_done(LUN))
+    assert other.result().success
+    assert daemon.call.ask(depart_done(OTHER_LUN))
+    assert [agent.record(index)["verdict"] for index in (0, 1)] == 2 * ["application-consistent"]
+    assert hooks.take_runs() == 2 * ["10-a prepare"] + 2 * ["10-a freeze", "10-a thaw"]
+
+
+@pytest.mark.parametrize("result, verdict, reason", [
+    (0, "crash-consistent", ""),
+    (7, "failed", "the appliance reports result 7 of the split"),
+])
+def test_the_subscriber_without_a_name_is_told_that_the_split_is_over(daemon, start_agent, result,
+                                                                     verdict, reason):
+    agent = start_agent("--plugin-id", "", "--poll", "0.2")
+    daemon.call.go_to_split()
+    assert daemon.call.ask(depart_done(LUN, result))
+    record = agent.record()
+    assert (record["verdict"], record["reason"]) == (verdict, reason)
+    agent.leave()
+
+
+def test_told_to_stop_while_the_mirror_is_made(daemon, start_agent):
+    agent = start_agent()
+    assert daemon.call.ask(init_snapshot(LUN))
+    agent.leave()
+    assert agent.record()["reason"] == "the agent was told to stop"
+
+
+def test_told_to_stop_in_a_freeze_hook(daemon, hooks, start_agent):
+    hooks.add("10-a")
+    hooks.block("10-a", "freeze")
+    agent = start_agent("--hooks", hooks.path)
+    assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
+    hooks.wait_until_blocked()
+    agent.signal(signal.SIGTERM)
+    assert daemon.call.is_listed("host")
+    hooks.unblock()
+    assert agent.wait() == 0
+    assert agent.record()["reason"] == "the agent was told to stop"
+    assert not hooks.is_frozen("10-a")
+
+
+def test_told_to_stop_while_the_mirror_is_split_it_finishes(daemon, hooks, start_agent):
+    hooks.add("10-a")
+    agent = start_agent("--hooks", hooks.path)
+    daemon.call.go_to_split()
+    agent.signal(signal.SIGTERM)
+    time.sleep(0.2)  # polls go by, and nothing happens
+    assert hooks.is_frozen("10-a")
+    assert daemon.call.ask(depart_done(LUN))
+    assert agent.wait() == 0
+    assert agent.record()["verdict"] == "application-consistent"
+    assert not hooks.is_frozen("10-a")
+
+
+def test_told_to_stop_twice_while_the_mirror_is_split_it_thaws(daemon, hooks, start_agent):
+    hooks.add("10-a")
+    agent = start_agent("--hooks", hooks.path)
+    daemon.call.go_to_split()
+
+    def tell():  # two signals that come together count once
+        agent.signal(signal.SIGTERM)
+        time.sleep(0.02)
+        return not hooks.is_frozen("10-a")
+    wait_until(tell)
+    assert daemon.call.ask(depart_done(LUN))
+    assert agent.record()["verdict"] == "failed"
+
+
+@pytest.mark.parametrize("step", ["prepare", "mirror", "freeze", "hold", "thaw"])
+def test_comes_back_when_the_daemon_is_started_anew(log, start_daemon, hooks, start_agent, step):
+    daemon = start_daemon()
+    hooks.add("10-a")
+    agent = start_agent("--hooks", hooks.path, "--max-freeze", "20", "--hook-timeout", "20")
+    blocks = step in ("prepare", "freeze", "thaw")
+    if blocks:
+        hooks.block("10-a", step)
+    announced = daemon.call.begin(init_snapshot(LUN))
+    assert step == "prepare" or announced.result().success
+    assert step in ("prepare", "mirror") or daemon.call.ask(mirror_done(LUN))
+    assert step not in ("hold", "thaw") or daemon.call.ask(wait_for_depart(LUN))
+    assert step != "thaw" or daemon.call.ask(depart_done(LUN))
+    if blocks:
+        hooks.wait_until_blocked()
+    log.clear()
+    daemon.kill()
+    daemon = start_daemon()
+    hooks.unblock()
+    log.wait_for("Connected: Plugin ID=host IP=127.0.0.1")
+    assert agent.record()["verdict"] == ("application-consistent" if step == "thaw" else "failed")
+    assert not hooks.is_frozen("10-a")
+    daemon.call.wait_until_listed("host")
+    daemon.call.whole_handshake()
+    assert agent.record(1)["verdict"] == "application-consistent"
+    agent.leave()
+
+
+def test_two_of_one_name_do_not_fight_at_full_speed(log, daemon, start_agent):
+    agents = start_agent(), start_agent()
+    for agent in agents:
+        agent.wait_for_err('another plugin subscribed as "host"')
+    time.sleep(4)
+    assert log.count("Connected: Plugin ID=host") <= 8  # 1, 2 and 4 s and more of waiting, each
+    for agent in agents:
+        agent.leave()
+
+
+def test_waits_for_an_appliance_that_is_not_there(start_daemon, start_agent):
+    agent = start_agent("--appliance", "no-such-appliance.invalid", serves=False)
+    agent.wait_for_err("not subscribed to 127.0.0.1:3265: UNAVAILABLE")
+    agent.wait_for_err("no IPv4 address of no-such-appliance.invalid")
+    daemon = start_daemon()
+    agent.wait_for_err('subscribed to 127.0.0.1:3265 as "host"')
+    agent.leave()
+    assert daemon.call.ids() == []
+
+
+class ForgetfulDaemon(PluginServiceServicer):
+    """It has forgotten its first subscriber, as after an UnSubscribe that came between its registering
+    of the stream and its waiting on it."""
+
+    subscriptions = 0
+
+    def Subscribe(self, request, context):
+        self.subscriptions += 1
+        while context.is_active():
+            time.sleep(0.005)
+        yield from ()
+
+    def PluginConnList(self, request, context):
+        return PluginClientList(list=[PluginClient(plugin_id="host")] if self.subscriptions > 1 else [])
+
+
+def test_subscribes_again_when_it_is_connected_but_not_listed(start_agent):
+    server = grpc.server(concurrent.futures.ThreadPoolExecutor(8))
+    service = ForgetfulDaemon()
+    add_PluginServiceServicer_to_server(service, server)
+    server.add_insecure_port(TCP)
+    server.start()
+    agent = start_agent()
+    assert service.subscriptions == 2
+    assert "does not list this host" in agent.err

@@ -1,13 +1,226 @@
-"""The host agent and a real file system, in use while it is frozen."""
+"""The host agent and a real file system, in use while it is frozen. Whatever happens to the agent, no
+write waits for longer than the limit and a second."""
 
-from support.calls import LUN, depart_done
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import time
+
+import pytest
+
+from support.calls import LUN, depart_done, init_snapshot, mirror_done, wait_for_depart
+from support.program import PLUGIN_AGENT, SANITIZED, SOURCE, Program, exists, run
+from support.waiting import wait_until
+
+LIMIT = 1
+LONGEST_STALL = LIMIT + 1  # seconds
+STEPS = ["prepare", "mirror", "freeze", "depart", "hold", "thaw"]
 
 
-def test_freezes_and_thaws(daemon, volume, start_agent):
-    agent = start_agent("--fs", volume.path, "--max-freeze", "5")
+@pytest.fixture
+def start_freezer(daemon, volume, start_agent):
+    return lambda *options: start_agent("--fs", volume.path, "--max-freeze", LIMIT, *options)
+
+
+@pytest.fixture
+def go_to(daemon, volume, hooks):
+    """Until the agent has reached the step, and hangs in it: it waits for a hook, for the daemon (which is
+    stopped then) or for the local caller."""
+    def go_to(step):
+        call = daemon.call
+        if step != "mirror" and step != "hold":
+            hooks.block("10-a", "freeze" if step == "depart" else step)
+        announced = call.begin(init_snapshot(LUN))
+        if step == "prepare":
+            return hooks.wait_until_blocked()
+        assert announced.result().success
+        if step == "mirror":
+            return
+        assert call.ask(mirror_done(LUN))
+        if step in ("freeze", "depart"):
+            hooks.wait_until_blocked()
+            if step == "depart":
+                daemon.stop()
+                hooks.unblock()
+                volume.wait_until_frozen()
+            return
+        assert call.ask(wait_for_depart(LUN))
+        if step == "hold":
+            return volume.wait_until_frozen()
+        assert call.ask(depart_done(LUN))
+        hooks.wait_until_blocked()
+    return go_to
+
+
+@pytest.fixture
+def start_over(daemon, volume, hooks):
+    """Ends what is left of the hand-shake, and goes through a whole one."""
+    def start_over(agent, index):
+        assert daemon.call.ask(depart_done(LUN))
+        daemon.call.wait_until_listed("host")
+        daemon.call.go_to_split()
+        volume.wait_until_frozen()
+        assert daemon.call.ask(depart_done(LUN))
+        assert agent.record(index)["verdict"] == "application-consistent"
+        volume.wait_until_thawed()
+        assert not hooks.is_frozen("10-a")
+    return start_over
+
+
+@pytest.mark.parametrize("step", STEPS)
+def test_killed_at_any_step_the_host_is_thawed_at_once(daemon, volume, hooks, start_freezer, go_to,
+                                                       start_over, step):
+    hooks.add("10-a")
+    agent = start_freezer("--hooks", hooks.path)
+    go_to(step)
+    volume.longest_stall()
+    agent.kill()
+    volume.wait_until_thawed()
+    assert volume.longest_stall() < 1
+    if step == "thaw":
+        hooks.unblock()  # both the agent's and the guardian's
+    hooks.wait_until_thawed("10-a")
+    hooks.unblock()
+    daemon.signal(signal.SIGCONT)
+    start_over(start_freezer("--hooks", hooks.path), 0)
+
+
+@pytest.mark.parametrize("step", STEPS)
+def test_stopped_at_any_step_the_host_is_thawed_at_the_limit(daemon, volume, hooks, start_freezer, go_to,
+                                                             start_over, step):
+    hooks.add("10-a")
+    agent = start_freezer("--hooks", hooks.path, "--hook-timeout", "5")
+    volume.longest_stall()
+    go_to(step)
+    agent.stop()
+    if step != "thaw":
+        time.sleep(LONGEST_STALL)
+    hooks.unblock()
+    volume.wait_until_thawed()
+    hooks.wait_until_thawed("10-a")
+    agent.signal(signal.SIGCONT)
+    daemon.signal(signal.SIGCONT)
+    if step in ("prepare", "mirror"):
+        assert daemon.call.ask(depart_done(LUN))
+    else:
+        assert agent.record()["verdict"] == ("application-consistent" if step == "thaw" else "failed")
+        assert volume.longest_stall() < LONGEST_STALL
+        start_over(agent, 1)
+    agent.leave()
+
+
+def test_thaws_at_the_limit_when_the_split_takes_longer(daemon, volume, start_freezer):
+    agent = start_freezer()
+    daemon.call.go_to_split()
+    record = agent.record()
+    assert (record["verdict"], record["reason"]) == ("failed", "the host was thawed at the limit of 1 s")
+    assert record["frozen_ms"] >= 1000 * LIMIT
+    assert volume.longest_stall() < LONGEST_STALL
+
+
+def test_thaws_when_its_guardian_is_killed(volume, start_freezer, go_to):
+    agent = start_freezer()
+    go_to("hold")
+    guardian = agent.guardian()
+    locked_kib = int(re.search(r"VmLck:\s+(\d+) kB", pathlib.Path(f"/proc/{guardian}/status").read_text())[1])
+    os.kill(guardian, signal.SIGKILL)
+    assert agent.record()["reason"] == "the guardian has died"
+    volume.wait_until_thawed()
+    assert volume.longest_stall() < LIMIT
+    assert locked_kib > 0 or SANITIZED  # which lock no memory
+
+
+def test_a_new_agent_thaws_what_agent_and_guardian_could_not(volume, hooks, start_freezer, go_to):
+    hooks.add("10-a")
+    agent = start_freezer("--hooks", hooks.path)
+    go_to("hold")
+    guardian = agent.guardian()
+    os.kill(guardian, signal.SIGSTOP)
+    agent.kill()
+    os.kill(guardian, signal.SIGKILL)
+    wait_until(lambda: not exists(guardian))
+    frozen = pathlib.Path("/run/plugin_agent/frozen")
+    assert frozen.exists()
+    volume.wait_until_frozen()
+    thawed = run(PLUGIN_AGENT, "--thaw-and-exit")
+    assert thawed.status == 0
+    assert f"{volume.path} was left frozen" in thawed.err
+    volume.wait_until_thawed()
+    assert not hooks.is_frozen("10-a")
+    assert not frozen.exists()
+
+
+def test_does_not_call_a_freeze_its_own_that_somebody_else_began(daemon, volume, start_freezer):
+    agent = start_freezer()
+    assert volume.freeze() == 0
+    assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
+    record = agent.record()
+    assert record["verdict"] == "failed"
+    assert "somebody else has frozen it" in record["reason"]
+    assert volume.thaw() == 0, "it was not the agent's to thaw"
+
+
+def test_does_not_call_a_freeze_its_own_that_somebody_else_ended(daemon, volume, start_freezer):
+    agent = start_freezer()
+    daemon.call.go_to_split()
+    assert volume.thaw() == 0
+    assert daemon.call.ask(depart_done(LUN))
+    assert agent.record()["reason"] == f"somebody else has thawed {volume.path}"
+
+
+def test_refuses_a_path_that_nothing_is_mounted_at(daemon, volume, start_agent):
+    unmounted = volume.path / "directory"
+    unmounted.mkdir()
+    agent = start_agent("--fs", unmounted)
+    assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
+    assert "nothing is mounted there" in agent.record()["reason"]
+    agent.leave()
+
+
+def test_the_ready_hook_freezes_what_its_file_names(daemon, volume, start_agent):
+    ready = pathlib.Path("/tmp/ready")
+    ready.mkdir()
+    shutil.copy(SOURCE / "tools/plugin_agent/hooks/90-fsfreeze", ready)
+    conf = pathlib.Path("/tmp/ready.conf")
+    conf.write_text(f"# data\n{volume.path}\n")
+    agent = start_agent("--hooks", ready, "--max-freeze", "5", environment={"FSFREEZE_CONF": str(conf)})
     daemon.call.go_to_split()
     volume.wait_until_frozen()
     assert daemon.call.ask(depart_done(LUN))
-    assert agent.record()["verdict"] == "filesystem-consistent"
+    assert agent.record()["verdict"] == "application-consistent"
     volume.wait_until_thawed()
+    daemon.call.go_to_split()
+    volume.wait_until_frozen()
+    agent.kill()
+    volume.wait_until_thawed()
+
+
+def test_freezes_what_was_mounted_last_first(daemon, volume, make_volume, start_freezer):
+    """One lies in an image on the other, and can only come to rest while that one still takes writes."""
+    inner = make_volume(volume.path / "inner")
+    agent = start_freezer("--fs", inner.path)
+    daemon.call.go_to_split()
+    volume.wait_until_frozen()
+    assert daemon.call.ask(depart_done(LUN))
+    record = agent.record()
+    assert record["verdict"] == "filesystem-consistent"
+    assert record["frozen_ms"] < 1000 * LIMIT
     agent.leave()
+
+
+def test_a_log_on_the_frozen_file_system_is_written_afterwards(daemon, volume):
+    log = volume.path / "log"
+    agent = Program("sh", "-c", 'log=$1; shift; exec "$@" 2>$log', "sh", log, PLUGIN_AGENT, "--appliance",
+                    "127.0.0.1", "--plugin-id", "host", "--poll", "0.05", "--lun", LUN, "--fs",
+                    volume.path, "--verbose")
+    daemon.call.wait_until_listed("host")
+    daemon.call.whole_handshake()
+    volume.wait_until_thawed()
+    assert volume.longest_stall() < LIMIT
+    agent.signal(signal.SIGTERM)
+    assert agent.wait() == 0
+    record = next(line for line in log.read_text().splitlines() if line.startswith("{"))
+    assert json.loads(record)["verdict"] == "filesystem-consistent"

@@ -75,7 +75,10 @@ class Caller:
         self._channel.close()
 
     def begin(self, request, timeout=LONGEST_CALL):
-        """Begins LunOp or Publish, whichever takes the request: gRPC's future."""
+        """Begins LunOp or Publish, whichever takes the request: gRPC's future.
+
+        The call is cancelled when neither the future nor this caller is held any longer.
+        """
         method = self.stub.LunOp if isinstance(request, LunCmd) else self.stub.Publish
         return method.future(request, timeout=timeout, wait_for_ready=True)
 

@@ -19,6 +19,8 @@ def pytest_runtest_makereport():
     report = (yield).get_result()
     if report.failed:
         for each in Program.started:
+            if each.status == 0:
+                continue
             report.sections.append((f"{each.command} (pid {each.pid})", f"{each.out}{each.err}"))
         for log in _logs:
             report.sections.append(("log", "\n".join(f"<{line.priority}> {line.text}" for line in log.lines()[-200:])))

@@ -16,7 +16,7 @@ import pytest
 from _pytest.runner import runtestprotocol
 
 TEST_SECONDS = 240  # after which a test that hangs is ended
-SLOW_SECONDS = 900
+SLOW_SECONDS = 1800
 
 _CLONE_NEWNS, _CLONE_NEWUSER, _CLONE_NEWNET = 0x00020000, 0x10000000, 0x40000000
 _MS_NOSUID, _MS_BIND, _MS_REC, _MS_PRIVATE = 2, 4096, 16384, 1 << 18
@@ -40,7 +40,8 @@ def run(item, kept):
     printed = item.config.pluginmanager.getplugin("capturemanager").read_global_capture()
     how = os.waitstatus_to_exitcode(status)
     return [pytest.TestReport(item.nodeid, item.location, {}, "failed",
-                              f"the test's process ended with {how}\n{printed.out}{printed.err}", "call")]
+                              f"the test's process ended with {how}\n{printed.out}{printed.err}", "call",
+                              user_properties=item.user_properties)]
 
 
 def _keep(item, kept, file):
