@@ -59,8 +59,8 @@ class Handlers : public service {
       });
       LunCmdResp lun_response;
       PluginCmdResp plugin_response;
-      ASSERT_TRUE((lun_cmd ? call->lun_op_status(*lun_cmd, kPatience, &lun_response)
-                           : call->publish_status(*plugin_cmd, kPatience, &plugin_response))
+      ASSERT_TRUE((lun_cmd ? call->lun_op(*lun_cmd, &lun_response)
+                           : call->publish(*plugin_cmd, &plugin_response))
                       .ok());
       EXPECT_EQ(lun_response.success() || plugin_response.success(), c.success);
       lun_response.clear_success();
@@ -178,10 +178,8 @@ TEST_F(Handlers, AStateIsReadWhileItsTaskIsLocked) {
   the_conf().set({{"K", 0xF}});
   ASSERT_TRUE(ctrl().add_task("K"));
   const std::lock_guard<std::mutex> held(ctrl().find_task("K")->mutex);
-  LunCmdResp lun_response;
-  EXPECT_TRUE(call->lun_op_status(is_mirror_done("K", LUN_TYPE_80), kPatience, &lun_response).ok());
-  PluginCmdResp response;
-  EXPECT_TRUE(call->publish_status(mirror_done("K"), kPatience, &response).ok());
+  EXPECT_FALSE(call->lun_op(is_mirror_done("K", LUN_TYPE_80)));
+  EXPECT_FALSE(call->publish(mirror_done("K")));
 }
 
 // Requests byte by byte, as another program may send them.
@@ -246,9 +244,8 @@ TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {
     EXPECT_TRUE(logged != line(37, "one", "127.0.0.1") || is_held(ctrl().client_mutex));
   });
   PluginCmdResp response;
-  auto publish = std::async(std::launch::async, [&] {
-    return caller(dial()).publish_status(request, kPatience, &response);
-  });
+  auto publish =
+      std::async(std::launch::async, [&] { return caller(dial()).publish(request, &response); });
   PluginCmd announced = request;
   announced.set_task_id("K");
   for (const auto& host : {one.get(), two.get()}) {

@@ -132,7 +132,7 @@ TEST_F(Registry, ANewerCallReplacesTheOlderAndThenReleasesIt) {
   subscriber newer(dial(), "esx", PluginClient::WINDOWS);
   wait_until_needed(stalled);
   auto record = ctrl().client_map.find("esx");
-  EXPECT_EQ(record->request->type(), PluginClient::WINDOWS);
+  ASSERT_EQ(record->request->type(), PluginClient::WINDOWS);  // stored first
 
   // A release that comes before the newer call waits is lost.
   std::unique_lock<std::mutex> not_yet(record->wait_mutex);

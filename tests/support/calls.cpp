@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
-#include "log_sink.h"
+#include <chrono>
 
 namespace vexo::test {
 
@@ -12,13 +10,13 @@ using namespace scsiplugin;
 
 namespace {
 
-// Longer than the longest legal wait of the server.
-constexpr std::chrono::seconds kCallDeadline{120};
-
-void set_deadline(grpc::ClientContext* context, std::chrono::milliseconds patience) {
-  context->set_wait_for_ready(true);
-  context->set_deadline(std::chrono::system_clock::now() + patience);
-}
+// Of one call. Its deadline is longer than the longest legal wait of the server.
+struct call_context : grpc::ClientContext {
+  call_context() {
+    set_wait_for_ready(true);
+    set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(90));
+  }
+};
 
 }  // namespace
 
@@ -80,64 +78,43 @@ caller::caller(const std::shared_ptr<grpc::Channel>& channel)
 
 bool caller::lun_op(const LunCmd& request) {
   LunCmdResp response;
-  const grpc::Status status = lun_op_status(request, kCallDeadline, &response);
+  const grpc::Status status = lun_op(request, &response);
   EXPECT_TRUE(status.ok()) << status.error_message();
   return response.success();
 }
 
 bool caller::publish(const PluginCmd& request) {
   PluginCmdResp response;
-  const grpc::Status status = publish_status(request, kCallDeadline, &response);
+  const grpc::Status status = publish(request, &response);
   EXPECT_TRUE(status.ok()) << status.error_message();
   return response.success();
 }
 
+grpc::Status caller::lun_op(const LunCmd& request, LunCmdResp* response) {
+  call_context context;
+  return stub_->LunOp(&context, request, response);
+}
+
+grpc::Status caller::publish(const PluginCmd& request, PluginCmdResp* response) {
+  call_context context;
+  return stub_->Publish(&context, request, response);
+}
+
 void caller::unsubscribe(const std::string& plugin_id) {
-  const grpc::Status status = unsubscribe_status(plugin_id, kPatience);
+  PluginClient request;
+  request.set_plugin_id(plugin_id);
+  google::protobuf::Empty response;
+  call_context context;
+  const grpc::Status status = stub_->UnSubscribe(&context, request, &response);
   EXPECT_TRUE(status.ok()) << status.error_message();
 }
 
 PluginClientList caller::list() {
   PluginClientList response;
-  const grpc::Status status = list_status(kPatience, &response);
+  call_context context;
+  const grpc::Status status = stub_->PluginConnList(&context, google::protobuf::Empty(), &response);
   EXPECT_TRUE(status.ok()) << status.error_message();
   return response;
-}
-
-bool caller::is_listed(const std::string& plugin_id) {
-  const auto plugins = list();
-  return std::any_of(plugins.list().begin(), plugins.list().end(),
-                     [&](const auto& plugin) { return plugin.plugin_id() == plugin_id; });
-}
-
-grpc::Status caller::lun_op_status(const LunCmd& request, std::chrono::milliseconds patience,
-                                   LunCmdResp* response) {
-  grpc::ClientContext context;
-  set_deadline(&context, patience);
-  return stub_->LunOp(&context, request, response);
-}
-
-grpc::Status caller::publish_status(const PluginCmd& request, std::chrono::milliseconds patience,
-                                    PluginCmdResp* response) {
-  grpc::ClientContext context;
-  set_deadline(&context, patience);
-  return stub_->Publish(&context, request, response);
-}
-
-grpc::Status caller::unsubscribe_status(const std::string& plugin_id,
-                                        std::chrono::milliseconds patience) {
-  PluginClient request;
-  request.set_plugin_id(plugin_id);
-  google::protobuf::Empty response;
-  grpc::ClientContext context;
-  set_deadline(&context, patience);
-  return stub_->UnSubscribe(&context, request, &response);
-}
-
-grpc::Status caller::list_status(std::chrono::milliseconds patience, PluginClientList* list) {
-  grpc::ClientContext context;
-  set_deadline(&context, patience);
-  return stub_->PluginConnList(&context, google::protobuf::Empty(), list);
 }
 
 }  // namespace vexo::test

@@ -3,7 +3,6 @@
 
 #include <grpcpp/grpcpp.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 
@@ -31,16 +30,10 @@ class caller {
   bool publish(const scsiplugin::PluginCmd& request);
   void unsubscribe(const std::string& plugin_id);
   scsiplugin::PluginClientList list();
-  bool is_listed(const std::string& plugin_id);
 
-  // The status of a call that may take no longer than `patience`.
-  grpc::Status lun_op_status(const scsiplugin::LunCmd& request, std::chrono::milliseconds patience,
-                             scsiplugin::LunCmdResp* response);
-  grpc::Status publish_status(const scsiplugin::PluginCmd& request,
-                              std::chrono::milliseconds patience,
-                              scsiplugin::PluginCmdResp* response);
-  grpc::Status unsubscribe_status(const std::string& plugin_id, std::chrono::milliseconds patience);
-  grpc::Status list_status(std::chrono::milliseconds patience, scsiplugin::PluginClientList* list);
+  // The status, and the whole response.
+  grpc::Status lun_op(const scsiplugin::LunCmd& request, scsiplugin::LunCmdResp* response);
+  grpc::Status publish(const scsiplugin::PluginCmd& request, scsiplugin::PluginCmdResp* response);
 
  private:
   std::unique_ptr<scsiplugin::PluginService::Stub> stub_;

@@ -31,39 +31,25 @@ std::shared_ptr<void> log_sink::watch(std::function<void(const log_line&)> look)
 }
 
 void log_sink::clear() {
-  catch_up();
   const std::lock_guard lock(mutex_);
   lines_.clear();
 }
 
 std::vector<log_line> log_sink::lines() const {
-  catch_up();
   const std::lock_guard lock(mutex_);
   return lines_;
 }
 
 std::size_t log_sink::count(const log_line& line) const {
-  const auto all = lines();
-  return static_cast<std::size_t>(std::count(all.begin(), all.end(), line));
+  const std::lock_guard lock(mutex_);
+  return static_cast<std::size_t>(std::count(lines_.begin(), lines_.end(), line));
 }
 
-std::size_t log_sink::count(std::string_view part) const {
-  const auto all = lines();
-  return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const auto& line) {
-    return line.text.find(part) != std::string::npos;
-  }));
-}
-
-std::optional<log_line> log_sink::wait_for(std::string_view part) const {
+bool log_sink::wait_for(const log_line& line) const {
   std::unique_lock lock(mutex_);
-  auto found = lines_.end();
-  const bool came = added_.wait_until(lock, std::chrono::system_clock::now() + kPatience, [&] {
-    found = std::find_if(lines_.begin(), lines_.end(), [&](const auto& line) {
-      return line.text.find(part) != std::string::npos;
-    });
-    return found != lines_.end();
+  return added_.wait_until(lock, std::chrono::system_clock::now() + kPatience, [&] {
+    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
   });
-  return came ? std::optional(*found) : std::nullopt;
 }
 
 }  // namespace vexo::test

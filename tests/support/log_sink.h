@@ -6,9 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace vexo::test {
@@ -28,29 +26,18 @@ std::ostream& operator<<(std::ostream& out, const log_line& line);
 // Collects log lines from any thread, and lets a test wait for one.
 class log_sink {
  public:
-  log_sink() = default;
-  virtual ~log_sink() = default;
-  log_sink(const log_sink&) = delete;
-  log_sink& operator=(const log_sink&) = delete;
-
   void add(const log_line& line);
-  // Forgets, and the next three return, everything that was logged before the call.
   void clear();
   std::vector<log_line> lines() const;
   std::size_t count(const log_line& line) const;
-  std::size_t count(std::string_view part) const;
-  // The first line that contains `part`, waiting up to kPatience for it.
-  std::optional<log_line> wait_for(std::string_view part) const;
-  bool wait_for(const log_line& line) const { return wait_for(line.text) == line; }
+  // Whether it came, waiting up to kPatience for it.
+  bool wait_for(const log_line& line) const;
 
   // Has `look` called by whoever logs a line, with the line, before the call that logs it goes on.
   // Until the result is gone, which must not be before those calls are.
   std::shared_ptr<void> watch(std::function<void(const log_line&)> look);
 
  private:
-  // Returns when everything that is on its way has been added.
-  virtual void catch_up() const {}
-
   mutable std::mutex mutex_;
   mutable std::condition_variable added_;
   std::vector<log_line> lines_;

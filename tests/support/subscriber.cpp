@@ -50,11 +50,6 @@ std::size_t subscriber::cmds_waiting() {
   return cmds_.size();
 }
 
-bool subscriber::has_ended() {
-  const std::lock_guard lock(mutex_);
-  return end_.has_value();
-}
-
 std::optional<grpc::Status> subscriber::end() {
   std::unique_lock lock(mutex_);
   changed_.wait_until(lock, std::chrono::system_clock::now() + kPatience,

@@ -34,7 +34,6 @@ class subscriber {
   // The next command pushed, waiting for it; empty when none came.
   std::optional<scsiplugin::PluginCmd> next_cmd();
   std::size_t cmds_waiting();
-  bool has_ended();
   // How the stream ended, waiting for it; empty when it is still open.
   std::optional<grpc::Status> end();
 
