@@ -1,27 +1,26 @@
-"""Tests of whole programs: the daemon, plugin_ctl, plugin_agent, and the examples.
-
-Each test runs in a process of its own, in namespaces of its own (support/sandbox.py): nothing but it
-sees port 3265, /tmp, /run and /dev/log, so it may use them as it likes and need not clean up.
-Whatever it has started ends with it. When it fails, what its programs printed and logged is shown.
-
-How to write one: ask for the fixtures of support/fixtures.py that it needs, most often
-
-    log         what arrives at /dev/log: log.wait_for("part of a line"), log.count("part")
-    daemon      a daemon that serves: daemon.call.ask(init_snapshot(LUN)) makes a local caller's call,
-                daemon.subscribe("host") is a host plugin: next_cmd(), cancel(), end()
-    plugin_ctl  plugin_ctl("list", "-o", "json") runs it; start_plugin_ctl(...) leaves it running
-    start_agent, hooks, volume, supervisor, start_guard, network
-
-and wait with wait_until, never with a sleep. `start_daemon(luns=["a", "b"], ...)` is for a test that
-needs another daemon than `daemon`.
-"""
+# Tests of whole programs: the daemon, plugin_ctl, plugin_agent, and the examples.
+#
+# Each test runs in a process of its own, in namespaces of its own (support/sandbox.py): nothing but it
+# sees port 3265, /tmp, /run and /dev/log, so it may use them as it likes and need not clean up.
+# Whatever it has started ends with it. When it fails, what its programs printed and logged is shown.
+#
+# How to write one: ask for the fixtures of support/fixtures.py that it needs, most often
+#
+#     log         what arrives at /dev/log: log.wait_for("part of a line"), log.count("part")
+#     daemon      a daemon that serves: daemon.call.ask(init_snapshot(LUN)) makes a local caller's call,
+#                 daemon.subscribe("host") is a host plugin: next_cmd(), cancel(), end()
+#     plugin_ctl  plugin_ctl("list", "-o", "json") runs it; start_plugin_ctl(...) leaves it running
+#     start_agent, hooks, volume, supervisor, start_guard, network
+#
+# and wait with wait_until, never with a sleep. `start_daemon(luns=["a", "b"], ...)` is for a test that
+# needs another daemon than `daemon`.
 
 import inspect
+import itertools
 import json
 import os
 import pathlib
 import sys
-import textwrap
 
 import pytest
 
@@ -87,17 +86,12 @@ def pytest_terminal_summary(terminalreporter, config):
     if not (path := config.getoption("--faults")):
         return
     rows = {}
-    for verdict, outcome in (("pass", "passed"), ("skipped", "skipped"), ("FAIL", "failed"),
-                             ("FAIL", "error")):
-        for report in terminalreporter.getreports(outcome):
-            what, _, follows = dict(report.user_properties)["fault"].partition("\n\nMust hold: ")
-            rows[report.nodeid] = [" ".join(text.split()) for text in (what, follows)] + [verdict]
-    lines = ["| What was done | What must hold | |", "|---|---|---|"]
-    lines += [f"| {' | '.join(rows[test])} |" for test in sorted(rows)]
+    for verdict, outcomes in (("pass", "passed"), ("skipped", "skipped"), ("FAIL", "failed error")):
+        for report in itertools.chain(*map(terminalreporter.getreports, outcomes.split())):
+            done, _, follows = dict(report.user_properties)["fault"].partition("\n\nMust hold: ")
+            rows[report.nodeid] = " | ".join(" ".join(text.split()) for text in (done, follows, verdict))
+    table = "\n".join(["| What was done | What must hold | |", "|---|---|---|",
+                       *(f"| {rows[test]} |" for test in sorted(rows)), ""])
     pathlib.Path(path).parent.mkdir(parents=True, exist_ok=True)
-    pathlib.Path(path).write_text("\n".join(lines) + "\n")
-    for what, follows, verdict in rows.values():
-        terminalreporter.write_line(textwrap.fill(f"{verdict:7} {what}", 100, subsequent_indent=8 * " "))
-        terminalreporter.write_line(textwrap.fill(f"must hold: {follows}", 100, initial_indent=8 * " ",
-                                                  subsequent_indent=8 * " ") + "\n")
-    terminalreporter.write_line(f"as Markdown: {path}")
+    pathlib.Path(path).write_text(table)
+    terminalreporter.write(table)

@@ -1,4 +1,4 @@
-"""The real daemon, seen from outside."""
+# The real daemon, seen from outside.
 
 import resource
 import signal

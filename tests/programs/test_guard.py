@@ -1,5 +1,5 @@
-"""plugin_ctl guard beside the real daemon, which keeps what it has always done: it notices no vanished
-host, and stops for nobody."""
+# plugin_ctl guard beside the real daemon, which keeps what it has always done: it notices no vanished
+# host, and stops for nobody.
 
 import os
 import pathlib

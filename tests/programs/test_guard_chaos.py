@@ -1,4 +1,4 @@
-"""Many hand-shakes while hosts are killed at random: whatever happens to each of them, it ends."""
+# Many hand-shakes while hosts are killed at random: whatever happens to each of them, it ends.
 
 import collections
 import itertools

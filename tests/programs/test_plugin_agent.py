@@ -1,5 +1,5 @@
-"""The host agent beside the real daemon. What it does with real file systems is tested in
-test_plugin_agent_freeze."""
+# The host agent beside the real daemon. What it does with real file systems is tested in
+# test_plugin_agent_freeze.
 
 import concurrent.futures
 import pathlib

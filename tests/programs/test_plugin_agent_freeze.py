@@ -1,5 +1,5 @@
-"""The host agent and a real file system, in use while it is frozen. Whatever happens to the agent, no
-write waits for longer than the limit and a second."""
+# The host agent and a real file system, in use while it is frozen. Whatever happens to the agent, no
+# write waits for longer than the limit and a second.
 
 import json
 import os

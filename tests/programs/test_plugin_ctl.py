@@ -1,4 +1,4 @@
-"""plugin_ctl's verbs that ask once: what they print, and how they end."""
+# plugin_ctl's verbs that ask once: what they print, and how they end.
 
 import concurrent.futures
 import json

@@ -1,5 +1,5 @@
-"""plugin_ctl snapshot: however it ends, the daemon is left without its hand-shake, and with everybody
-else's."""
+# plugin_ctl snapshot: however it ends, the daemon is left without its hand-shake, and with everybody
+# else's.
 
 import json
 import os

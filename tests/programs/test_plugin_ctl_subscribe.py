@@ -1,4 +1,4 @@
-"""plugin_ctl subscribe: what it prints, and that it never stays behind as a vanished subscriber."""
+# plugin_ctl subscribe: what it prints, and that it never stays behind as a vanished subscriber.
 
 import json
 import os

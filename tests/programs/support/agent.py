@@ -1,4 +1,4 @@
-"""The reference host agent, and hooks for it."""
+# The reference host agent, and hooks for it.
 
 import json
 import pathlib

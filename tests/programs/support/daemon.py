@@ -1,4 +1,4 @@
-"""The daemon, and who starts it anew."""
+# The daemon, and who starts it anew.
 
 import json
 import pathlib
@@ -80,7 +80,7 @@ class Supervisor:
     def restarts(self):
         return self._starts - 1
 
-    def end(self):
+    def close(self):
         self._over.set()
         self._keeper.join()
 

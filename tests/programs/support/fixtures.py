@@ -1,4 +1,7 @@
-"""The fixtures of the tests, and what a failed one shows."""
+# The fixtures of the tests, and what a failed one shows.
+
+import contextlib
+import functools
 
 import pytest
 
@@ -18,12 +21,11 @@ _logs = []
 def pytest_runtest_makereport():
     report = (yield).get_result()
     if report.failed:
-        for each in Program.started:
-            if each.status == 0:
-                continue
-            report.sections.append((f"{each.command} (pid {each.pid})", f"{each.out}{each.err}"))
+        report.sections += [(f"{each.command} (pid {each.pid})", each.out + each.err)
+                            for each in Program.started if each.status != 0]
         for log in _logs:
-            report.sections.append(("log", "\n".join(f"<{line.priority}> {line.text}" for line in log.lines()[-200:])))
+            lines = (f"<{line.priority}> {line.text}" for line in log.lines()[-200:])
+            report.sections.append(("log", "\n".join(lines)))
 
 
 @pytest.fixture(autouse=True)
@@ -42,7 +44,7 @@ def log():
 @pytest.fixture
 def start_daemon(log):
     """start_daemon(**options): support.daemon.Daemon."""
-    return lambda **options: Daemon(log, **options)
+    return functools.partial(Daemon, log)
 
 
 @pytest.fixture
@@ -51,40 +53,28 @@ def daemon(start_daemon):
     return start_daemon()
 
 
+# Programs: plugin_ctl(*arguments) is run to its end, with its status, out and err; the others go on.
 @pytest.fixture
 def plugin_ctl():
-    """plugin_ctl(*arguments): run to its end, with its status, out and err."""
-    return lambda *arguments, **how: program.run(PLUGIN_CTL, *arguments, **how)
+    return functools.partial(program.run, PLUGIN_CTL)
 
 
 @pytest.fixture
 def start_plugin_ctl():
-    """start_plugin_ctl(*arguments): left running."""
-    return lambda *arguments, **how: Program(PLUGIN_CTL, *arguments, **how)
+    return functools.partial(Program, PLUGIN_CTL)
 
 
-@pytest.fixture
-def start_agent():
-    """start_agent(*options, ...): support.agent.Agent."""
-    return Agent
-
-
-@pytest.fixture
-def hooks():
-    return Hooks()
+start_agent = pytest.fixture(lambda: Agent, name="start_agent")
+start_guard = pytest.fixture(lambda: Guard, name="start_guard")
+hooks = pytest.fixture(lambda: Hooks(), name="hooks")
+network = pytest.fixture(lambda: Network(), name="network")
 
 
 @pytest.fixture
 def make_volume(_nothing_stays_behind):
     """make_volume("/tmp/inner"): support.volume.Volume. Must be thawed at the end."""
-    made = []
-
-    def make(path):
-        made.append(Volume(path))
-        return made[-1]
-    yield make
-    for volume in reversed(made):
-        volume.close()
+    with contextlib.ExitStack() as made:
+        yield lambda path: made.enter_context(contextlib.closing(Volume(path)))
 
 
 @pytest.fixture
@@ -96,27 +86,10 @@ def volume(make_volume):
 @pytest.fixture
 def supervise(log):
     """supervise(**options of the daemon): support.daemon.Supervisor, with the daemon in it."""
-    made = []
-
-    def supervise(**options):
-        made.append(Supervisor(log, **options))
-        return made[-1]
-    yield supervise
-    for each in made:
-        each.end()
+    with contextlib.ExitStack() as made:
+        yield lambda **options: made.enter_context(contextlib.closing(Supervisor(log, **options)))
 
 
 @pytest.fixture
 def supervisor(supervise):
     return supervise()
-
-
-@pytest.fixture
-def start_guard():
-    """start_guard(*options, ...): support.guard.Guard."""
-    return Guard
-
-
-@pytest.fixture
-def network():
-    return Network()

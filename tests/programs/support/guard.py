@@ -1,4 +1,4 @@
-"""The guard over a daemon."""
+# The guard over a daemon.
 
 import json
 

@@ -1,4 +1,4 @@
-"""The system's log, as the programs of a test see it."""
+# The system's log, as the programs of a test see it.
 
 import os
 import re
@@ -26,9 +26,7 @@ class Log:
         os.chmod("/dev/log", 0o666)
         self._reading = threading.Lock()
         self._lines = []  # under _reading
-        self._is_open = True
-        self._reader = threading.Thread(target=self._read_on, daemon=True)
-        self._reader.start()
+        threading.Thread(target=self._read_on, daemon=True).start()
 
     def lines(self):
         """All so far. Who has been answered has sent what it logged before; that is among them."""
@@ -52,15 +50,8 @@ class Log:
         """A log service that hangs: nothing is read, nor can be asked here, `with log.hold()`."""
         return self._reading
 
-    def close(self):
-        """The log service is gone."""
-        os.unlink("/dev/log")
-        self._is_open = False
-        self._socket.shutdown(socket.SHUT_RDWR)
-        self._reader.join()
-
     def _read_on(self):
-        while self._is_open:
+        while True:
             select.select([self._socket], [], [])
             with self._reading:
                 self._read_what_came()

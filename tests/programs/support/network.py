@@ -1,4 +1,4 @@
-"""Networks that fail."""
+# Networks that fail.
 
 import selectors
 import shlex

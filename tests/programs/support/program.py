@@ -1,4 +1,4 @@
-"""Programs that a test starts."""
+# Programs that a test starts.
 
 import os
 import pathlib

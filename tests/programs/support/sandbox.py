@@ -1,4 +1,4 @@
-"""Runs each test in a process and in namespaces of its own."""
+# Runs each test in a process and in namespaces of its own.
 
 import ctypes
 import fcntl

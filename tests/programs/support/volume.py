@@ -1,4 +1,4 @@
-"""File systems to freeze."""
+# File systems to freeze.
 
 import errno
 import fcntl

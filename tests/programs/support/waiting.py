@@ -1,4 +1,4 @@
-"""Waiting for what is promised."""
+# Waiting for what is promised.
 
 import time
 
