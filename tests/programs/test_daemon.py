@@ -14,6 +14,7 @@ from support.calls import (LUN, REPLICA_LUN, TCP, UNIX, UNSUPPORTED_LUN, Caller,
                            depart_done, depart_relation, init_snapshot, is_lun_support,
                            is_mirror_done, mirror_done, start_mirror, wait_for_depart)
 from support.log import Line
+from support.network import connect, is_served
 from support.waiting import PATIENCE, wait_until
 
 LISTENING = [
@@ -175,37 +176,17 @@ def test_a_broadcast_that_meets_a_vanished_host_never_returns(log, daemon):
     assert hung.code() == grpc.StatusCode.UNAVAILABLE
 
 
-class BareConnection:
-    """Asks for nothing. The server speaks first, if it serves it."""
-
-    def __init__(self, family):
-        self._socket = socket.socket(family)
-        self._socket.settimeout(PATIENCE)
-        self._socket.connect(("127.0.0.1", 3265) if family == socket.AF_INET
-                             else "/tmp/iscsi/plugin_server.sock")
-
-    def served(self):
-        """False when the server has closed it. Waits for one of the two."""
-        try:
-            return self._socket.recv(1, socket.MSG_PEEK) != b""
-        except ConnectionResetError:
-            return False
-
-    def close(self):
-        self._socket.close()
-
-
 def test_more_hosts_than_files_are_turned_away_until_others_leave(log, start_daemon):
     daemon = start_daemon(limits={"nofile": "64:64"}, may_raise_limits=False)
     host = daemon.subscribe("host")
     for lun in ("lun-1", "lun-2"):
         others = []
-        while not others or others[-1].served():
-            others.append(BareConnection(socket.AF_INET))
+        while not others or is_served(others[-1]):
+            others.append(connect())
             assert len(others) <= 64
         assert len(others) > 32
         for family in 10 * (socket.AF_INET, socket.AF_UNIX):
-            assert not BareConnection(family).served()
+            assert not is_served(connect(family))
 
         # Who was there before notices nothing.
         assert daemon.call.is_listed("host")
@@ -221,8 +202,8 @@ def test_more_hosts_than_files_are_turned_away_until_others_leave(log, start_dae
             again = []
             while len(again) < 10:  # the daemon takes a moment to see that they left
                 assert daemon.alive
-                again.append(BareConnection(family))
-                if not again[-1].served():
+                again.append(connect(family))
+                if not is_served(again[-1]):
                     again.pop()
         for target in (TCP, UNIX):
             assert Caller(target).is_listed("host")

@@ -7,7 +7,6 @@ import random
 import re
 import resource
 import signal
-import socket
 import threading
 import time
 
@@ -16,8 +15,9 @@ import pytest
 
 from support.calls import LUN, TCP, Caller, Host, init_snapshot
 from support.guard import STATUS_FILE, guard_status, reported
+from support.network import connect, is_served
 from support.program import PLUGIN_CTL, run
-from support.waiting import PATIENCE, wait_until
+from support.waiting import wait_until
 
 
 def open_sockets(pid):
@@ -127,11 +127,8 @@ def test_leaves_a_daemon_alone_that_has_run_out_of_files(supervisor, start_guard
     crowd = []
 
     def one_more():  # when the one before has been served or turned away
-        crowd.append(socket.create_connection(("127.0.0.1", 3265), PATIENCE))
-        try:
-            crowd[-1].recv(1, socket.MSG_PEEK)
-        except ConnectionResetError:
-            pass
+        crowd.append(connect())
+        is_served(crowd[-1])
     for _ in range(1100):
         one_more()
 
@@ -144,12 +141,12 @@ def test_leaves_a_daemon_alone_that_has_run_out_of_files(supervisor, start_guard
     for connection in crowd:
         connection.close()
 
-    def is_served():
+    def has_room():
         try:
             return Caller(TCP).ids(timeout=1) == []
         except grpc.RpcError:
             return False
-    wait_until(is_served)
+    wait_until(has_room)
     wait_until(lambda: guard_status().status == 0)
     assert supervisor.restarts == 0
 

@@ -11,6 +11,7 @@ import pytest
 
 from plugin_cmd_pb2 import PluginClient, PluginClientList
 from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
+from support.agent import go_to
 from support.calls import (LUN, OTHER_LUN, TCP, depart_done, init_snapshot, mirror_done, start_mirror,
                            wait_for_depart)
 from support.program import PLUGIN_AGENT, Program, run
@@ -53,7 +54,7 @@ def test_reads_the_same_keys_from_a_file(daemon):
 
 
 def test_runs_hooks_in_order_and_undoes_in_reverse(daemon, hooks, start_agent):
-    hooks.add("20-b", "10-a")
+    hooks.add("20-b")
     hooks.add("30-not-executable", mode=0o644)
     hooks.add("40-everybodys", mode=0o757)
     agent = start_agent("--hooks", hooks.path)
@@ -74,7 +75,7 @@ def test_runs_hooks_in_order_and_undoes_in_reverse(daemon, hooks, start_agent):
 @pytest.mark.parametrize("phase", ["prepare", "freeze"])
 def test_a_hook_that_fails_ends_the_handshake(log, daemon, hooks, start_agent, phase, hangs):
     """The appliance is never told to split, and what was begun is undone."""
-    hooks.add("10-a", "20-b", "30-c")
+    hooks.add("20-b", "30-c")
     (hooks.block if hangs else hooks.fail)("20-b", phase)
     agent = start_agent("--hooks", hooks.path, "--hook-timeout", "0.3")
     announced = daemon.call.begin(init_snapshot(LUN))
@@ -106,7 +107,6 @@ def test_ignores_luns_of_other_hosts(log, daemon, start_agent):
 
 
 def test_freezes_one_lun_at_a_time(daemon, hooks, start_agent):
-    hooks.add("10-a")
     agent = start_agent("--hooks", hooks.path, lun="any")
     for request in (init_snapshot, mirror_done):
         assert daemon.call.ask(request(LUN)) and daemon.call.ask(request(OTHER_LUN))
@@ -133,19 +133,10 @@ def test_the_subscriber_without_a_name_is_told_that_the_split_is_over(daemon, st
     agent.leave()
 
 
-def test_told_to_stop_while_the_mirror_is_made(daemon, start_agent):
-    agent = start_agent()
-    assert daemon.call.ask(init_snapshot(LUN))
-    agent.leave()
-    assert agent.record()["reason"] == "the agent was told to stop"
-
-
-def test_told_to_stop_in_a_freeze_hook(daemon, hooks, start_agent):
-    hooks.add("10-a")
-    hooks.block("10-a", "freeze")
+@pytest.mark.parametrize("step", ["mirror", "freeze"])
+def test_told_to_stop_before_the_split_it_undoes(daemon, hooks, start_agent, step):
     agent = start_agent("--hooks", hooks.path)
-    assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
-    hooks.wait_until_blocked()
+    go_to(step, daemon.call, hooks)
     agent.signal(signal.SIGTERM)
     assert daemon.call.is_listed("host")
     hooks.unblock()
@@ -155,7 +146,6 @@ def test_told_to_stop_in_a_freeze_hook(daemon, hooks, start_agent):
 
 
 def test_told_to_stop_while_the_mirror_is_split_it_finishes(daemon, hooks, start_agent):
-    hooks.add("10-a")
     agent = start_agent("--hooks", hooks.path)
     daemon.call.go_to_split()
     agent.signal(signal.SIGTERM)
@@ -168,7 +158,6 @@ def test_told_to_stop_while_the_mirror_is_split_it_finishes(daemon, hooks, start
 
 
 def test_told_to_stop_twice_while_the_mirror_is_split_it_thaws(daemon, hooks, start_agent):
-    hooks.add("10-a")
     agent = start_agent("--hooks", hooks.path)
     daemon.call.go_to_split()
 
@@ -184,20 +173,11 @@ def test_told_to_stop_twice_while_the_mirror_is_split_it_thaws(daemon, hooks, st
 @pytest.mark.parametrize("step", ["prepare", "mirror", "freeze", "hold", "thaw"])
 def test_comes_back_when_the_daemon_is_started_anew(log, start_daemon, hooks, start_agent, step):
     daemon = start_daemon()
-    hooks.add("10-a")
     agent = start_agent("--hooks", hooks.path, "--max-freeze", "20", "--hook-timeout", "20")
-    blocks = step in ("prepare", "freeze", "thaw")
-    if blocks:
-        hooks.block("10-a", step)
-    announced = daemon.call.begin(init_snapshot(LUN))
-    assert step == "prepare" or announced.result().success
-    assert step in ("prepare", "mirror") or daemon.call.ask(mirror_done(LUN))
-    assert step not in ("hold", "thaw") or daemon.call.ask(wait_for_depart(LUN))
-    assert step != "thaw" or daemon.call.ask(depart_done(LUN))
-    if blocks:
-        hooks.wait_until_blocked()
+    announced = go_to(step, daemon.call, hooks)
     log.clear()
     daemon.kill()
+    assert announced.done() or announced.exception()
     daemon = start_daemon()
     hooks.unblock()
     log.wait_for("Connected: Plugin ID=host IP=127.0.0.1")

@@ -11,7 +11,8 @@ import time
 
 import pytest
 
-from support.calls import LUN, depart_done, init_snapshot, mirror_done, wait_for_depart
+from support import agent
+from support.calls import LUN, depart_done, init_snapshot, mirror_done
 from support.program import PLUGIN_AGENT, SANITIZED, SOURCE, Program, exists, run
 from support.waiting import wait_until
 
@@ -27,31 +28,14 @@ def start_freezer(daemon, volume, start_agent):
 
 @pytest.fixture
 def go_to(daemon, volume, hooks):
-    """Until the agent has reached the step, and hangs in it: it waits for a hook, for the daemon (which is
-    stopped then) or for the local caller."""
+    """The same, with one step more: while the daemon is stopped, and says nothing of the departure."""
     def go_to(step):
-        call = daemon.call
-        if step != "mirror" and step != "hold":
-            hooks.block("10-a", "freeze" if step == "depart" else step)
-        announced = call.begin(init_snapshot(LUN))
-        if step == "prepare":
-            return hooks.wait_until_blocked()
-        assert announced.result().success
-        if step == "mirror":
-            return
-        assert call.ask(mirror_done(LUN))
-        if step in ("freeze", "depart"):
-            hooks.wait_until_blocked()
-            if step == "depart":
-                daemon.stop()
-                hooks.unblock()
-                volume.wait_until_frozen()
-            return
-        assert call.ask(wait_for_depart(LUN))
-        if step == "hold":
-            return volume.wait_until_frozen()
-        assert call.ask(depart_done(LUN))
-        hooks.wait_until_blocked()
+        agent.go_to("freeze" if step == "depart" else step, daemon.call, hooks)
+        if step == "depart":
+            daemon.stop()
+            hooks.unblock()
+        if step in ("depart", "hold"):
+            volume.wait_until_frozen()
     return go_to
 
 
@@ -73,7 +57,6 @@ def start_over(daemon, volume, hooks):
 @pytest.mark.parametrize("step", STEPS)
 def test_killed_at_any_step_the_host_is_thawed_at_once(daemon, volume, hooks, start_freezer, go_to,
                                                        start_over, step):
-    hooks.add("10-a")
     agent = start_freezer("--hooks", hooks.path)
     go_to(step)
     volume.longest_stall()
@@ -91,7 +74,6 @@ def test_killed_at_any_step_the_host_is_thawed_at_once(daemon, volume, hooks, st
 @pytest.mark.parametrize("step", STEPS)
 def test_stopped_at_any_step_the_host_is_thawed_at_the_limit(daemon, volume, hooks, start_freezer, go_to,
                                                              start_over, step):
-    hooks.add("10-a")
     agent = start_freezer("--hooks", hooks.path, "--hook-timeout", "5")
     volume.longest_stall()
     go_to(step)
@@ -134,7 +116,6 @@ def test_thaws_when_its_guardian_is_killed(volume, start_freezer, go_to):
 
 
 def test_a_new_agent_thaws_what_agent_and_guardian_could_not(volume, hooks, start_freezer, go_to):
-    hooks.add("10-a")
     agent = start_freezer("--hooks", hooks.path)
     go_to("hold")
     guardian = agent.guardian()

@@ -95,22 +95,21 @@ CALLING_VERBS = [each.split() for each in (
     f"snapshot --p80 {LUN} -o json")]
 
 
-def test_says_what_to_do_when_the_daemon_is_down(plugin_ctl):
-    elsewhere = [["list", "--target", target] for target in ("127.0.0.1", "localhost:3266", "[::1]:1")]
-    for line in CALLING_VERBS + elsewhere:
-        ended = plugin_ctl(*line)
-        assert (line, ended.status) == (line, 3)
-        assert "came back: UNAVAILABLE" in ended.err
-        assert "next:      see that scsi_plugin_server" in ended.err
-
-
-def test_gives_up_at_the_deadline(daemon, plugin_ctl):
-    daemon.stop()
-    for verb in CALLING_VERBS:
-        ended = plugin_ctl(*verb, "--timeout", "0.2")
+@pytest.mark.parametrize("is_up, options, status, next_step", [
+    (False, [], "UNAVAILABLE", "see that scsi_plugin_server"),
+    (True, ["--timeout", "0.2"], "DEADLINE_EXCEEDED", "allow it longer with --timeout"),
+])
+def test_says_what_to_do_without_an_answer(start_daemon, plugin_ctl, is_up, options, status, next_step):
+    verbs = CALLING_VERBS
+    if is_up:
+        start_daemon().stop()
+    else:
+        verbs = verbs + [["list", "--target", each] for each in ("127.0.0.1", "localhost:3266", "[::1]:1")]
+    for verb in verbs:
+        ended = plugin_ctl(*verb, *options)
         assert (verb, ended.status) == (verb, 3)
-        assert "came back: DEADLINE_EXCEEDED" in ended.err
-        assert "next:      allow it longer with --timeout" in ended.err
+        assert f"came back: {status}" in ended.err
+        assert f"next:      {next_step}" in ended.err
 
 
 def test_names_any_other_status(expect):

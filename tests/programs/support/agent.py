@@ -4,7 +4,7 @@ import json
 import pathlib
 import signal
 
-from support.calls import LUN
+from support.calls import LUN, depart_done, init_snapshot, mirror_done, wait_for_depart
 from support.program import PLUGIN_AGENT, Program
 from support.waiting import wait_until
 
@@ -51,6 +51,25 @@ class Agent(Program):
         raise AssertionError("no guardian")
 
 
+def go_to(step, call, hooks):
+    """Until the agent has reached the step, and hangs in it: in the hook 10-a, or waiting for the caller.
+
+    The announcement under way, which is not answered in "prepare".
+    """
+    in_hook = step in ("prepare", "freeze", "thaw")
+    if in_hook:
+        hooks.block("10-a", step)
+    announced = call.begin(init_snapshot(LUN))
+    if step != "prepare":
+        assert announced.result().success
+        requests = (mirror_done, wait_for_depart, depart_done)
+        for request in requests[:["mirror", "freeze", "hold", "thaw"].index(step)]:
+            assert call.ask(request(LUN)), request.__name__
+    if in_hook:
+        hooks.wait_until_blocked()
+    return announced
+
+
 _HOOK = """#!/bin/sh
 name=${0##*/}
 state=${0%/*}/.state
@@ -74,10 +93,11 @@ class Hooks:
     Each of them "freezes" by leaving a file behind.
     """
 
-    def __init__(self, path="/tmp/hooks"):
-        self.path = pathlib.Path(path)
+    def __init__(self, *names):
+        self.path = pathlib.Path("/tmp/hooks")
         self._state = self.path / ".state"
         self._state.mkdir(parents=True)
+        self.add(*names)
 
     def add(self, *names, mode=0o755):
         for name in names:

@@ -66,7 +66,7 @@ def start_plugin_ctl():
 
 start_agent = pytest.fixture(lambda: Agent, name="start_agent")
 start_guard = pytest.fixture(lambda: Guard, name="start_guard")
-hooks = pytest.fixture(lambda: Hooks(), name="hooks")
+hooks = pytest.fixture(lambda: Hooks("10-a"), name="hooks")
 network = pytest.fixture(lambda: Network(), name="network")
 
 

@@ -6,6 +6,26 @@ import socket
 import threading
 
 from support.program import run
+from support.waiting import PATIENCE
+
+
+ENDPOINTS = {socket.AF_INET: ("127.0.0.1", 3265), socket.AF_UNIX: "/tmp/iscsi/plugin_server.sock"}
+
+
+def connect(family=socket.AF_INET):
+    """A connection that asks for nothing."""
+    connection = socket.socket(family)
+    connection.settimeout(PATIENCE)
+    connection.connect(ENDPOINTS[family])
+    return connection
+
+
+def is_served(connection):
+    """Whether the server serves it, and so speaks first; false when it has closed it. Waits for either."""
+    try:
+        return connection.recv(1, socket.MSG_PEEK) != b""
+    except ConnectionResetError:
+        return False
 
 
 class Network:
