@@ -1,9 +1,8 @@
 # Networks that fail.
 
-import selectors
+import os
 import shlex
 import socket
-import threading
 
 from support.program import run
 from support.waiting import PATIENCE
@@ -26,6 +25,17 @@ def is_served(connection):
         return connection.recv(1, socket.MSG_PEEK) != b""
     except ConnectionResetError:
         return False
+
+
+def shut_towards_server():
+    """To the daemon this process looks as if it will send nothing more, and still reads, over TCP."""
+    for fd in map(int, os.listdir("/proc/self/fd")):
+        try:
+            with socket.socket(fileno=os.dup(fd)) as connection:
+                if connection.family != socket.AF_UNIX and connection.getpeername()[1] == 3265:
+                    connection.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass  # no connection
 
 
 class Network:
@@ -57,36 +67,6 @@ class Network:
         """Whether the router lets packets through. When not, it drops them without a word."""
         write = f"echo {int(on)} >/proc/sys/net/ipv4/ip_forward"
         _do("ip", "netns", "exec", "router", "sh", "-c", write)
-
-
-class Relay:
-    """A port whose one connection is handed on to another port, byte by byte, until the test interferes."""
-
-    def __init__(self, server_port):
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self._server = socket.create_connection(("127.0.0.1", server_port))
-        self.target = f"127.0.0.1:{self._listener.getsockname()[1]}"
-        threading.Thread(target=self._hand_on, daemon=True).start()
-
-    def shut_towards_server(self):
-        """To the server it looks as if the client will send nothing more, and still reads."""
-        self._server.shutdown(socket.SHUT_WR)
-
-    def _hand_on(self):
-        client, _ = self._listener.accept()
-        with selectors.DefaultSelector() as selector:
-            selector.register(client, selectors.EVENT_READ, self._server)
-            selector.register(self._server, selectors.EVENT_READ, client)
-            while True:
-                for key, _ in selector.select():
-                    data = key.fileobj.recv(4096)
-                    if not data:
-                        key.data.shutdown(socket.SHUT_RDWR)
-                        return
-                    try:
-                        key.data.sendall(data)
-                    except BrokenPipeError:
-                        pass  # the end that was shut loses what it is meant to lose
 
 
 def _do(*command):
