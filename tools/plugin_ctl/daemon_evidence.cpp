@@ -20,7 +20,6 @@
 
 #include "common/child_process.h"
 #include "common/text.h"
-#include "daemon_process.h"
 
 namespace vexo::tools {
 
@@ -44,6 +43,21 @@ std::string count_entries(const std::string& directory) {
   const fs::directory_iterator entries(directory, error);
   if (error) return "?";
   return std::to_string(std::distance(fs::begin(entries), fs::end(entries)));
+}
+
+// A number of /proc/PID/stat, counted as in proc(5) and after the name, which is the second; empty
+// when there is no such process.
+std::optional<double> stat_field(pid_t pid, int field) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(file, text, '\0');
+  // The name, in parentheses, may hold anything.
+  std::istringstream fields(text.substr(std::min(text.rfind(')') + 1, text.size())));
+  std::string skipped;
+  for (int i = 3; i < field && fields >> skipped; ++i) continue;
+  double number = 0;
+  if (!(fields >> number)) return std::nullopt;
+  return number;
 }
 
 // The processor time used so far.

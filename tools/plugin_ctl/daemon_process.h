@@ -3,9 +3,6 @@
 
 #include <sys/types.h>
 
-#include <optional>
-#include <string>
-
 #include "common/interrupt.h"
 #include "common/unique_fd.h"
 
@@ -18,9 +15,6 @@ class daemon_process {
   // accepted will do. Throws std::runtime_error when that cannot be told for certain, as on a
   // connection that was closed meanwhile.
   static daemon_process behind(int connection);
-  // The process whose number stands in the file. Throws std::runtime_error when there is none, or
-  // when it has begun after the file was written: then it is somebody else's process by now.
-  static daemon_process named_in(const std::string& pid_file);
 
   pid_t pid() const { return pid_; }
   // Readable when it has ended.
@@ -39,10 +33,6 @@ class daemon_process {
 // Ends it: SIGABRT, which leaves a core where cores are wanted, and SIGKILL 5 s later. False when
 // it goes on even then, or when a signal to this program came first. Throws as signal().
 bool end_process(const daemon_process& process, interrupt& stop);
-
-// A number of /proc/PID/stat, counted as in proc(5) and after the name, which is the second; empty
-// when there is no such process.
-std::optional<double> stat_field(pid_t pid, int field);
 
 // The process number of whoever listens at the other end of a unix socket; 0 when it cannot be seen
 // from here, as in another PID namespace.

@@ -3,14 +3,18 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "common/call.h"
 #include "common/text.h"
 #include "daemon_evidence.h"
+#include "daemon_process.h"
 #include "guard_status.h"
+#include "local_socket.h"
 #include "service_manager.h"
 
 namespace vexo::tools {
@@ -28,6 +32,10 @@ double seconds_since(std::chrono::steady_clock::time_point then) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - then).count();
 }
 
+long seconds_until(std::chrono::steady_clock::time_point then) {
+  return std::chrono::ceil<std::chrono::seconds>(then - std::chrono::steady_clock::now()).count();
+}
+
 std::string joined(const std::vector<finding>& found) {
   std::string text;
   for (const finding& one : found) text += (text.empty() ? "" : "; ") + one.what;
@@ -37,17 +45,15 @@ std::string joined(const std::vector<finding>& found) {
 }  // namespace
 
 guard::guard(guard_options options, interrupt& stop)
-    : options_(std::move(options)),
-      stop_(stop),
-      sweeper_(parse_endpoint(kUnixEndpoint), options_.interval, options_.patience),
-      watch_(options_.patience) {
+    : options_(std::move(options)), stop_(stop), watch_(options_.patience) {
+  start_sweeper();
   status_.set_guard_since(time_text(system_clock::now()));
   status_.set_since(status_.guard_since());
   status_.set_error("the guard has just started");
 }
 
 void guard::run() {
-  if (!options_.status_file.empty()) write_status(options_.status_file, status_);
+  report();
   notify_service_manager("READY=1");
   syslog(LOG_NOTICE, "guarding: sweeps every %.3g s, %s the daemon after %.3g s of failure",
          std::chrono::duration<double>(options_.interval).count(),
@@ -55,6 +61,7 @@ void guard::run() {
          std::chrono::duration<double>(options_.fail_after).count());
   while (!stop_.requested()) {
     watch_.step();
+    follow_process();
     const sighting seen = look();
     if (is_complete(seen)) {
       const auto found = findings(seen, clock::now());
@@ -71,7 +78,26 @@ void guard::run() {
 
 sighting guard::look() const {
   const auto& process = watch_.process();
-  return {sweeper_.look(), watch_.views(), process && process->alive(), options_.patience};
+  auto registry = sweeper_->look();
+  const bool runs = process && process->alive();
+  // What another process leaves unanswered, or one that has ended, is none of this one's doing.
+  if (process && (!runs || registry.process != process->pid())) registry = {};
+  return {registry, watch_.views(), runs, options_.patience};
+}
+
+void guard::follow_process() {
+  const auto& process = watch_.process();
+  const auto registry = sweeper_->look();
+  if (!process || !process->alive() || registry.process == 0 ||
+      registry.process == process->pid()) {
+    return;
+  }
+  earlier_sweeps_ += registry.sweeps;
+  start_sweeper();
+}
+
+void guard::start_sweeper() {
+  sweeper_.emplace(parse_endpoint(kUnixEndpoint), options_.interval, options_.patience);
 }
 
 void guard::judge(std::vector<finding> found) {
@@ -105,60 +131,107 @@ std::optional<finding> guard::due(const std::vector<finding>& found) const {
   const auto now = clock::now();
   if (last_attempt_ && now - *last_attempt_ < options_.fail_after) return {};
   for (const finding& one : found) {
-    if (one.restart_cures && now - one.since >= options_.fail_after) return one;
+    if (one.restart_cures && now - one.since >= options_.fail_after - options_.patience) return one;
   }
   return {};
 }
 
 void guard::restart_daemon(const finding& reason) {
-  last_attempt_ = clock::now();
-  const auto failing = [&] {
-    const auto found = findings(look(), clock::now());
-    return std::any_of(found.begin(), found.end(),
-                       [&](const finding& one) { return one.what == reason.what; });
-  };
+  if (options_.may_kill && clock::now() < back_off_.next()) {
+    if (std::exchange(told_of_pause_, true)) return;
+    complain("not restarting the daemon yet: restarted " + std::to_string(back_off_.count()) +
+             " times in a row, waiting " + std::to_string(seconds_until(back_off_.next())) +
+             " s before the next");
+    return;
+  }
   try {
-    const daemon_process& daemon = process();
+    std::future<std::vector<std::string>> evidence;
+    if (options_.may_kill) {
+      evidence = std::async(std::launch::async, evidence_of, watch_.process()->pid());
+    }
+    const bool failing = lasts(reason, evidence);
+    last_attempt_ = clock::now();
+    if (stop_.requested()) return;
+    if (!failing) {
+      syslog(LOG_NOTICE, "not restarting the daemon: it serves again, or no longer fails alike");
+      return;
+    }
+    const daemon_process& daemon = *watch_.process();
     syslog(LOG_ERR, "%s the daemon, process %d: for %.1f s %s",
            options_.may_kill ? "restarting" : "would restart (--no-kill)", daemon.pid(),
            seconds_since(reason.since), printable(reason.what).c_str());
     if (!options_.may_kill) return;
-    for (const std::string& line : evidence_of(daemon.pid())) {
+    back_off_.note(clock::now());
+    told_of_pause_ = false;
+    if (!failing_since_) failing_since_ = reason.since;
+    const bool ended = end_process(daemon, stop_);
+    for (const std::string& line : evidence.get()) {
       syslog(LOG_NOTICE, "process %d: %s", daemon.pid(), line.c_str());
     }
-    report();
-    if (!failing()) {
-      syslog(LOG_NOTICE, "not restarting it: it serves again");
-      return;
-    }
-    if (!failing_since_) failing_since_ = reason.since;
-    if (!end_process(daemon, stop_)) {
+    if (!ended) {
       complain("the daemon, process " + std::to_string(daemon.pid()) +
                ", does not end: it may hang in a system call");
       return;
     }
     status_.set_restarts(status_.restarts() + 1);
     status_.set_last_restart(time_text(system_clock::now()));
-    watch_.forget();
-    last_attempt_ = clock::now();
     syslog(LOG_NOTICE, "process %d has ended; its supervisor has to start the daemon again",
            daemon.pid());
+    watch_.forget();
+    last_attempt_ = clock::now();
   } catch (const std::runtime_error& error) {
     complain(std::string("the daemon cannot be restarted: ") + error.what());
   }
 }
 
-const daemon_process& guard::process() {
-  if (!options_.pid_file.empty()) {
-    from_pid_file_ = daemon_process::named_in(options_.pid_file);
-    return *from_pid_file_;
+bool guard::lasts(const finding& reason, const std::future<std::vector<std::string>>& evidence) {
+  const auto has_come = [&] {
+    return !evidence.valid() ||
+           evidence.wait_for(std::chrono::seconds::zero()) == std::future_status::ready;
+  };
+  while (last_look_fails(reason)) {
+    if (clock::now() - reason.since >= options_.fail_after && has_come()) return true;
+    stop_.wait({}, clock::now() + kTick);
+    if (stop_.requested()) return false;
   }
-  const auto& process = watch_.process();
-  if (!process) {
-    throw std::runtime_error(
-        "its process is not known; is it in another PID namespace? Name it with --pid-file");
+  return false;
+}
+
+bool guard::last_look_fails(const finding& reason) {
+  const auto report_if_due = [&] {
+    if (clock::now() >= next_report_) report();
+  };
+  report_if_due();
+  if (!reason.endpoint) {
+    if (!last_call_fails(report_if_due)) return false;
+  } else {
+    watch_.look_at(*reason.endpoint);
+    while (watch_.fd() >= 0 && !stop_.requested()) {
+      stop_.wait({watch_.fd()}, std::min(watch_.next(), next_report_));
+      report_if_due();
+      watch_.step();
+    }
   }
-  return *process;
+  const auto found = findings(look(), clock::now());
+  return std::any_of(found.begin(), found.end(), [&](const finding& one) {
+    return one.restart_cures && one.what == reason.what && one.since == reason.since;
+  });
+}
+
+// On a connection made for it: that of the sweeper could be at fault.
+bool guard::last_call_fails(const std::function<void()>& meanwhile) {
+  unique_fd connection = begin_connection(parse_endpoint(kUnixEndpoint));
+  if (!connection) return errno == EAGAIN;  // as many wait already as may
+  if (listener_of(connection.get()) != watch_.process()->pid()) return false;
+  const auto stub = scsiplugin::PluginService::NewStub(make_channel(std::move(connection)));
+  call_options limits;
+  limits.timeout = options_.patience;
+  limits.on_tick = [&](auto) { meanwhile(); };
+  const auto answer =
+      call(*stub, &service_stub::PluginConnList, google::protobuf::Empty(), stop_, limits);
+  return !answer.interrupted &&
+         (answer.status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED ||
+          answer.status.error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED);
 }
 
 void guard::complain(const std::string& text) {
@@ -169,9 +242,9 @@ void guard::complain(const std::string& text) {
 
 void guard::report() {
   next_report_ = clock::now() + kStatusEvery;
-  const auto registry = sweeper_.look();
+  const auto registry = sweeper_->look();
   status_.set_hosts(static_cast<std::uint32_t>(registry.hosts));
-  status_.set_sweeps(registry.sweeps);
+  status_.set_sweeps(earlier_sweeps_ + registry.sweeps);
   const auto& process = watch_.process();
   status_.set_daemon_pid(process && process->alive() ? process->pid() : 0);
   notify_service_manager("WATCHDOG=1");
@@ -181,7 +254,8 @@ void guard::report() {
     status_file_works_ = true;
   } catch (const std::system_error& error) {
     if (std::exchange(status_file_works_, false)) {
-      syslog(LOG_ERR, "the status file cannot be written: %s", error.what());
+      syslog(LOG_ERR, "going on without the status file, which cannot be written: %s",
+             error.what());
     }
   }
 }

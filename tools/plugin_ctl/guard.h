@@ -2,12 +2,14 @@
 #define TOOLS_PLUGIN_CTL_GUARD_H_
 
 #include <chrono>
+#include <functional>
+#include <future>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "common/interrupt.h"
-#include "daemon_process.h"
+#include "guard_back_off.h"
 #include "guard_findings.h"
 #include "guard_sweeper.h"
 #include "guard_watch.h"
@@ -21,7 +23,6 @@ struct guard_options {
   std::chrono::milliseconds fail_after{25000};
   std::chrono::milliseconds patience{5000};  // with one look
   bool may_kill = true;
-  std::string pid_file;     // empty: the process is asked for at the unix socket
   std::string status_file;  // empty for none
 };
 
@@ -32,7 +33,7 @@ class guard {
  public:
   guard(guard_options options, interrupt& stop);
 
-  // Until a signal comes.
+  // Until a signal comes. A status file that cannot be written is complained of, and no more.
   void run();
 
  private:
@@ -41,21 +42,31 @@ class guard {
   sighting look() const;
   void judge(std::vector<finding> found);
   // What has gone on for so long that the daemon is to be ended; empty when nothing has.
+  // Early enough for a last look.
   std::optional<finding> due(const std::vector<finding>& found) const;
   void restart_daemon(const finding& reason);
-  const daemon_process& process();
+  // Whether it is due by now and goes on after a last look at just that, and another one until
+  // `evidence` is there.
+  bool lasts(const finding& reason, const std::future<std::vector<std::string>>& evidence);
+  bool last_look_fails(const finding& reason);
+  bool last_call_fails(const std::function<void()>& meanwhile);
+  // The sweeper's connection leads to the process at the unix socket, not to an earlier one.
+  void follow_process();
+  void start_sweeper();
   void complain(const std::string& text);
   void report();
 
   const guard_options options_;
   interrupt& stop_;
-  guard_sweeper sweeper_;
+  std::optional<guard_sweeper> sweeper_;  // never empty
+  unsigned earlier_sweeps_ = 0;           // of the sweepers before
   guard_watch watch_;
   GuardStatus status_;
   bool judged_ = false;                             // status_ holds a judgement
   std::optional<clock::time_point> last_attempt_;   // to end the daemon
   std::optional<clock::time_point> failing_since_;  // of a daemon that was ended, until one serves
-  std::optional<daemon_process> from_pid_file_;
+  guard_back_off back_off_;
+  bool told_of_pause_ = false;
   clock::time_point next_report_ = clock::now();
   bool status_file_works_ = true;
 };

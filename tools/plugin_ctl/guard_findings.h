@@ -3,6 +3,8 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,14 +20,15 @@ struct finding {
   std::string what;  // the same text for as long as it lasts
   std::chrono::steady_clock::time_point since;
   std::chrono::steady_clock::time_point last_seen;
-  bool restart_cures;
+  bool restart_cures;                        // it is the daemon's process that does this
+  std::optional<std::size_t> endpoint = {};  // of sighting::endpoints; empty for the registry
 };
 
 // What a guard has seen, and how long it waits for an answer before it calls that a failure.
 struct sighting {
   guard_sweeper::view registry;
   std::array<guard_watch::view, 2> endpoints;
-  bool process_runs = false;  // the one that served last
+  bool process_runs = false;  // the one at the unix socket
   std::chrono::milliseconds patience;
 };
 

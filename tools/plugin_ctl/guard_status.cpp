@@ -51,6 +51,7 @@ void write_status(const std::string& path, const GuardStatus& status) {
     const unique_fd file(
         open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kMode));
     if (!file) fail(unfinished);
+    errno = ENOSPC;  // of a write that is cut short
     if (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
       fail(unfinished);
     }

@@ -1,6 +1,5 @@
 #include "guard_sweeper.h"
 
-#include <grpcpp/create_channel_posix.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include "common/channel.h"
 #include "common/errors.h"
 #include "common/text.h"
+#include "daemon_process.h"
 #include "local_socket.h"
 
 namespace vexo::tools {
@@ -58,11 +58,11 @@ void guard_sweeper::run() {
 bool guard_sweeper::connect() {
   unique_fd socket = begin_connection(where_);
   if (!socket) return false;
-  grpc::ChannelArguments arguments;
-  arguments.SetMaxReceiveMessageSize(-1);  // a thousand hosts with long names
-  stub_ = PluginService::NewStub(
-      grpc::CreateCustomInsecureChannelFromFd("guard", socket.release(), arguments));
+  const pid_t process = listener_of(socket.get());
+  stub_ = PluginService::NewStub(make_channel(std::move(socket)));
   known_.clear();
+  const std::lock_guard lock(mutex_);
+  view_.process = process;
   return true;
 }
 
@@ -151,10 +151,12 @@ void guard_sweeper::end(const grpc::Status& status) {
   // A lost connection is for whoever watches the endpoints to explain.
   if (status.ok() || status.error_code() == grpc::StatusCode::UNAVAILABLE) {
     view_.error.clear();
+    view_.error_code = grpc::StatusCode::OK;
     return;
   }
-  if (view_.error.empty()) view_.error_since = clock::now();
+  if (view_.error_code != status.error_code()) view_.error_since = clock::now();
   view_.error = status_text(status);
+  view_.error_code = status.error_code();
 }
 
 }  // namespace vexo::tools

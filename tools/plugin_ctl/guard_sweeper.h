@@ -2,6 +2,7 @@
 #define TOOLS_PLUGIN_CTL_GUARD_SWEEPER_H_
 
 #include <grpcpp/grpcpp.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstddef>
@@ -31,11 +32,13 @@ class guard_sweeper {
  public:
   // What the sweeping shows of the daemon. Every call takes the daemon's registry lock.
   struct view {
+    pid_t process = 0;  // whom it asks; 0 when that cannot be seen from here
     bool has_asked = false;
     // The daemon owes an answer since then.
     std::optional<std::chrono::steady_clock::time_point> unanswered_since;
-    // What is answered instead of a list, and since when; empty otherwise.
+    // What is answered instead of a list, and since when without a break; empty otherwise.
     std::string error;
+    grpc::StatusCode error_code = grpc::StatusCode::OK;
     std::chrono::steady_clock::time_point error_since;
     std::size_t hosts = 0;  // listed at the last look
     unsigned sweeps = 0;    // UnSubscribes sent so far

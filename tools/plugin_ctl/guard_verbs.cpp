@@ -117,9 +117,6 @@ void add_guard(CLI::App& app, session& with) {
       ->type_name("SECONDS")
       ->capture_default_str();
   verb->add_flag("--no-kill", words->no_kill, "Only reports");
-  verb->add_option("--pid-file", words->options.pid_file,
-                   "Holds the number of the daemon's process; otherwise the unix socket tells it")
-      ->type_name("FILE");
   *status_file = verb->add_option("--status-file", words->options.status_file,
                                   "Where to write what `plugin_ctl guard-status` shows")
                      ->type_name("FILE")

@@ -1,5 +1,6 @@
 #include "guard_watch.h"
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -7,6 +8,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "daemon_sockets.h"
 #include "local_socket.h"
 
 namespace vexo::tools {
@@ -15,6 +17,14 @@ namespace {
 
 // Between two looks, which take turns.
 constexpr std::chrono::milliseconds kPause{500};
+
+// This side's port; 0 when it has none.
+std::uint16_t local_port(int connection) {
+  sockaddr_in address = {};
+  socklen_t size = sizeof address;
+  if (getsockname(connection, reinterpret_cast<sockaddr*>(&address), &size) != 0) return 0;
+  return ntohs(address.sin_port);
+}
 
 }  // namespace
 
@@ -36,6 +46,12 @@ void guard_watch::step() {
   }
 }
 
+void guard_watch::look_at(std::size_t at) {
+  socket_.reset();
+  current_ = at;
+  begin();
+}
+
 void guard_watch::forget() {
   for (view& one : views_) one.is = condition::unknown;
   socket_.reset();
@@ -44,13 +60,17 @@ void guard_watch::forget() {
 
 void guard_watch::begin() {
   begun_ = clock::now();
+  if (!is_at_unix_socket() && process_ && !shares_network(process_->pid())) {
+    finish(condition::barred, "the daemon is in another network namespace");
+    return;
+  }
   socket_ = begin_connection(views_[current_].where);
   if (!socket_) {
     finish_with_error(errno);
     return;
   }
   next_ = begun_ + patience_;
-  if (views_[current_].where.kind == endpoint::family::unix_socket) identify_process();
+  if (is_at_unix_socket()) identify_process();
 }
 
 void guard_watch::read_first_word() {
@@ -86,9 +106,13 @@ void guard_watch::finish_with_error(int error) {
 
 void guard_watch::finish(condition is, const std::string& reason) {
   view& one = views_[current_];
-  if (one.is != is) one.since = begun_;
+  bool& served = served_[current_];
+  if (is == condition::serving) served = served || is_by_process(is);
+  const bool by_process = is != condition::serving && served && is_by_process(is);
+  if (one.is != is || one.by_process != by_process) one.since = begun_;
   one.until = clock::now();
   one.is = is;
+  one.by_process = by_process;
   one.reason = reason;
   socket_.reset();
   current_ = (current_ + 1) % views_.size();
@@ -97,13 +121,39 @@ void guard_watch::finish(condition is, const std::string& reason) {
 
 void guard_watch::identify_process() {
   if (process_ && process_->pid() == listener_of(fd()) && process_->alive()) return;
+  const bool was_known = process_.has_value();
+  process_.reset();
   try {
     process_ = daemon_process::behind(fd());
-    // What was seen of another process says nothing about this one.
-    for (view& one : views_) one.is = condition::unknown;
   } catch (const std::runtime_error&) {
-    // Told when it is needed; the next look tries again.
+    // The next look tries again.
   }
+  if (!process_ && !was_known) return;
+  // What was seen of another process says nothing about this one.
+  for (view& one : views_) one.is = condition::unknown;
+  served_ = {};
+}
+
+bool guard_watch::is_by_process(condition is) const {
+  if (!process_ || !process_->alive()) return false;
+  if (is_at_unix_socket()) return true;
+  // Another process may have the port too, and whatever lies between may drop or refuse.
+  const auto use = port_use_of(process_->pid(), views_[current_].where.port, local_port(fd()));
+  if (!use) return false;
+  switch (is) {
+    case condition::serving:
+      return use->has_accepted;
+    case condition::silent:
+      return use->has_accepted || use->has_waiting;
+    case condition::absent:
+      return !use->listens;
+    default:
+      return false;
+  }
+}
+
+bool guard_watch::is_at_unix_socket() const {
+  return views_[current_].where.kind == endpoint::family::unix_socket;
 }
 
 }  // namespace vexo::tools

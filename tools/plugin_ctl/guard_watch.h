@@ -33,6 +33,8 @@ class guard_watch {
   struct view {
     endpoint where;
     condition is = condition::unknown;
+    // Of `silent` and `absent`: process() does this, and was seen to serve here before.
+    bool by_process = false;
     clock::time_point since;  // the begin of the first look that showed this
     clock::time_point until;  // the end of the last one
     std::string reason;       // of `absent` and `barred`, from the system
@@ -44,9 +46,11 @@ class guard_watch {
   int fd() const { return socket_.get(); }
   clock::time_point next() const { return next_; }
   void step();
+  // Drops the look under way and begins one at views()[at], which has ended when fd() is -1 again.
+  void look_at(std::size_t at);
 
   const std::array<view, 2>& views() const { return views_; }
-  // Who served the unix socket last, and may have ended since.
+  // Who listens at the unix socket, and may have ended since.
   const std::optional<daemon_process>& process() const { return process_; }
   // Starts from `unknown` again.
   void forget();
@@ -58,6 +62,9 @@ class guard_watch {
   void finish_with_error(int error);
   void finish(condition is, const std::string& reason = {});
   void identify_process();
+  // Whether process() is it that serves the connection under way, or does not.
+  bool is_by_process(condition is) const;
+  bool is_at_unix_socket() const;
 
   const std::chrono::milliseconds patience_;
   std::array<view, 2> views_;
@@ -66,6 +73,7 @@ class guard_watch {
   clock::time_point begun_;
   clock::time_point next_ = clock::now();
   std::optional<daemon_process> process_;
+  std::array<bool, 2> served_ = {};  // process_ was seen to serve each of views_
 };
 
 }  // namespace vexo::tools

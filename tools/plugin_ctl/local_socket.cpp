@@ -1,6 +1,7 @@
 #include "local_socket.h"
 
 #include <arpa/inet.h>
+#include <grpcpp/create_channel_posix.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -48,6 +49,12 @@ unique_fd begin_connection(const endpoint& where) {
     return {};
   }
   return connect_to(AF_INET, &address, sizeof address);
+}
+
+std::shared_ptr<grpc::Channel> make_channel(unique_fd connection) {
+  grpc::ChannelArguments arguments;
+  arguments.SetMaxReceiveMessageSize(-1);  // a thousand hosts with long names
+  return grpc::CreateCustomInsecureChannelFromFd("guard", connection.release(), arguments);
 }
 
 }  // namespace vexo::tools

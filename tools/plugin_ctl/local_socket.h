@@ -1,6 +1,10 @@
 #ifndef TOOLS_PLUGIN_CTL_LOCAL_SOCKET_H_
 #define TOOLS_PLUGIN_CTL_LOCAL_SOCKET_H_
 
+#include <grpcpp/grpcpp.h>
+
+#include <memory>
+
 #include "common/endpoint.h"
 #include "common/unique_fd.h"
 
@@ -11,6 +15,9 @@ namespace vexo::tools {
 // Empty, with errno set, when it was refused at once: EAGAIN when as many wait already at the unix
 // socket as it lets wait.
 unique_fd begin_connection(const endpoint& where);
+
+// A channel on this connection alone: it ends with it. Takes lists of any length.
+std::shared_ptr<grpc::Channel> make_channel(unique_fd connection);
 
 }  // namespace vexo::tools
 

@@ -1,0 +1,148 @@
+// What the guard makes of what it has seen, and when it may end a daemon again.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "guard_back_off.h"
+#include "guard_findings.h"
+
+namespace vexo::tools {
+namespace {
+
+using namespace std::chrono_literals;
+using clock = std::chrono::steady_clock;
+using condition = guard_watch::condition;
+
+constexpr std::size_t kTcp = 0;
+constexpr std::size_t kUnix = 1;
+
+TEST(GuardFindings, OnlyWhatTheProcessDoesIsCuredByItsEnd) {
+  const auto now = clock::now();
+  const auto endpoint_is = [](std::size_t at, condition is, bool by_process) {
+    return [=](sighting& seen) {
+      seen.endpoints[at].is = is;
+      seen.endpoints[at].by_process = by_process;
+    };
+  };
+  const auto list_is = [&](grpc::StatusCode code) {
+    return [=](sighting& seen) {
+      seen.registry.error = "text";
+      seen.registry.error_code = code;
+      seen.registry.error_since = now;
+    };
+  };
+  const auto unanswered_for = [&](clock::duration time) {
+    return [=](sighting& seen) { seen.registry.unanswered_since = now - time; };
+  };
+  const auto both = [](auto one, auto other) {
+    return [=](sighting& seen) {
+      one(seen);
+      other(seen);
+    };
+  };
+  const auto ended = [](sighting& seen) { seen.process_runs = false; };
+  const auto no_endpoint = [&](bool tcp_by_process, bool unix_by_process) {
+    return both(endpoint_is(kTcp, condition::absent, tcp_by_process),
+                endpoint_is(kUnix, condition::absent, unix_by_process));
+  };
+  const auto exhausted = list_is(grpc::StatusCode::RESOURCE_EXHAUSTED);
+  const struct {
+    const char* name;
+    std::function<void(sighting&)> change;
+    GuardStatus::State state;
+    bool cured;
+    std::optional<std::size_t> last_look;  // at an endpoint; empty for the list
+  } cases[] = {
+      {"TCP dead", endpoint_is(kTcp, condition::silent, true), GuardStatus::DEGRADED, true, kTcp},
+      {"TCP firewalled",
+       endpoint_is(kTcp, condition::silent, false),
+       GuardStatus::DEGRADED,
+       false,
+       {}},
+      {"TCP refused",
+       endpoint_is(kTcp, condition::absent, false),
+       GuardStatus::DEGRADED,
+       false,
+       {}},
+      {"TCP unseen", endpoint_is(kTcp, condition::barred, false), GuardStatus::DEGRADED, false, {}},
+      {"no file left",
+       endpoint_is(kUnix, condition::full, false),
+       GuardStatus::DEGRADED,
+       false,
+       {}},
+      {"socket removed", endpoint_is(kUnix, condition::absent, true), GuardStatus::DEGRADED, true,
+       kUnix},
+      {"... of an ended one",
+       both(ended, endpoint_is(kUnix, condition::absent, true)),
+       GuardStatus::DEGRADED,
+       false,
+       {}},
+      {"listens nowhere", no_endpoint(true, true), GuardStatus::DOWN, true, kTcp},
+      {"lost the unix socket", no_endpoint(false, true), GuardStatus::DOWN, true, kUnix},
+      {"never seen to listen", no_endpoint(false, false), GuardStatus::DOWN, false, {}},
+      {"no daemon", both(ended, no_endpoint(true, true)), GuardStatus::DOWN, false, {}},
+      {"hung", unanswered_for(5s), GuardStatus::DOWN, true, {}},
+      {"slow", unanswered_for(4s), GuardStatus::OK, false, {}},
+      {"hung, unseen process", both(ended, unanswered_for(5s)), GuardStatus::DOWN, false, {}},
+      {"no threads", exhausted, GuardStatus::DOWN, true, {}},
+      {"... and too slow to say so",
+       both(exhausted, unanswered_for(5s)),
+       GuardStatus::DOWN,
+       true,
+       {}},
+      {"something else",
+       list_is(grpc::StatusCode::UNIMPLEMENTED),
+       GuardStatus::DEGRADED,
+       false,
+       {}},
+  };
+  for (const auto& one : cases) {
+    SCOPED_TRACE(one.name);
+    sighting seen;
+    seen.registry.has_asked = true;
+    for (auto& endpoint : seen.endpoints) endpoint.is = condition::serving;
+    seen.process_runs = true;
+    seen.patience = 5s;
+    one.change(seen);
+    const auto found = findings(seen, now);
+    EXPECT_EQ(found.size(), one.state == GuardStatus::OK ? 0U : 1U);
+    if (found.empty()) continue;
+    EXPECT_EQ(found[0].state, one.state);
+    EXPECT_EQ(found[0].restart_cures, one.cured);
+    if (one.cured) {
+      EXPECT_EQ(found[0].endpoint, one.last_look);
+    }
+  }
+}
+
+TEST(GuardBackOff, PausesFromTheThirdOfAQuickSuccession) {
+  const auto start = clock::now();
+  guard_back_off back_off;
+  EXPECT_LE(back_off.next(), start);
+  const struct {
+    clock::duration ended;   // after the start
+    clock::duration paused;  // from then until the next may be
+  } cases[] = {
+      {0min, 0min},
+      {9min, 1min},
+      {10min, 2min},
+      {12min, 4min},
+      {20min, 8min},
+      {30min, 10min},
+      {40min, 10min},
+      {60min, 10min},
+      {81min, 0min},  // ten minutes beyond the
+                      // pause without one
+      {91min, 1min},
+      {103min, 0min},
+  };
+  for (const auto& [ended, paused] : cases) {
+    back_off.note(start + ended);
+    EXPECT_EQ(back_off.next() - start - ended, paused)
+        << std::chrono::floor<std::chrono::minutes>(ended).count();
+  }
+}
+
+}  // namespace
+}  // namespace vexo::tools
