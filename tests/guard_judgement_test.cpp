@@ -1,9 +1,14 @@
 // What the guard makes of what it has seen, and when it may end a daemon again.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <functional>
 
+#include "common/unique_fd.h"
+#include "daemon_sockets.h"
 #include "guard_back_off.h"
 #include "guard_findings.h"
 
@@ -113,6 +118,44 @@ TEST(GuardFindings, OnlyWhatTheProcessDoesIsCuredByItsEnd) {
     if (one.cured) {
       EXPECT_EQ(found[0].endpoint, one.last_look);
     }
+  }
+}
+
+// For either family, because the daemon's library listens to IPv4 on a socket of IPv6.
+TEST(PortUse, TellsWhatAProcessDoesWithItsPort) {
+  for (const int family : {AF_INET, AF_INET6}) {
+    SCOPED_TRACE(family);
+    unique_fd listener(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(listen(listener.get(), 1), 0);  // on a free port of all addresses
+    sockaddr_in6 bound = {};
+    socklen_t size = sizeof bound;
+    getsockname(listener.get(), reinterpret_cast<sockaddr*>(&bound), &size);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = bound.sin6_port;  // at the same place in both
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const unique_fd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    std::uint16_t from = 0;
+    const auto expect = [&](bool listens, bool has_waiting, bool has_accepted) {
+      const auto use = port_use_of(getpid(), ntohs(address.sin_port), from);
+      ASSERT_TRUE(use);
+      EXPECT_EQ(use->listens, listens);
+      EXPECT_EQ(use->has_waiting, has_waiting);
+      EXPECT_EQ(use->has_accepted, has_accepted);
+    };
+    expect(true, false, false);
+    ASSERT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    sockaddr_in mine = {};
+    size = sizeof mine;
+    getsockname(client.get(), reinterpret_cast<sockaddr*>(&mine), &size);
+    from = ntohs(mine.sin_port);
+    expect(true, true, false);
+    const unique_fd accepted(accept(listener.get(), nullptr, nullptr));
+    expect(true, false, true);
+    const auto of_another = port_use_of(getppid(), ntohs(address.sin_port), from);
+    EXPECT_FALSE(of_another && (of_another->listens || of_another->has_accepted));
+    listener.reset();
+    expect(false, false, true);
   }
 }
 

@@ -12,7 +12,7 @@ namespace vexo::tools {
 // installs it.
 inline constexpr char kStatusFile[] = "/run/scsi-plugin-guard/status.json";
 // A guard writes at least every kStatusEvery, except while it restarts the daemon: not for longer
-// than a debugger, a SIGABRT and a SIGKILL may take together. What is older was left by a guard
+// than a debugger, or a SIGABRT and a SIGKILL, may take. What is older was left by a guard
 // that has died.
 inline constexpr std::chrono::seconds kStatusEvery{1};
 inline constexpr std::chrono::seconds kStatusHolds{20};
