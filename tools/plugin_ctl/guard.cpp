@@ -144,6 +144,7 @@ void guard::restart_daemon(const finding& reason) {
              " s before the next");
     return;
   }
+  last_attempt_ = clock::now();
   try {
     std::future<std::vector<std::string>> evidence;
     if (options_.may_kill) {

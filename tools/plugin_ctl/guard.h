@@ -41,16 +41,17 @@ class guard {
 
   sighting look() const;
   void judge(std::vector<finding> found);
-  // What has gone on for so long that the daemon is to be ended; empty when nothing has.
-  // Early enough for a last look.
+  // What has gone on for so long that the daemon is to be ended after one more look, with which it
+  // will have lasted for fail_after; empty when nothing has.
   std::optional<finding> due(const std::vector<finding>& found) const;
   void restart_daemon(const finding& reason);
-  // Whether it is due by now and goes on after a last look at just that, and another one until
-  // `evidence` is there.
+  // Looks at just that, again and again until it has lasted for fail_after and `evidence` is there.
+  // True when every look has failed, the last one a moment ago.
   bool lasts(const finding& reason, const std::future<std::vector<std::string>>& evidence);
   bool last_look_fails(const finding& reason);
+  // Asks for a list. `meanwhile` is called now and then.
   bool last_call_fails(const std::function<void()>& meanwhile);
-  // The sweeper's connection leads to the process at the unix socket, not to an earlier one.
+  // Turns the sweeper to the process at the unix socket.
   void follow_process();
   void start_sweeper();
   void complain(const std::string& text);
@@ -66,7 +67,7 @@ class guard {
   std::optional<clock::time_point> last_attempt_;   // to end the daemon
   std::optional<clock::time_point> failing_since_;  // of a daemon that was ended, until one serves
   guard_back_off back_off_;
-  bool told_of_pause_ = false;
+  bool told_of_pause_ = false;  // since the last restart
   clock::time_point next_report_ = clock::now();
   bool status_file_works_ = true;
 };
