@@ -41,7 +41,7 @@ def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, 
         host.kill()
     for plugin_id in ids:
         guard.wait_for_err(f'swept "{plugin_id}"')
-    supervisor.daemon.call.whole_handshake()
+    supervisor.call.whole_handshake()
     wait_until(lambda: [reported(key) for key in ("hosts", "sweeps", "restarts")] == [1, 3, 0])
     assert max(most_sockets) <= 3, "two connections, and the system log"
     assert supervisor.restarts == 0
@@ -54,7 +54,7 @@ def test_restarts_a_daemon_that_hangs_on_a_host_that_vanished_a_moment_ago(log, 
     start_agent()
     vanishes = start_agent("--plugin-id", "vanishes")
     wait_until(lambda: reported("hosts") == 2)
-    hung, call = supervisor.pid, supervisor.daemon.call
+    hung, call = supervisor.pid, supervisor.call
     guard.signal(signal.SIGSTOP)  # so that it is the broadcast that comes first
     vanishes.kill()
     call.wait_until_listed("host")
@@ -67,8 +67,8 @@ def test_restarts_a_daemon_that_hangs_on_a_host_that_vanished_a_moment_ago(log, 
     assert reported("state") == "DOWN"
     guard.wait_for_err("the daemon serves again")
     wait_until(lambda: supervisor.pid != hung)
-    supervisor.daemon.call.wait_until_listed("host")
-    supervisor.daemon.call.whole_handshake()
+    supervisor.call.wait_until_listed("host")
+    supervisor.call.whole_handshake()
     assert supervisor.restarts == 1
     failed_for = re.findall(rf"restarting the daemon, process {hung}: for ([0-9.]+) s", guard.err)
     assert [25 <= float(seconds) < 35 for seconds in failed_for] == [True], guard.err
@@ -154,9 +154,9 @@ def test_leaves_a_daemon_alone_that_has_run_out_of_files(supervisor, start_guard
 @pytest.mark.slow
 def test_leaves_a_legal_wait_alone(supervisor, start_guard):
     guard = start_guard("--fail-after", "5")
-    supervisor.daemon.subscribe("silent host")
+    supervisor.subscribe("silent host")
     start = time.monotonic()
-    assert not supervisor.daemon.call.ask(init_snapshot(LUN))
+    assert not supervisor.call.ask(init_snapshot(LUN))
     assert time.monotonic() - start > 59
     assert supervisor.restarts == 0
     assert "restarting" not in guard.err
@@ -171,7 +171,7 @@ def test_gives_a_stalled_host_its_twenty_seconds(supervisor, start_guard, start_
     stalled = start_agent()
     wait_until(lambda: reported("hosts") == 1)
     stalled.stop()
-    announced = supervisor.daemon.call.begin(init_snapshot("x" * (3 << 20)))
+    announced = supervisor.call.begin(init_snapshot("x" * (3 << 20)))
     guard.wait_for_err("the daemon does not answer")
     assert not announced.done()
     guard.wait_for_err('swept "host"')

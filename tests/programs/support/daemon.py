@@ -3,7 +3,6 @@
 import json
 import pathlib
 import shutil
-import threading
 
 from support.calls import Caller, Host
 from support.program import SCSI_PLUGIN_SERVER, SOURCE, Program
@@ -20,11 +19,11 @@ class Daemon(Program):
     `luns`: the inventory has these instead of the sample's. `directory`: whether /tmp/iscsi is
     there, and empty; None leaves it as it is.
     `limits`: as prlimit takes them, {"nofile": "64:64", "nproc": "20"}.
-    `may_raise_limits`: with CAP_SYS_RESOURCE.
+    `may_raise_limits`: with CAP_SYS_RESOURCE. `before`: in front of the command line.
     """
 
     def __init__(self, log, *, luns=None, directory=True, limits=None, may_raise_limits=True,
-                 environment=None, serves=True):
+                 environment=None, serves=True, before=()):
         inventory = SAMPLE_LUNS
         if luns is not None:
             inventory = pathlib.Path("/tmp/luns.json")
@@ -33,7 +32,7 @@ class Daemon(Program):
             shutil.rmtree("/tmp/iscsi", ignore_errors=True)
         if directory:
             pathlib.Path("/tmp/iscsi").mkdir()
-        command = []
+        command = [*before]
         if limits:
             command += ["prlimit", *(f"--{name}={value}" for name, value in limits.items())]
         if not may_raise_limits:
@@ -60,34 +59,19 @@ class Daemon(Program):
         super().kill()
 
 
-class Supervisor:
+class Supervisor(Daemon):
     """Does what a service manager does: starts the daemon anew whenever it has ended."""
 
+    _LOOP = 'while :; do "$@" & echo $!; wait $!; done'
+
     def __init__(self, log, **options):
-        self._options = {"log": log, **options}
-        self._starts = 0
-        self._over = threading.Event()
-        self._keeper = threading.Thread(target=self._keep, daemon=True)
-        self._keeper.start()
-        wait_until(lambda: self._starts)
+        super().__init__(log, before=("sh", "-c", self._LOOP, "sh"), **options)
 
     @property
     def pid(self):
-        """Of the daemon that has served last."""
-        return self.daemon.pid
+        """Of the daemon that was started last."""
+        return int(self.out.split()[-1])
 
     @property
     def restarts(self):
-        return self._starts - 1
-
-    def close(self):
-        self._over.set()
-        self._keeper.join()
-
-    def _keep(self):
-        while not self._over.is_set():
-            daemon = Daemon(**self._options)
-            daemon.may_end = True
-            self.daemon = daemon
-            self._starts += 1
-            wait_until(lambda: self._over.is_set() or not daemon.alive, float("inf"))
+        return len(self.out.split()) - 1

@@ -85,9 +85,8 @@ def volume(make_volume):
 
 @pytest.fixture
 def supervise(log):
-    """supervise(**options of the daemon): support.daemon.Supervisor, with the daemon in it."""
-    with contextlib.ExitStack() as made:
-        yield lambda **options: made.enter_context(contextlib.closing(Supervisor(log, **options)))
+    """supervise(**options of the daemon): support.daemon.Supervisor."""
+    return functools.partial(Supervisor, log)
 
 
 @pytest.fixture
