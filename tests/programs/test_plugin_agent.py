@@ -3,16 +3,17 @@
 
 import concurrent.futures
 import pathlib
+import re
 import signal
 import time
 
 import grpc
 import pytest
 
-from plugin_cmd_pb2 import PluginClient, PluginClientList
+from plugin_cmd_pb2 import PluginClient, PluginClientList, PluginCmd
 from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
 from support.agent import go_to
-from support.calls import (LUN, OTHER_LUN, TCP, depart_done, init_snapshot, mirror_done, start_mirror,
+from support.calls import (LUN, LUN_NAA, OTHER_LUN, TCP, depart_done, init_snapshot, mirror_done, start_mirror,
                            wait_for_depart)
 from support.program import PLUGIN_AGENT, Program, run
 from support.waiting import wait_until
@@ -31,6 +32,7 @@ CONFIG = pathlib.Path("/tmp/agent.toml")
     ("--appliance nas --lun L --fs data", "no absolute path"),
     ("--appliance nas --lun L --fs /run", "lies on /run"),
     ("--appliance nas --lun L --hooks /none", "/none cannot be read"),
+    ("--appliance nas --lun L --hooks /tmp", "/tmp is not used: everybody may write to it"),
     (f"--config {CONFIG}", "INI was not able to parse"),
 ])
 def test_says_what_is_wrong_with_its_options(options, complaint):
@@ -68,7 +70,7 @@ def test_runs_hooks_in_order_and_undoes_in_reverse(daemon, hooks, start_agent):
     assert "30-not-executable is not run: it is not executable" in agent.err
     assert "40-everybodys is not run: everybody may write" in agent.err
     agent.leave()
-    assert not daemon.call.is_listed("host")
+    assert not daemon.call.ask(init_snapshot(LUN), timeout=10)  # which meets no vanished host
 
 
 @pytest.mark.parametrize("hangs", [False, True])
@@ -104,6 +106,22 @@ def test_ignores_luns_of_other_hosts(log, daemon, start_agent):
     assert other.result().success
     daemon.call.whole_handshake()
     assert agent.record()["verdict"] == "crash-consistent"
+
+
+def test_knows_a_lun_by_either_page_and_goes_on_with_its_latest_announcement(daemon, start_agent):
+    start_agent(lun=LUN_NAA)
+    announcement = PluginCmd(init_snapshot_req={"src_lun_p80": LUN, "src_lun_p83": LUN_NAA})
+    for _ in range(2):
+        assert daemon.call.ask(announcement, timeout=10)
+        assert daemon.call.ask(depart_done(LUN))
+
+
+def test_a_thaw_hook_that_fails_is_run_again(daemon, hooks, start_agent):
+    hooks.fail("10-a", "thaw")
+    agent = start_agent("--hooks", hooks.path)
+    daemon.call.whole_handshake()
+    agent.record()
+    assert hooks.take_runs().count("10-a thaw") == 2
 
 
 def test_freezes_one_lun_at_a_time(daemon, hooks, start_agent):
@@ -203,6 +221,8 @@ def test_waits_for_an_appliance_that_is_not_there(start_daemon, start_agent):
     agent = start_agent("--appliance", "no-such-appliance.invalid", serves=False)
     agent.wait_for_err("not subscribed to 127.0.0.1:3265: UNAVAILABLE")
     agent.wait_for_err("no IPv4 address of no-such-appliance.invalid")
+    wait_until(lambda: any(float(seconds) >= 2 for seconds in  # longer each time
+                           re.findall(r"subscribing again in ([0-9.]+) s", agent.err)))
     daemon = start_daemon()
     agent.wait_for_err('subscribed to 127.0.0.1:3265 as "host"')
     agent.leave()

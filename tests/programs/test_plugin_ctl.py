@@ -79,11 +79,12 @@ def test_publishes_every_field_of_a_whole_handshake(log, daemon, expect, start_p
     log.wait_for("Wait for depart relation [")
     expect(["lun", "depart", LUN], 0, verdict("depart_relation_req", LUN, "yes"), "")
     assert wait.wait() == 0
-    expect(["publish", "depart-done", LUN, "--result", "-2", "--p83", LUN_NAA, "--dst-p80", "DP",
-            "--dst-p83", "DN"], 0, verdict("depart_done_req", LUN, "yes"), "")
+    expect(["publish", "depart-done", LUN, "--result", "-2", "--p83", LUN_NAA, "--dst-uuid", "D",
+            "--dst-p80", "DP", "--dst-p83", "DN"], 0, verdict("depart_done_req", LUN, "yes"), "")
     assert host.next_cmd() == PluginCmd(
-        task_id=LUN, depart_done_req=dict(src_lun_p80=LUN, src_lun_p83=LUN_NAA, dst_lun_p80="DP",
-                                          dst_lun_p83="DN", result=-2))
+        task_id=LUN, depart_done_req=dict(src_lun_p80=LUN, src_lun_p83=LUN_NAA, dst_lun_uuid="D",
+                                          dst_lun_p80="DP", dst_lun_p83="DN", result=-2))
+    assert log.count("Start mirror [") == 1
 
 
 # Every verb that makes a call, each with what it needs at least.

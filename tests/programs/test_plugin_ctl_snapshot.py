@@ -1,6 +1,7 @@
 # plugin_ctl snapshot: however it ends, the daemon is left without its hand-shake, and with everybody
 # else's.
 
+import concurrent.futures
 import json
 import os
 import pathlib
@@ -9,8 +10,11 @@ import signal
 import threading
 import time
 
+import grpc
 import pytest
 
+from plugin_cmd_pb2 import PluginCmdResp
+from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
 from support.calls import (LUN, LUN_NAA, REPLICA_LUN, TCP, Caller, depart_relation, init_snapshot,
                            is_mirror_done, start_mirror)
 from support.program import PLUGIN_CTL, exists
@@ -54,7 +58,7 @@ def task_is_there(daemon):
 
 
 NOBODY, STARTS, DEPARTS = {"starts": False}, {"departs": False}, {}
-HANG = 'sleep 1000 & echo "child $!."; wait'
+HANG = '(trap "" TERM; exec sleep 1000) & echo "child $!."; wait'
 
 
 @pytest.mark.parametrize("options, host, interrupted_in, all_outcomes, status, told, err", [
@@ -141,18 +145,32 @@ def test_goes_on_with_a_lun_that_needs_no_mirror(daemon, snapshot):
     assert outcomes(tool) == "DONE DONE SKIPPED DONE SKIPPED DONE"
 
 
-def test_a_signal_in_the_first_moment_waits_for_the_refusal(log, daemon, snapshot):
-    host = daemon.subscribe("esx")
-    somebody = daemon.call.begin(init_snapshot(LUN))
-    host.next_cmd()
-    for i in range(20):
-        tool = snapshot()
-        time.sleep(i / 1000)  # any moment will do
-        tool.signal(signal.SIGINT)
-        assert tool.wait() in (1, 5, -signal.SIGINT)
-        assert log.count("Depart relation done") == 0
-    assert task_is_there(daemon)
-    assert somebody.result().success
+class RefusingDaemon(PluginServiceServicer):
+    """Takes its time to say no."""
+
+    def __init__(self):
+        self.asked, self.told, self.answers = [], threading.Event(), threading.Event()
+
+    def Publish(self, request, context):
+        self.asked.append((request.WhichOneof("cmd_body"), context.time_remaining()))
+        self.told.set()
+        self.answers.wait()
+        return PluginCmdResp(success=False)
+
+
+def test_a_signal_in_the_first_moment_waits_for_the_refusal(snapshot):
+    daemon, server = RefusingDaemon(), grpc.server(concurrent.futures.ThreadPoolExecutor(4))
+    add_PluginServiceServicer_to_server(daemon, server)
+    server.add_insecure_port(TCP)
+    server.start()
+    tool = snapshot("-t", TCP)
+    assert daemon.told.wait(PATIENCE)
+    tool.signal(signal.SIGINT)
+    time.sleep(0.3)  # it goes on all the while
+    daemon.answers.set()
+    assert tool.wait() == 1
+    (asked, time_left), = daemon.asked
+    assert asked == "init_snapshot_req" and time_left > 60
 
 
 @pytest.mark.slow
