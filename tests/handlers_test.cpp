@@ -1,6 +1,6 @@
 // The eight handlers: verdict, state, log lines; and who waits for whom.
 
-#include <grpcpp/generic/generic_stub.h>
+#include <grpcpp/impl/client_unary_call.h>
 #include <gtest/gtest.h>
 
 #include <future>
@@ -185,15 +185,13 @@ TEST_F(Handlers, AStateIsReadWhileItsTaskIsLocked) {
 // Requests byte by byte, as another program may send them.
 TEST_F(Handlers, OnlyWhatIsHandledAndCanBeReadIsCarriedOut) {
   const auto answer_to = [&](const std::string& method, const std::string& bytes) {
+    const std::string path = "/vexo.scsiplugin.PluginService/" + method;
+    const grpc::internal::RpcMethod rpc(path.c_str(), grpc::internal::RpcMethod::NORMAL_RPC);
     const grpc::Slice slice(bytes);
-    const grpc::ByteBuffer request(&slice, 1);
-    grpc::ByteBuffer response;
     grpc::ClientContext context;
-    const auto end = std::make_shared<std::promise<grpc::Status>>();
-    grpc::GenericStub stub(dial());
-    stub.UnaryCall(&context, "/vexo.scsiplugin.PluginService/" + method, {}, &request, &response,
-                   [end](const grpc::Status& status) { end->set_value(status); });
-    const grpc::Status status = end->get_future().get();
+    grpc::ByteBuffer response;
+    const auto status = grpc::internal::BlockingUnaryCall(dial().get(), rpc, &context,
+                                                          grpc::ByteBuffer(&slice, 1), &response);
     EXPECT_TRUE(status.error_code() != grpc::CANCELLED || status.error_message().empty());
     return status.error_code();
   };
@@ -312,17 +310,17 @@ TEST_F(Handlers, ASlowConfigurationHoldsUpTheTaskTableAndNothingElse) {
   for (const std::string key : {"K", "gone"}) set_task(key, TASK_CREATED);
   set_task("mirrored", TASK_MIRROR_STARTED);
   set_task("departing", TASK_DEPART_STARTED);
-  std::promise<void> held;
-  std::promise<void> go_on;
-  the_conf().in_next_load([&] {
-    held.set_value();
-    go_on.get_future().wait();
+  const auto held = std::make_shared<std::promise<void>>();
+  const auto go_on = std::make_shared<std::promise<void>>();
+  the_conf().in_next_load([held, go_on] {
+    held->set_value();
+    go_on->get_future().wait();
   });
   const auto lun_op = [this](const LunCmd& cmd) {
     return std::async(std::launch::async, [this, cmd] { return caller(dial()).lun_op(cmd); });
   };
   auto slow = lun_op(is_mirror_done("K", LUN_TYPE_80));
-  held.get_future().wait();
+  held->get_future().wait();
 
   EXPECT_TRUE(call->publish(mirror_done("mirrored")));
   EXPECT_TRUE(call->publish(wait_for_depart("departing")));
@@ -340,7 +338,7 @@ TEST_F(Handlers, ASlowConfigurationHoldsUpTheTaskTableAndNothingElse) {
   EXPECT_EQ(state_of("gone"), TASK_CREATED);
   EXPECT_EQ(state_of("new"), kNoTask);
 
-  go_on.set_value();
+  go_on->set_value();
   EXPECT_FALSE(slow.get());
   EXPECT_TRUE(started.get());
   EXPECT_TRUE(departed.get());

@@ -11,21 +11,20 @@ std::ostream& operator<<(std::ostream& out, const log_line& line) {
 }
 
 void log_sink::add(const log_line& line) {
-  std::function<void(const log_line&)> look;
   {
     const std::lock_guard lock(mutex_);
     lines_.push_back(line);
-    look = look_;
     added_.notify_all();
   }
-  if (look) look(line);
+  const std::lock_guard looking(look_mutex_);
+  if (look_) look_(line);
 }
 
 std::shared_ptr<void> log_sink::watch(std::function<void(const log_line&)> look) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(look_mutex_);
   look_ = std::move(look);
   return {this, [this](void*) {
-            const std::lock_guard unset(mutex_);
+            const std::lock_guard unset(look_mutex_);
             look_ = nullptr;
           }};
 }

@@ -33,14 +33,15 @@ class log_sink {
   // Whether it came, waiting up to kPatience for it.
   bool wait_for(const log_line& line) const;
 
-  // Has `look` called by whoever logs a line, with the line, before the call that logs it goes on.
-  // Until the result is gone, which must not be before those calls are.
+  // Calls `look` with each line, one at a time, on the thread that logs it and before that goes
+  // on, until the result is destroyed. `look` must not log. One watch at a time.
   std::shared_ptr<void> watch(std::function<void(const log_line&)> look);
 
  private:
   mutable std::mutex mutex_;
   mutable std::condition_variable added_;
   std::vector<log_line> lines_;
+  std::mutex look_mutex_;  // held while looking, so that a watch ends after that
   std::function<void(const log_line&)> look_;
 };
 
