@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,9 +43,13 @@ bool has_ended(pid_t pid) noexcept {
          info.si_pid != 0;
 }
 
-[[noreturn]] void become(const exec_image& image, int null_fd, int output_fd,
-                         int announce_fd) noexcept {
+[[noreturn]] void become(const exec_image& image, int null_fd, int output_fd, int announce_fd,
+                         pid_t parent_to_die_with) noexcept {
   setpgid(0, 0);
+  if (parent_to_die_with != 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent_to_die_with) _exit(127);
+  }
   if (announce_fd >= 0) {
     child_announcement announcement;
     announcement.pid = getpid();
@@ -89,9 +94,11 @@ std::string child_output::text() const {
   return text;
 }
 
-pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd) noexcept {
+pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd,
+                  bool dies_with_us) noexcept {
+  const pid_t parent = dies_with_us ? getpid() : 0;
   const pid_t pid = fork();
-  if (pid == 0) become(image, null_fd, output_fd, announce_fd);
+  if (pid == 0) become(image, null_fd, output_fd, announce_fd, parent);
   if (pid > 0) setpgid(pid, pid);  // whoever of the two comes first
   return pid;
 }

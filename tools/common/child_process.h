@@ -55,8 +55,10 @@ class child_output {
 // `null_fd`, stdout and stderr to `output_fd`. With `announce_fd` not -1 the child sends an
 // announcement with its own id down that socket before it becomes the program, so that whoever
 // listens knows of it however the parent ends. Returns its id, or -1 with errno set. A program that
-// cannot be started exits with 127.
-pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd) noexcept;
+// cannot be started exits with 127. With `dies_with_us` the program, though not what it starts, is
+// killed when the calling thread ends.
+pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd,
+                  bool dies_with_us = false) noexcept;
 
 // What a child sends down `announce_fd`. `kind` leads every message on that socket.
 struct child_announcement {

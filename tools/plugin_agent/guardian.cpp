@@ -15,6 +15,7 @@
 
 #include "plugin_agent/file_system.h"
 #include "plugin_agent/memory_lock.h"
+#include "plugin_agent/survival.h"
 
 namespace vexo::tools {
 
@@ -74,7 +75,11 @@ struct watched_hook {
 class watch {
  public:
   watch(const guardian_plan& plan, int socket)
-      : plan_(plan), socket_(socket), deadline_(plan.deadline), code_(loaded_code()) {
+      : plan_(plan),
+        socket_(socket),
+        deadline_(plan.deadline),
+        hooks_oom_score_(oom_score()),
+        code_(loaded_code()) {
     for (const int root : plan.file_systems) file_systems_.push_back({root, false, 0});
     for (const auto& image : plan.thaw_hooks) hooks_.push_back({&image, false, false});
     null_ = unique_fd(open_null());
@@ -125,6 +130,7 @@ class watch {
   const guardian_plan& plan_;
   const int socket_;
   steady_clock::time_point deadline_;
+  const int hooks_oom_score_;
   std::vector<memory_range> code_;
   std::vector<watched_file_system> file_systems_;
   std::vector<watched_hook> hooks_;
@@ -154,6 +160,7 @@ void watch::settle() noexcept {
   pthread_sigmask(SIG_SETMASK, &all, nullptr);
   setsid();  // out of reach of a terminal's Ctrl-C and of signals to the agent's process group
   prctl(PR_SET_NAME, "agent_guardian");
+  set_oom_score(kGuardianOomScore);
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     dup2(null_.get(), standard);
   }
@@ -267,7 +274,9 @@ void watch::run_due_hooks() noexcept {
   for (std::size_t i = hooks_.size(); i-- > 0;) {
     if (!hooks_[i].due) continue;
     hooks_[i].due = false;
+    set_oom_score(hooks_oom_score_);
     const pid_t pid = start_child(*hooks_[i].thaw, null_.get(), null_.get(), -1);
+    set_oom_score(kGuardianOomScore);
     if (pid < 0) continue;
     if (await_child(pid, steady_clock::now() + plan_.hook_timeout) || kill_child_group(pid)) {
       reap_child(pid);

@@ -106,8 +106,11 @@ hook_run hook_runner::run(const hook& which, const std::string& phase, milliseco
   const exec_image image({which.path, phase}, environment_);
   const child_output output(kOutputKept);
   const auto start = steady_clock::now();
-  const pid_t pid = start_child(image, null_.get(), output.fd(),
-                                watcher == nullptr ? -1 : watcher->announce_fd());
+  // A guardian takes care of freeze hooks, and a thaw hook is to go on. Nobody else would end a
+  // prepare hook that hangs when the agent has been killed.
+  const pid_t pid =
+      start_child(image, null_.get(), output.fd(), watcher == nullptr ? -1 : watcher->announce_fd(),
+                  phase == "prepare");
   if (pid < 0)
     throw std::system_error(errno, std::generic_category(), "start of hook " + which.name);
 

@@ -1,6 +1,7 @@
 // A host's plugin: subscribes to appliances and brings this host to rest for their snapshots.
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <optional>
@@ -12,6 +13,7 @@
 #include "plugin_agent/freeze_turn.h"
 #include "plugin_agent/options.h"
 #include "plugin_agent/recovery.h"
+#include "plugin_agent/survival.h"
 
 namespace vexo::tools {
 namespace {
@@ -22,7 +24,9 @@ using std::chrono::steady_clock;
 constexpr std::chrono::seconds kTurnTime{75};
 constexpr std::chrono::milliseconds kTurnLook{50};
 
+// The log is held, since it may lead to what is still frozen.
 void thaw_what_was_left(const agent_options& options, interrupt& stop) {
+  const log_hold hold;
   const auto deadline = steady_clock::now() + kTurnTime;
   for (bool said = false; !stop.requested(); said = true) {
     const auto turn = freeze_turn::try_take(options.run_dir);
@@ -34,7 +38,7 @@ void thaw_what_was_left(const agent_options& options, interrupt& stop) {
           options.run_dir);
     }
     if (turn || overdue) return thaw_left_behind(options.run_dir, options.hook_timeout);
-    if (!said) agent_log().info("another freeze on this host is under way; waiting for its end");
+    if (!said) agent_log().info("another freeze on this host was under way; waited for its end");
     stop.wait({}, steady_clock::now() + kTurnLook);
   }
 }
@@ -56,6 +60,9 @@ int main(int argc, char** argv) {
   using namespace vexo::tools;
   // Hooks and guardians are forked while gRPC is at work, and never use it themselves.
   setenv("GRPC_ENABLE_FORK_SUPPORT", "0", 1);  // NOLINT(concurrency-mt-unsafe): no threads yet
+  // A log that nobody reads any more is no reason to leave, least of all without unsubscribing.
+  std::signal(SIGPIPE, SIG_IGN);
+  yield_lowest_oom_score();
   try {
     exit_code end = exit_code::done;
     if (const auto options = parse_agent_options(argc, argv, end)) {

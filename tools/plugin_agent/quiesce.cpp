@@ -61,6 +61,7 @@ void quiesce::begin() {
     guardian_plan_.deadline = deadline_ + kGuardianGrace;
     guardian_plan_.turn_fd = turn_->fd();
     watcher_.emplace(guardian_plan_);
+    no_core_dump_.emplace();
   } catch (const std::runtime_error& error) {
     throw quiesce_error(error.what());
   }
@@ -133,6 +134,7 @@ void quiesce::end() {
   watcher_->dismiss(sure);
   frozen_for_ = std::chrono::ceil<milliseconds>(clock::now() - start_);
   if (sure) turn_->remove_record();
+  no_core_dump_.reset();
   turn_.reset();
   hold_.reset();
   if (guardian_thawed) throw quiesce_error("the guardian has thawed the host");

@@ -12,6 +12,7 @@
 #include "plugin_agent/freeze_turn.h"
 #include "plugin_agent/guardian.h"
 #include "plugin_agent/hooks.h"
+#include "plugin_agent/survival.h"
 
 namespace vexo::tools {
 
@@ -80,6 +81,7 @@ class quiesce {
   std::vector<file_system> file_systems_;
   guardian_plan guardian_plan_;  // the guardian reads it in its own process
   std::optional<guardian> watcher_;
+  std::optional<without_core_dump> no_core_dump_;
   std::size_t hooks_started_ = 0;
   std::vector<const file_system*> frozen_;
   clock::time_point start_;

@@ -59,6 +59,7 @@ void run_thaw_hook(hook_runner& runner, const std::string& path,
 void thaw_left_behind(const std::string& run_dir, std::chrono::milliseconds hook_timeout) {
   const auto record = read_freeze_record(run_dir);
   if (!record) return;
+  const log_hold hold;  // the log may lead to what is still frozen
   bool all_thawed = true;
   for (std::size_t i = record->file_systems.size(); i-- > 0;) {
     all_thawed = thaw(record->file_systems[i]) && all_thawed;
