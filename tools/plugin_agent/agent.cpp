@@ -1,7 +1,7 @@
 #include "plugin_agent/agent.h"
 
-#include <algorithm>
 #include <exception>
+#include <string>
 #include <utility>
 
 #include "common/command_fields.h"
@@ -24,7 +24,9 @@ agent::agent(const agent_options& options) : options_(options) {
   }
 }
 
-agent::~agent() { unsubscribe(); }
+agent::~agent() {
+  for (const auto& one : subscriptions_) one->begin_to_leave();
+}
 
 void agent::run(interrupt& stop) {
   constexpr auto kForever = std::chrono::steady_clock::time_point::max();
@@ -47,7 +49,6 @@ void agent::run(interrupt& stop) {
       for (const auto& one : running_) one.shake->stop_now();
     }
   }
-  unsubscribe();
 }
 
 void agent::on_command(const std::shared_ptr<appliance>& where, const PluginCmd& command) {
@@ -75,33 +76,41 @@ void agent::on_command(const std::shared_ptr<appliance>& where, const PluginCmd&
 void agent::begin(const std::shared_ptr<appliance>& where, const PluginCmd& command) {
   const std::lock_guard lock(mutex_);
   if (leaving_) return;
-  try {
-    running next = {where, std::make_shared<handshake>(options_, where, command), {}};
-    // The daemon announces a LUN again only when its former hand-shake is over.
-    const auto former = std::find_if(running_.begin(), running_.end(), [&](const auto& one) {
-      return one.where == where && one.shake->lun() == next.shake->lun();
-    });
-    std::thread before;
-    if (former != running_.end()) {
-      former->shake->superseded();
-      before = std::move(former->thread);
-      running_.erase(former);
-    }
-    running_.push_back(std::move(next));
-    running_.back().thread =
-        std::thread([this, shake = running_.back().shake, before = std::move(before)]() mutable {
-          if (before.joinable()) before.join();
-          shake->run();
-          changed_.raise();
-        });
-  } catch (const std::exception& error) {
-    agent_log().error("LUN {}: no hand-shake: {}", printable(command.task_id()), error.what());
+  const std::string& lun = command.init_snapshot_req().src_lun_p80();
+  if (running_.size() >= kMostHandshakes) {
+    agent_log().error("LUN {}: no hand-shake: {} are under way, as many as there may be",
+                      printable(lun), running_.size());
+    return;
   }
+  // The daemon announces a LUN again only when its former hand-shake is over.
+  std::shared_ptr<handshake> former;
+  for (const auto& one : running_) {
+    if (one.where == where && one.shake->lun() == lun) former = one.shake;
+  }
+  if (former) former->superseded();
+  try {
+    auto& next =
+        running_.emplace_back(where, std::make_shared<handshake>(options_, where, command));
+    next.thread = std::thread([this, shake = next.shake, former = std::move(former)] {
+      if (former) former->wait_until_over();
+      shake->run();
+      changed_.raise();
+    });
+  } catch (const std::exception& error) {
+    if (!running_.empty() && !running_.back().thread.joinable()) running_.pop_back();
+    agent_log().error("LUN {}: no hand-shake: {}", printable(lun), error.what());
+  }
+}
+
+agent::running::~running() {
+  if (!thread.joinable()) return;
+  shake->stop_now();
+  thread.join();
 }
 
 void agent::join_ended() {
   changed_.take();
-  std::list<running> ended;
+  std::list<running> ended;  // joined when the lock is free again
   {
     const std::lock_guard lock(mutex_);
     for (auto one = running_.begin(); one != running_.end();) {
@@ -110,19 +119,11 @@ void agent::join_ended() {
       one = next;
     }
   }
-  for (auto& one : ended) one.thread.join();
 }
 
 bool agent::all_ended() {
   const std::lock_guard lock(mutex_);
   return running_.empty();
-}
-
-void agent::unsubscribe() {
-  std::vector<std::thread> leaving;
-  for (auto& one : subscriptions_) leaving.emplace_back([&one] { one.reset(); });
-  for (auto& thread : leaving) thread.join();
-  subscriptions_.clear();
 }
 
 }  // namespace vexo::tools

@@ -1,10 +1,12 @@
 #ifndef TOOLS_PLUGIN_AGENT_AGENT_H_
 #define TOOLS_PLUGIN_AGENT_AGENT_H_
 
+#include <cstddef>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/event.h"
@@ -19,6 +21,10 @@ namespace vexo::tools {
 // The agent: a subscription at each appliance, and a thread for every hand-shake that they bring.
 class agent {
  public:
+  // Hand-shakes at once: more than a host has LUNs whose snapshots are taken at the same time, and
+  // few enough for the unit's TasksMax=. The next one is refused.
+  static constexpr std::size_t kMostHandshakes = 64;
+
   explicit agent(const agent_options& options);
   ~agent();
   agent(const agent&) = delete;
@@ -30,8 +36,15 @@ class agent {
 
  private:
   struct running {
-    std::shared_ptr<appliance> where;
-    std::shared_ptr<handshake> shake;
+    running(std::shared_ptr<appliance> appliance, std::shared_ptr<handshake> handshake)
+        : where(std::move(appliance)), shake(std::move(handshake)) {}
+    // Blocks until the hand-shake, which is told to give up, is over.
+    ~running();
+    running(const running&) = delete;
+    running& operator=(const running&) = delete;
+
+    const std::shared_ptr<appliance> where;
+    const std::shared_ptr<handshake> shake;
     std::thread thread;
   };
 
@@ -39,12 +52,11 @@ class agent {
   void begin(const std::shared_ptr<appliance>& where, const scsiplugin::PluginCmd& command);
   void join_ended();
   bool all_ended();
-  void unsubscribe();
 
   const agent_options& options_;
   event changed_;  // raised when a hand-shake has ended
   std::mutex mutex_;
-  std::list<running> running_;  // under mutex_
+  std::list<running> running_;  // under mutex_; those of one LUN in the order in which they came
   bool leaving_ = false;        // under mutex_
   std::vector<std::unique_ptr<subscription>> subscriptions_;
 };

@@ -53,8 +53,9 @@ handshake::handshake(const agent_options& options, std::shared_ptr<const applian
       runner_(hook_environment(options, *appliance_, command_)) {}
 
 void handshake::run() {
-  agent_log().info("LUN {}: snapshot announced by {}", printable(lun()), appliance_->name());
   try {
+    agent_log().info("LUN {}: snapshot announced by {}", printable(lun()), appliance_->name());
+    wait_or_give_up(milliseconds(0));
     take_part();
   } catch (const std::exception& error) {
     verdict_ = "failed";
@@ -66,6 +67,7 @@ void handshake::run() {
     agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), verdict_, error.what());
   }
   over_ = true;
+  over_.notify_all();
 }
 
 void handshake::take_part() {

@@ -43,6 +43,7 @@ class handshake {
 
   // Whether run() is through.
   bool over() const { return over_; }
+  void wait_until_over() const { over_.wait(false); }
   const std::string& lun() const { return command_.init_snapshot_req().src_lun_p80(); }
 
  private:

@@ -1,5 +1,6 @@
 #include "plugin_agent/subscription.h"
 
+#include <exception>
 #include <utility>
 
 #include "common/channel.h"
@@ -73,7 +74,7 @@ subscription::subscription(std::shared_ptr<appliance> where, PluginClient self, 
       thread_(&subscription::run, this) {}
 
 subscription::~subscription() {
-  stop_.raise();
+  begin_to_leave();
   thread_.join();
 }
 
@@ -82,7 +83,12 @@ bool subscription::pause(milliseconds time) const { return wait_for(stop_, stop_
 void subscription::run() {
   for (;;) {
     const auto start = steady_clock::now();
-    const std::string how_it_ended = subscribe_once();
+    std::string how_it_ended;
+    try {
+      how_it_ended = subscribe_once();
+    } catch (const std::exception& error) {
+      how_it_ended = std::string("not subscribed: ") + error.what();  // no thread, or no descriptor
+    }
     if (pause(milliseconds(0))) return;
     const auto wait =
         backoff_.next(std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));

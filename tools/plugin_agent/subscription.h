@@ -22,8 +22,10 @@ class subscription {
 
   // `receive` is called on another thread, one command at a time, and must not block.
   subscription(std::shared_ptr<appliance> where, scsiplugin::PluginClient self, on_command receive);
-  // Unsubscribes. Blocks for some seconds when the appliance does not answer.
+  // Unsubscribes. Blocks for some seconds when the appliance does not answer; begin_to_leave() has
+  // it done beforehand, for all appliances at once.
   ~subscription();
+  void begin_to_leave() { stop_.raise(); }
   subscription(const subscription&) = delete;
   subscription& operator=(const subscription&) = delete;
 
