@@ -24,6 +24,11 @@ struct file_system {
 // would freeze the file system below it. Throws std::runtime_error with a sentence for the user.
 std::vector<file_system> open_file_systems(const std::vector<std::string>& mount_points);
 
+// The type of the file system mounted at `path`, if it is known to have no freeze; otherwise empty.
+// The rest shows with the first freeze: FIFREEZE cannot be tried without being done, and FITHAW
+// would end somebody else's. Throws std::runtime_error.
+std::string type_that_cannot_be_frozen(const std::string& path);
+
 // The device of the file system that `path` lies on. Throws std::system_error.
 dev_t device_of(const std::string& path);
 

@@ -10,6 +10,7 @@
 #include <map>
 #include <stdexcept>
 
+#include "common/number_option.h"
 #include "common/text.h"
 #include "plugin_agent/file_system.h"
 #include "plugin_agent/freeze_turn.h"
@@ -49,6 +50,7 @@ milliseconds from_seconds(double seconds) { return milliseconds(std::llround(sec
 struct words {
   std::vector<std::string> appliances;
   std::string type = "unknown";
+  std::optional<std::string> hooks_dir;
   double max_freeze = 30;
   double poll = 1;
   double hook_timeout = 10;
@@ -72,23 +74,27 @@ void declare(CLI::App& app, agent_options& options, words& given) {
   app.add_option("--lun", options.luns,
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
                  "\"any\" takes part in every snapshot");
-  app.add_option("--hooks", options.hooks_dir, "Directory of the hooks")->type_name("DIR");
+  app.add_option("--hooks", given.hooks_dir, "Directory of the hooks")->type_name("DIR");
   app.add_option("--fs", options.mount_points,
                  "Mount point of a file system that the agent freezes itself (repeatable)")
       ->type_name("DIR");
   app.add_option("--max-freeze", given.max_freeze,
                  "Seconds after which the host is thawed whatever the appliance does")
-      ->check(CLI::Range(0.1, kLongestFreeze))
+      ->check(number_between(0.1, kLongestFreeze))
+      ->type_name("SECONDS")
       ->capture_default_str();
   app.add_option("--poll", given.poll, "Seconds between two questions to the appliance")
-      ->check(CLI::Range(0.05, 60.0))
+      ->check(number_between(0.05, 60.0))
+      ->type_name("SECONDS")
       ->capture_default_str();
   app.add_option("--hook-timeout", given.hook_timeout, "Seconds that one hook may take")
-      ->check(CLI::Range(0.1, 600.0))
+      ->check(number_between(0.1, 600.0))
+      ->type_name("SECONDS")
       ->capture_default_str();
   app.add_option("--max-mirror", given.max_mirror,
                  "Seconds after which a mirror that is never done is given up")
-      ->check(CLI::Range(1.0, 86400.0 * 30))
+      ->check(number_between(1.0, 86400.0 * 30))
+      ->type_name("SECONDS")
       ->capture_default_str();
   app.add_option("--run-dir", options.run_dir, "Where the record of a freeze is kept; on a tmpfs")
       ->type_name("DIR")
@@ -108,28 +114,33 @@ endpoint parse_appliance(const std::string& text) {
   return parsed;
 }
 
-void refuse_control_characters(const std::string& option, const std::string& value) {
-  if (std::any_of(value.begin(), value.end(),
-                  [](unsigned char c) { return c < ' ' || c == 127; })) {
-    throw std::invalid_argument(option + " " + printable(value) + " has control characters");
+void check_mount_point(const std::string& path, const agent_options& options) {
+  if (std::any_of(path.begin(), path.end(), [](unsigned char c) { return c < ' ' || c == 127; })) {
+    throw std::invalid_argument("--fs " + path + " has control characters");
+  }
+  if (!path.starts_with('/')) throw std::invalid_argument("--fs " + path + " is no absolute path");
+  dev_t device = 0;
+  try {
+    device = open_file_systems({path}).front().device;
+  } catch (const std::runtime_error& error) {
+    throw std::invalid_argument("--fs " + std::string(error.what()) +
+                                "; mount it first, or name a mount point as findmnt shows it");
+  }
+  if (device == device_of(options.run_dir)) {
+    throw std::invalid_argument("--run-dir " + options.run_dir + " lies on " + path +
+                                ", which is to be frozen; name a directory on a tmpfs");
+  }
+  if (const auto type = type_that_cannot_be_frozen(path); !type.empty()) {
+    throw std::invalid_argument("--fs " + path + ": a file system of type " + type +
+                                " cannot be frozen; leave it out, and bring what is on it to rest "
+                                "with a hook");
   }
 }
 
 void check_freeze(const agent_options& options) {
   if (!options.freezes()) return;
   make_run_directory(options.run_dir);
-  const dev_t run_device = device_of(options.run_dir);
-  // A volume may be mounted later, so one that is missing now is no usage error.
-  for (const auto& mount_point : options.mount_points) {
-    refuse_control_characters("--fs", mount_point);
-    if (!mount_point.starts_with('/')) {
-      throw std::invalid_argument("--fs " + mount_point + " is no absolute path");
-    }
-    if (access(mount_point.c_str(), F_OK) == 0 && device_of(mount_point) == run_device) {
-      throw std::invalid_argument("--run-dir " + options.run_dir + " lies on " + mount_point +
-                                  ", which is to be frozen; name a directory on a tmpfs");
-    }
-  }
+  for (const auto& mount_point : options.mount_points) check_mount_point(mount_point, options);
   if (!options.hooks_dir.empty()) list_hooks(options.hooks_dir);
 }
 
@@ -153,7 +164,14 @@ void convert(agent_options& options, const words& given) {
   if (options.luns.empty() && !options.any_lun) {
     throw std::invalid_argument("--lun is required: the LUNs this host uses, or \"any\"");
   }
+  if (std::find(options.luns.begin(), options.luns.end(), "") != options.luns.end()) {
+    throw std::invalid_argument("--lun is empty: name a LUN this host uses, or \"any\"");
+  }
   if (!is_utf8(options.plugin_id)) throw std::invalid_argument("--plugin-id is not UTF-8");
+  if (given.hooks_dir && given.hooks_dir->empty()) {
+    throw std::invalid_argument("--hooks is empty: name a directory, or leave it out");
+  }
+  options.hooks_dir = given.hooks_dir.value_or("");
   check_freeze(options);
 }
 
@@ -166,6 +184,22 @@ bool agent_options::concerns(const scsiplugin::InitSnapshotReq& request) const {
            lun == request.src_lun_uuid();
   });
 }
+
+namespace {
+
+// An option that is not on the command line stands in the file, if there is one: what is wrong is
+// then looked for there.
+std::string complaint(const std::string& what, const CLI::App& app, int argc, char** argv) {
+  const auto* const config = app.get_config_ptr();
+  if (config->count() == 0) return what;
+  const std::string option = what.substr(0, what.find_first_of(" :"));
+  const bool on_command_line = std::any_of(argv, argv + argc, [&](const std::string word) {
+    return word == option || word.starts_with(option + "=");
+  });
+  return on_command_line ? what : config->as<std::string>() + ": " + what;
+}
+
+}  // namespace
 
 std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_code& end) {
   CLI::App app(
@@ -180,10 +214,12 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
     app.parse(argc, argv);
     convert(options, given);
     return options;
-  } catch (const CLI::ParseError& error) {
-    end = app.exit(error) == 0 ? exit_code::done : exit_code::usage;
+  } catch (const CLI::Success& help_or_version) {
+    app.exit(help_or_version);
+    end = exit_code::done;
   } catch (const std::exception& error) {
-    std::cerr << "plugin_agent: " << error.what() << "\nRun with --help for more information.\n";
+    std::cerr << "plugin_agent: " << printable(complaint(error.what(), app, argc, argv))
+              << "\nRun with --help for more information.\n";
     end = exit_code::usage;
   }
   return std::nullopt;

@@ -1,0 +1,29 @@
+#ifndef TOOLS_COMMON_NUMBER_OPTION_H_
+#define TOOLS_COMMON_NUMBER_OPTION_H_
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <sstream>
+#include <string>
+
+namespace vexo::tools {
+
+// For an option's check(): a number from `least` to `most`, both included, and nothing else. The
+// parser's own range lets "nan" through.
+inline CLI::Validator number_between(double least, double most) {
+  std::ostringstream range;
+  range << least << " to " << most;
+  return CLI::Validator(
+      [least, most, text = range.str()](const std::string& given) -> std::string {
+        double number = 0;
+        const auto* const end = given.data() + given.size();
+        const auto [rest, error] = std::from_chars(given.data(), end, number);
+        if (error == std::errc() && rest == end && number >= least && number <= most) return "";
+        return "\"" + given + "\" is no number from " + text;
+      },
+      "[" + range.str() + "]");
+}
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_COMMON_NUMBER_OPTION_H_
