@@ -56,8 +56,14 @@ TEST(Text, CannotSteerATerminal) {
       {"\xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80", R"(\xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80)"},
       {"\xe2\x82", R"(\xe2\x82)"},
       {std::string("\0", 1), R"(\x00)"},
+      {"\xe2\x80\xae \xe2\x81\xa6 \xd8\x9c \xe2\x80\xa8",
+       R"(\xe2\x80\xae \xe2\x81\xa6 \xd8\x9c \xe2\x80\xa8)"},  // bidirectional, and a line's end
+      {"\xe2\x80\x9c\xe2\x80\xa7\xe2\x81\xa5", "\xe2\x80\x9c\xe2\x80\xa7\xe2\x81\xa5"},
   };
-  for (const auto& [text, shown] : cases) EXPECT_EQ(printable(text), shown);
+  for (const auto& [text, shown] : cases) {
+    EXPECT_EQ(printable(text), shown);
+    EXPECT_EQ(printable(shown), shown);
+  }
   for (const char* good : {"", "a", "\xc3\xbc", "\xe0\xa0\x80", "\xf4\x8f\xbf\xbf"}) {
     EXPECT_TRUE(is_utf8(good)) << printable(good);
   }

@@ -1,7 +1,5 @@
 #include "common/errors.h"
 
-#include "common/text.h"
-
 namespace vexo::tools {
 
 namespace {
@@ -70,8 +68,9 @@ std::string next_step(const endpoint& where, grpc::StatusCode code) {
 
 }  // namespace
 
-std::string problem::text() const {
-  return printable(tried) + "\n  came back: " + printable(came_back) + "\n  next:      " + next;
+shown_text problem::text() const {
+  return printable(tried) + "\n  came back: " + printable(came_back) +
+         "\n  next:      " + printable(next);
 }
 
 exit_code exit_code_of(const grpc::Status& status) {

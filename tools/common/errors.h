@@ -8,6 +8,7 @@
 
 #include "common/endpoint.h"
 #include "common/exit_codes.h"
+#include "common/text.h"
 
 namespace vexo::tools {
 
@@ -18,22 +19,24 @@ struct problem {
   std::string came_back;  // "UNAVAILABLE: Connection refused"
   std::string next;       // "start the daemon, or ..."
 
-  // Several lines without a newline at the end; control characters of foreign text made visible.
-  std::string text() const;
+  // Several lines without a newline at the end.
+  shown_text text() const;
 };
 
 // Carries a problem to main, which prints it and exits with its code.
 class tool_error : public std::runtime_error {
  public:
-  explicit tool_error(const problem& what) : std::runtime_error(what.text()), code(what.code) {}
+  explicit tool_error(const problem& what)
+      : std::runtime_error(what.text().str()), code(what.code), text(what.text()) {}
   exit_code code;
+  shown_text text;
 };
 
 // `done` for OK. CANCELLED counts as any other status here: that a signal was the cause is known
 // only to whoever watched it.
 exit_code exit_code_of(const grpc::Status& status);
 
-// "DEADLINE_EXCEEDED: Deadline Exceeded"
+// "DEADLINE_EXCEEDED: Deadline Exceeded", in the other side's words.
 std::string status_text(const grpc::Status& status);
 
 // A call that did not end with OK. `what` names it as the user knows it.

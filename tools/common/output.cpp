@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
+#include <utility>
 
 #include "common/errors.h"
-#include "common/text.h"
 
 namespace vexo::tools {
 
@@ -24,7 +24,7 @@ std::size_t width(std::string_view text) {
 
 }  // namespace
 
-std::string to_json(const google::protobuf::Message& message) {
+shown_text to_json(const google::protobuf::Message& message) {
   google::protobuf::util::JsonPrintOptions options;
   options.preserve_proto_field_names = true;
   options.always_print_primitive_fields = true;
@@ -34,7 +34,7 @@ std::string to_json(const google::protobuf::Message& message) {
     throw tool_error({exit_code::failed, "writing the answer as JSON", status.ToString(),
                       "ask again with -o table"});
   }
-  return json;
+  return already_escaped(std::move(json));
 }
 
 bool is_lively(int fd) {
@@ -43,11 +43,11 @@ bool is_lively(int fd) {
 }
 
 void table::add(std::vector<std::string> cells) {
-  for (std::string& cell : cells) cell = cell.empty() ? "\"\"" : printable(cell);
+  for (std::string& cell : cells) cell = cell.empty() ? "\"\"" : printable(cell).str();
   rows_.push_back(std::move(cells));
 }
 
-std::string table::text() const {
+shown_text table::text() const {
   std::vector<std::size_t> widths(rows_.front().size());
   for (const auto& row : rows_) {
     for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
@@ -60,10 +60,11 @@ std::string table::text() const {
     }
     text += '\n';
   }
-  return text;
+  return already_escaped(std::move(text));
 }
 
-void print(const std::string& text) {
+void print(const shown_text& shown) {
+  const std::string& text = shown;
   if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) {
     return;
   }

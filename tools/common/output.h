@@ -7,12 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "common/text.h"
+
 namespace vexo::tools {
 
 enum class output_format { table, json };
 
-// One line without a newline: members named as in the schema, zero values included.
-std::string to_json(const google::protobuf::Message& message);
+// One line without a newline: members named as in the schema, zero values included, and text as the
+// JSON library escapes it.
+shown_text to_json(const google::protobuf::Message& message);
 
 // Whether colour, moving lines and repainting are welcome on this descriptor: a terminal, and
 // NO_COLOR unset or empty.
@@ -27,7 +30,7 @@ class table {
   void add(std::vector<std::string> cells);
   std::size_t size() const { return rows_.size() - 1; }
   // Every line ends with a newline.
-  std::string text() const;
+  shown_text text() const;
 
  private:
   std::vector<std::vector<std::string>> rows_;
@@ -35,7 +38,7 @@ class table {
 
 // Writes to stdout and flushes. Throws tool_error when stdout takes no more (closed pipe, full
 // disk), so that nobody mistakes half a result for a whole one.
-void print(const std::string& text);
+void print(const shown_text& text);
 
 }  // namespace vexo::tools
 

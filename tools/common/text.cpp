@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <utility>
 
 namespace vexo::tools {
 
@@ -32,11 +33,21 @@ std::size_t utf8_length(std::string_view text) {
   return length;
 }
 
-// C0 and C1 controls and DEL.
-bool is_control(std::string_view sequence) {
-  const auto first = static_cast<unsigned char>(sequence[0]);
-  if (sequence.size() == 1) return first < 0x20 || first == 0x7F;
-  return first == 0xC2 && static_cast<unsigned char>(sequence[1]) < 0xA0;
+// The character that a well-formed sequence stands for.
+char32_t decoded(std::string_view sequence) {
+  const auto lead = static_cast<unsigned char>(sequence[0]);
+  char32_t character = sequence.size() == 1 ? lead : lead & (0x7FU >> sequence.size());
+  for (const char c : sequence.substr(1)) {
+    character = character << 6 | (static_cast<unsigned char>(c) & 0x3FU);
+  }
+  return character;
+}
+
+// C0 and C1 controls and DEL; line and paragraph separators; the marks, embeddings, overrides and
+// isolates of bidirectional text.
+bool is_control(char32_t c) {
+  return c < 0x20 || (c >= 0x7F && c < 0xA0) || (c >= 0x2028 && c <= 0x202E) || c == 0x061C ||
+         c == 0x200E || c == 0x200F || (c >= 0x2066 && c <= 0x2069);
 }
 
 }  // namespace
@@ -50,13 +61,13 @@ bool is_utf8(std::string_view text) {
   return true;
 }
 
-std::string printable(std::string_view text) {
+shown_text printable(std::string_view text) {
   constexpr char kHex[] = "0123456789abcdef";
   std::string shown;
   while (!text.empty()) {
     const std::size_t length = utf8_length(text);
     const std::string_view sequence = text.substr(0, std::max<std::size_t>(length, 1));
-    if (length > 0 && !is_control(sequence)) {
+    if (length > 0 && !is_control(decoded(sequence))) {
       shown += sequence;
     } else {
       for (const char c : sequence) {
@@ -66,6 +77,12 @@ std::string printable(std::string_view text) {
     }
     text.remove_prefix(sequence.size());
   }
+  return already_escaped(std::move(shown));
+}
+
+shown_text already_escaped(std::string text) {
+  shown_text shown;
+  shown.text_ = std::move(text);
   return shown;
 }
 

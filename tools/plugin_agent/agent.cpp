@@ -70,7 +70,7 @@ void agent::on_command(const std::shared_ptr<appliance>& where, const PluginCmd&
     }
     return;
   }
-  agent_log().debug("{} ignored", command_name(command));
+  agent_log().debug("{} ignored", printable(command_name(command)));
 }
 
 void agent::begin(const std::shared_ptr<appliance>& where, const PluginCmd& command) {
@@ -98,7 +98,7 @@ void agent::begin(const std::shared_ptr<appliance>& where, const PluginCmd& comm
     });
   } catch (const std::exception& error) {
     if (!running_.empty() && !running_.back().thread.joinable()) running_.pop_back();
-    agent_log().error("LUN {}: no hand-shake: {}", printable(lun), error.what());
+    agent_log().error("LUN {}: no hand-shake: {}", printable(lun), printable(error.what()));
   }
 }
 

@@ -63,6 +63,7 @@ class holding_sink : public spdlog::sinks::base_sink<std::mutex> {
 struct loggers {
   std::shared_ptr<holding_sink> sink = std::make_shared<holding_sink>();
   spdlog::logger plain{"plugin_agent", sink};
+  line_log lines{plain};
   spdlog::logger record{kRecordLogger, sink};
 
   loggers() {
@@ -70,7 +71,7 @@ struct loggers {
     gpr_set_log_function([](gpr_log_func_args* line) {
       agent_log().log(
           line->severity == GPR_LOG_SEVERITY_ERROR ? spdlog::level::warn : spdlog::level::debug,
-          "gRPC: {}", line->message);
+          "gRPC: {}", printable(line->message));
     });
   }
 };
@@ -83,9 +84,9 @@ loggers& all() {
 
 }  // namespace
 
-spdlog::logger& agent_log() { return all().plain; }
+line_log& agent_log() { return all().lines; }
 
-void log_record(const std::string& json) { all().record.info("{}", json); }
+void log_record(const shown_text& json) { all().record.info("{}", json); }
 
 log_hold::log_hold() { all().sink->hold(); }
 

@@ -3,15 +3,70 @@
 
 #include <spdlog/logger.h>
 
-#include <string>
+#include <cstddef>
+#include <string_view>
+#include <type_traits>
+
+#include "common/text.h"
+
+template <>
+struct fmt::formatter<vexo::tools::shown_text> : fmt::formatter<std::string_view> {
+  template <class Context>
+  auto format(const vexo::tools::shown_text& text, Context& context) const {
+    return fmt::formatter<std::string_view>::format(text.str(), context);
+  }
+};
 
 namespace vexo::tools {
 
-// The agent's log: a line each on stderr, gRPC's own included. Any thread may log.
-spdlog::logger& agent_log();
+template <class T>
+inline constexpr bool is_loggable = std::is_arithmetic_v<T> || std::is_same_v<T, shown_text>;
+template <std::size_t N>
+inline constexpr bool is_loggable<char[N]> = true;  // a literal
+
+// The agent's log: a line each on stderr, gRPC's own included. Any thread may log. Takes numbers,
+// literals and shown_text, since what appliances, hooks and file systems are called is theirs to
+// choose.
+class line_log {
+ public:
+  explicit line_log(spdlog::logger& to) : to_(to) {}
+
+  template <class... Args>
+  void log(spdlog::level::level_enum level, spdlog::format_string_t<const Args&...> form,
+           const Args&... args) {
+    static_assert((is_loggable<Args> && ...), "text goes through printable() first");
+    to_.log(level, form, args...);
+  }
+  template <class... Args>
+  void debug(spdlog::format_string_t<const Args&...> form, const Args&... args) {
+    log<Args...>(spdlog::level::debug, form, args...);
+  }
+  template <class... Args>
+  void info(spdlog::format_string_t<const Args&...> form, const Args&... args) {
+    log<Args...>(spdlog::level::info, form, args...);
+  }
+  template <class... Args>
+  void warn(spdlog::format_string_t<const Args&...> form, const Args&... args) {
+    log<Args...>(spdlog::level::warn, form, args...);
+  }
+  template <class... Args>
+  void error(spdlog::format_string_t<const Args&...> form, const Args&... args) {
+    log<Args...>(spdlog::level::err, form, args...);
+  }
+  template <class... Args>
+  void critical(spdlog::format_string_t<const Args&...> form, const Args&... args) {
+    log<Args...>(spdlog::level::critical, form, args...);
+  }
+  void set_level(spdlog::level::level_enum level) { to_.set_level(level); }
+
+ private:
+  spdlog::logger& to_;
+};
+
+line_log& agent_log();
 
 // A line that is one JSON object and nothing else, for programs that read the log.
-void log_record(const std::string& json);
+void log_record(const shown_text& json);
 
 // While one of these lives, what is logged stays in memory; then it is written. stderr may lead to
 // a file system that is frozen, be it through a pipe and another program's hands.

@@ -54,7 +54,8 @@ handshake::handshake(const agent_options& options, std::shared_ptr<const applian
 
 void handshake::run() {
   try {
-    agent_log().info("LUN {}: snapshot announced by {}", printable(lun()), appliance_->name());
+    agent_log().info("LUN {}: snapshot announced by {}", printable(lun()),
+                     printable(appliance_->name()));
     wait_or_give_up(milliseconds(0));
     take_part();
   } catch (const std::exception& error) {
@@ -64,7 +65,8 @@ void handshake::run() {
   try {
     write_record();
   } catch (const std::exception& error) {
-    agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), verdict_, error.what());
+    agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), printable(verdict_),
+                      printable(error.what()));
   }
   over_ = true;
   over_.notify_all();
@@ -73,7 +75,7 @@ void handshake::run() {
 void handshake::take_part() {
   if (!options_.hooks_dir.empty()) hooks_ = list_hooks(options_.hooks_dir);
   for (const auto& [name, reason] : hooks_.refused) {
-    agent_log().warn("hook {} is not run: {}", printable(name), reason);
+    agent_log().warn("hook {} is not run: {}", printable(name), printable(reason));
   }
   plan_ = {options_.mount_points, hooks_.usable, options_.max_freeze, options_.hook_timeout};
   prepare();
@@ -207,7 +209,8 @@ std::string handshake::verdict() const {
 void handshake::write_record() {
   for (const auto& run : runs_) {
     if (!run.output.empty()) {
-      agent_log().info("hook {} {}: {}", printable(run.name), run.phase, printable(run.output));
+      agent_log().info("hook {} {}: {}", printable(run.name), printable(run.phase),
+                       printable(run.output));
     }
   }
   HandshakeRecord record;

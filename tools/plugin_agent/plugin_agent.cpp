@@ -1,5 +1,7 @@
 // A host's plugin: subscribes to appliances and brings this host to rest for their snapshots.
 
+#include <grpc/grpc.h>
+
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -35,7 +37,7 @@ void thaw_what_was_left(const agent_options& options, interrupt& stop) {
       agent_log().warn(
           "the other freeze lasts longer than any may (see who has {}/lock open); "
           "thawing it",
-          options.run_dir);
+          printable(options.run_dir));
     }
     if (turn || overdue) return thaw_left_behind(options.run_dir, options.hook_timeout);
     if (!said) agent_log().info("another freeze on this host was under way; waited for its end");
@@ -49,6 +51,8 @@ exit_code run(const agent_options& options, interrupt& stop) {
     thaw_what_was_left(options, stop);
     if (options.thaw_and_exit) return exit_code::done;
   }
+  // For good: gRPC's own end waits for the threads that it could not start.
+  grpc_init();
   agent(options).run(stop);
   return exit_code::done;
 }
@@ -71,7 +75,7 @@ int main(int argc, char** argv) {
     }
     return static_cast<int>(end);
   } catch (const std::exception& error) {
-    agent_log().critical("{}", error.what());
+    agent_log().critical("{}", printable(error.what()));
     return static_cast<int>(exit_code::failed);
   }
 }

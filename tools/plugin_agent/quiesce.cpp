@@ -152,8 +152,8 @@ quiesce::thaw_outcome quiesce::thaw_file_systems() {
       outcome.already_thawed = one.mount_point;
     } else if (error != 0) {
       outcome.sure = false;
-      agent_log().error("{} cannot be thawed: {}; try \"fsfreeze --unfreeze {}\"", one.mount_point,
-                        errno_text(error), one.mount_point);
+      agent_log().error("{0} cannot be thawed: {1}; try \"fsfreeze --unfreeze {0}\"",
+                        printable(one.mount_point), printable(errno_text(error)));
     }
   }
   return outcome;
@@ -167,7 +167,8 @@ bool quiesce::thaw_hooks() {
       runs_.push_back(runner_.run(plan_.hooks[i], "thaw", plan_.hook_timeout, nullptr));
       all_ok = all_ok && runs_.back().ok();
     } catch (const std::system_error& error) {
-      agent_log().error("thaw hook {}: {}", plan_.hooks[i].name, error.what());
+      agent_log().error("thaw hook {}: {}", printable(plan_.hooks[i].name),
+                        printable(error.what()));
       all_ok = false;
     }
   }

@@ -19,19 +19,21 @@ bool thaw(const freeze_record::frozen& left) {
   try {
     const auto opened = open_file_systems({left.mount_point});
     if (opened.front().device != left.device) {
-      agent_log().warn("{} is another file system now; not thawed", left.mount_point);
+      agent_log().warn("{} is another file system now; not thawed", printable(left.mount_point));
       return true;
     }
     const int error = thaw_file_system(opened.front().root.get());
     if (error == 0) {
-      agent_log().warn("{} was left frozen by an earlier agent; thawed", left.mount_point);
+      agent_log().warn("{} was left frozen by an earlier agent; thawed",
+                       printable(left.mount_point));
     } else if (error != EINVAL) {
-      agent_log().error("{} cannot be thawed: {}; try \"fsfreeze --unfreeze {}\"", left.mount_point,
-                        std::generic_category().message(error), left.mount_point);
+      agent_log().error("{0} cannot be thawed: {1}; try \"fsfreeze --unfreeze {0}\"",
+                        printable(left.mount_point),
+                        printable(std::generic_category().message(error)));
       return false;
     }
   } catch (const std::runtime_error& error) {
-    agent_log().warn("left behind by an earlier agent, and gone: {}", error.what());
+    agent_log().warn("left behind by an earlier agent, and gone: {}", printable(error.what()));
   }
   return true;
 }
@@ -44,13 +46,13 @@ void run_thaw_hook(hook_runner& runner, const std::string& path,
     for (const auto& usable : list_hooks(file.parent_path()).usable) {
       if (usable.name != name) continue;
       const hook_run run = runner.run(usable, "thaw", timeout, nullptr);
-      agent_log().warn("ran hook {} thaw after an earlier agent: exit code {}", name,
+      agent_log().warn("ran hook {} thaw after an earlier agent: exit code {}", printable(name),
                        run.exit_code);
       return;
     }
-    agent_log().warn("hook {} of an earlier agent is not there to thaw", path);
+    agent_log().warn("hook {} of an earlier agent is not there to thaw", printable(path));
   } catch (const std::runtime_error& error) {
-    agent_log().error("hook {} of an earlier agent: {}", path, error.what());
+    agent_log().error("hook {} of an earlier agent: {}", printable(path), printable(error.what()));
   }
 }
 

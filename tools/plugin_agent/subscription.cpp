@@ -92,7 +92,7 @@ void subscription::run() {
     if (pause(milliseconds(0))) return;
     const auto wait =
         backoff_.next(std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));
-    agent_log().warn("{}; subscribing again in {:.1f} s", how_it_ended,
+    agent_log().warn("{}; subscribing again in {:.1f} s", printable(how_it_ended),
                      std::chrono::duration<double>(wait).count());
     if (pause(wait)) return;
   }
@@ -122,7 +122,7 @@ std::string subscription::subscribe_once() {
     return "not subscribed to " + name + ": " + status_text(call.status());
   }
   return "the subscription to " + name + " was ended there: another plugin subscribed as \"" +
-         printable(self_.plugin_id()) + "\", or somebody unsubscribed it (give each agent a " +
+         self_.plugin_id() + "\", or somebody unsubscribed it (give each agent a " +
          "--plugin-id of its own)";
 }
 
@@ -135,8 +135,9 @@ bool subscription::confirm(const stream& call) {
     status = appliance_->stub()->PluginConnList(&context, google::protobuf::Empty(), &list);
     for (const auto& listed : list.list()) {
       if (listed.plugin_id() != self_.plugin_id()) continue;
-      agent_log().info("subscribed to {} as \"{}\", seen there as {}", appliance_->name(),
-                       printable(self_.plugin_id()), listed.ip());
+      agent_log().info("subscribed to {} as \"{}\", seen there as {}",
+                       printable(appliance_->name()), printable(self_.plugin_id()),
+                       printable(listed.ip()));
       return true;
     }
     if (wait_for(stop_, call.ended, pause_before_next)) return true;
@@ -145,7 +146,7 @@ bool subscription::confirm(const stream& call) {
   agent_log().warn(
       "subscribing to {}, but it does not list this host ({}); its daemon may be stuck "
       "on a vanished subscriber: see \"plugin_ctl probe\" there",
-      appliance_->name(), status_text(status));
+      printable(appliance_->name()), printable(status_text(status)));
   return true;
 }
 
@@ -169,10 +170,10 @@ void subscription::leave(stream& call) {
     wait_for(call.ended, never, std::chrono::hours(1));
   }
   if (status.ok()) {
-    agent_log().info("unsubscribed from {}", appliance_->name());
+    agent_log().info("unsubscribed from {}", printable(appliance_->name()));
   } else {
-    agent_log().warn("left {} without being able to unsubscribe: {}", appliance_->name(),
-                     status_text(status));
+    agent_log().warn("left {} without being able to unsubscribe: {}", printable(appliance_->name()),
+                     printable(status_text(status)));
   }
 }
 

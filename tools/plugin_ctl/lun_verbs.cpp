@@ -137,7 +137,7 @@ void add_naa(CLI::App& lun, session& with) {
                  result.set_uuid(*uuid);
                  result.set_naa(naa_of(*uuid));
                  const bool as_json = with.format == output_format::json;
-                 print((as_json ? to_json(result) : result.naa()) + "\n");
+                 print((as_json ? to_json(result) : printable(result.naa())) + "\n");
                  return exit_code::done;
                });
   add_text(*verb, "UUID", *uuid, "The LUN's UUID, written as the appliance writes it")->required();

@@ -121,13 +121,14 @@ int run(int argc, char** argv) {
   } catch (const CLI::Success& help_or_version) {
     return app.exit(help_or_version);
   } catch (const CLI::ParseError& error) {
-    say(complaint(app, error) + "\n  next:      see " + understood(app) + " --help");
+    say(printable(complaint(app, error)) + "\n  next:      see " + printable(understood(app)) +
+        " --help");
     return static_cast<int>(exit_code::usage);
   }
   try {
     return static_cast<int>(with.action());
   } catch (const tool_error& error) {
-    say(error.what());
+    say(error.text);
     return static_cast<int>(error.code);
   }
 }
@@ -140,7 +141,7 @@ int main(int argc, char** argv) {
   try {
     return vexo::tools::run(argc, argv);
   } catch (const std::exception& error) {
-    vexo::tools::say(std::string("this machine refused: ") + error.what());
+    vexo::tools::say("this machine refused: " + vexo::tools::printable(error.what()));
     return static_cast<int>(vexo::tools::exit_code::failed);
   }
 }

@@ -35,15 +35,15 @@ std::vector<endpoint> chosen_endpoints(const session& with, const probe_options&
   return chosen;
 }
 
-std::string as_line(const ProbeReport& report) {
-  std::string line;
+shown_text as_line(const ProbeReport& report) {
+  shown_text line;
   for (const ProbedEndpoint& probed : report.endpoints()) {
     if (!line.empty()) line += "; ";
-    line += probed.endpoint();
+    line += printable(probed.endpoint());
     if (probed.answers()) {
       std::array<char, 32> text = {};
       std::snprintf(text.data(), text.size(), " answers in %.1f ms", probed.seconds() * 1000);
-      line += text.data();
+      line += printable(text.data());
     } else {
       line += " DOWN (" + printable(probed.error()) + ")";
     }

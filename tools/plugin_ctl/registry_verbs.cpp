@@ -18,7 +18,7 @@ using scsiplugin::PluginClientList;
 constexpr std::chrono::seconds kRepaintEvery{1};
 constexpr char kClearScreen[] = "\x1b[H\x1b[2J";
 
-std::string rendered(const session& with, const PluginClientList& plugins) {
+shown_text rendered(const session& with, const PluginClientList& plugins) {
   if (with.format == output_format::json) return to_json(plugins) + "\n";
   table rows({"PLUGIN ID", "IP", "TYPE"});
   for (const PluginClient& plugin : plugins.list()) {
@@ -38,23 +38,24 @@ exit_code list_once(session& with) {
 // daemon that goes away later on is reported and waited for.
 exit_code list_watch(session& with) {
   const bool repaint = with.format == output_format::table && is_lively(STDOUT_FILENO);
-  std::string shown;
-  std::string shown_error;
+  shown_text shown;
+  shown_text shown_error;
   for (bool first = true;; first = false) {
     try {
-      const std::string now = rendered(with, list_plugins(with));
+      const shown_text now = rendered(with, list_plugins(with));
       if (repaint) {
-        print(kClearScreen + now + "\n" + with.where.text + ", every second; Ctrl-C ends\n");
+        print(kClearScreen + now + "\n" + printable(with.where.text) +
+              ", every second; Ctrl-C ends\n");
       } else if (now != shown) {
         print(now);
       }
       shown = now;
       if (!shown_error.empty()) say("the daemon answers again");
-      shown_error.clear();
+      shown_error = shown_text();
     } catch (const tool_error& error) {
       if (first || error.code != exit_code::unreachable) throw;
-      if (shown_error.empty()) say(error.what() + std::string("; asking on, Ctrl-C ends"));
-      shown_error = error.what();
+      if (shown_error.empty()) say(error.text + "; asking on, Ctrl-C ends");
+      shown_error = error.text;
     }
     if (with.stop.wait({}, std::chrono::steady_clock::now() + kRepaintEvery) !=
         interrupt::wake::timeout) {

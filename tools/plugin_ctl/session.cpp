@@ -26,7 +26,7 @@ problem session::interrupted(const std::string& what, const std::string& next) c
           "nothing before a signal ended the wait", next};
 }
 
-void say(const std::string& text) { std::fprintf(stderr, "plugin_ctl: %s\n", text.c_str()); }
+void say(const shown_text& text) { std::fprintf(stderr, "plugin_ctl: %s\n", text.c_str()); }
 
 exit_code print_verdict(const session& with, const std::string& command, const std::string& id,
                         const google::protobuf::Message& answer, bool success,

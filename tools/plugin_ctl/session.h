@@ -60,7 +60,7 @@ class session {
 };
 
 // One line of talk on stderr, with the program's name before it.
-void say(const std::string& text);
+void say(const shown_text& text);
 
 // Prints the daemon's yes or no to `command` about `id`; a no is explained on stderr by `if_no`,
 // what to do next.

@@ -27,11 +27,13 @@ const char* outcome_text(SnapshotStep::Outcome outcome) {
   }
 }
 
-std::string row(const char* step, const char* outcome, const char* seconds,
-                const std::string& reason) {
+shown_text row(const char* step, const char* outcome, const char* seconds,
+               const std::string& reason) {
   std::array<char, 64> columns = {};
   std::snprintf(columns.data(), columns.size(), "%-15s  %-11s  %8s", step, outcome, seconds);
-  return columns.data() + (reason.empty() ? "" : "  " + printable(reason)) + "\n";
+  shown_text text = printable(columns.data());
+  if (!reason.empty()) text += "  " + printable(reason);
+  return text + "\n";
 }
 
 double in_seconds(std::chrono::milliseconds time) {

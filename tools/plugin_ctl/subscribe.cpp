@@ -89,20 +89,19 @@ std::string now_text() {
 }
 
 // Columns of a table that is never complete.
-std::string command_row(const std::string& time, const std::string& name,
-                        const std::string& fields) {
+shown_text command_row(const std::string& time, const std::string& name, const shown_text& fields) {
   constexpr std::size_t kLongestName = std::string_view("wait_for_depart_req").size();
   std::string row = time + "  " + name;
   row.append(kLongestName - std::min(kLongestName, name.size()) + 2, ' ');
-  return row + fields + "\n";
+  return printable(row) + fields + "\n";
 }
 
-std::string fields_text(const PluginCmd& command) {
-  std::string text;
+shown_text fields_text(const PluginCmd& command) {
+  shown_text text;
   for (const command_field& field : command_fields(command)) {
     if (field.is_zero) continue;
-    if (!text.empty()) text += ' ';
-    text += field.name + "=" + printable(field.value);
+    if (!text.empty()) text += " ";
+    text += printable(field.name) + "=" + printable(field.value);
   }
   return text;
 }
@@ -115,7 +114,7 @@ class subscriber {
   exit_code run() {
     warn_if_nothing_comes();
     if (const auto entry = find_listed()) {
-      say("\"" + self_.plugin_id() + "\" is subscribed already, from " + entry->ip() +
+      say(quoted_id() + " is subscribed already, from " + printable(entry->ip()) +
           ": that subscription ends now");
     }
     if (with_.stop.requested()) return exit_code::interrupted;
@@ -135,7 +134,8 @@ class subscriber {
     if (with_.where.kind == endpoint::family::unix_socket ||
         with_.where.kind == endpoint::family::ipv6) {
       say("warning: the daemon pushes commands to IPv4 peers only, so none will come over " +
-          with_.where.text + "; use --target with an IPv4 address of the appliance, or 127.0.0.1");
+          printable(with_.where.text) +
+          "; use --target with an IPv4 address of the appliance, or 127.0.0.1");
     }
   }
 
@@ -158,8 +158,8 @@ class subscriber {
     const auto deadline = clock::now() + with_.limits().timeout;
     while (clock::now() < deadline && !stream_->status()) {
       if (const auto entry = find_listed()) {
-        say("subscribed to " + with_.where.text + " as \"" + self_.plugin_id() +
-            "\"; Ctrl-C unsubscribes and ends");
+        say("subscribed to " + printable(with_.where.text) + " as " + quoted_id() +
+            "; Ctrl-C unsubscribes and ends");
         if (entry->ip() == "Unknown" && with_.where.kind == endpoint::family::host_name) {
           say("warning: the connection is not over IPv4, so no commands will come; use --target "
               "with an IPv4 address of the appliance");
@@ -200,8 +200,8 @@ class subscriber {
   // The daemon's doing, or the network's.
   exit_code ended(const grpc::Status& status) {
     if (status.ok()) {
-      say("the daemon ended the subscription: \"" + self_.plugin_id() +
-          "\" was unsubscribed, or subscribed anew from elsewhere");
+      say("the daemon ended the subscription: " + quoted_id() +
+          " was unsubscribed, or subscribed anew from elsewhere");
       return exit_code::done;
     }
     problem why = call_problem("Subscribe", with_.where, status);
@@ -228,7 +228,7 @@ class subscriber {
       // A second Ctrl-C changes nothing any more.
       with_.stop.wait({stream_->fd()}, deadline, with_.stop.count());
     }
-    say("unsubscribed \"" + self_.plugin_id() + "\"");
+    say("unsubscribed " + quoted_id());
     return exit_code::interrupted;
   }
 
@@ -239,6 +239,8 @@ class subscriber {
                                      options)
         .status;
   }
+
+  shown_text quoted_id() const { return "\"" + printable(self_.plugin_id()) + "\""; }
 
   std::string leftover() const {
     return "if the daemon still runs, this plugin stays registered there and hangs the next "

@@ -1,0 +1,153 @@
+"""What the host agent withstands: hostile appliances, a log without a reader, and options that cannot work."""
+
+import concurrent.futures
+import os
+import signal
+import subprocess
+import threading
+import unicodedata
+
+import grpc
+import pytest
+from google.protobuf.empty_pb2 import Empty
+
+from lun_cmd_pb2 import LunCmdResp
+from plugin_cmd_pb2 import PluginClient, PluginClientList
+from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
+from support.calls import LUN, TCP, init_snapshot
+from support.program import PLUGIN_AGENT, run
+from support.waiting import PATIENCE, wait_until
+
+MOST_HANDSHAKES = 64
+ESCAPES = "\x1b[2J\r\n{\"verdict\":\"application-consistent\"}\u009b2J\u202e"
+
+
+class Appliance(PluginServiceServicer):
+    """One that pushes what it likes, and answers no LunOp before its deadline."""
+
+    def __init__(self, commands=(), ip="1.2.3.4", refusal=None):
+        self._commands, self._ip, self._refusal = commands, ip, refusal
+        self._subscribers, self._over = [], threading.Event()
+        self._server = grpc.server(concurrent.futures.ThreadPoolExecutor(200))
+        add_PluginServiceServicer_to_server(self, self._server)
+        assert self._server.add_insecure_port(TCP)
+        self._server.start()
+
+    def Subscribe(self, request, context):
+        self._refuse(context)
+        self._subscribers.append(request)
+        yield from self._commands
+        while context.is_active() and request in self._subscribers:
+            self._over.wait(0.01)
+
+    def UnSubscribe(self, request, context):
+        self._subscribers = [each for each in self._subscribers if each.plugin_id != request.plugin_id]
+        return Empty()
+
+    def PluginConnList(self, request, context):
+        self._refuse(context)
+        ids = [each.plugin_id for each in self._subscribers] + [ESCAPES, "watcher"]
+        return PluginClientList(list=[PluginClient(plugin_id=each, ip=self._ip) for each in ids])
+
+    def LunOp(self, request, context):
+        while context.is_active():
+            self._over.wait(0.01)
+        return LunCmdResp()
+
+
+    def _refuse(self, context):
+        if self._refusal:
+            context.abort(grpc.StatusCode.UNKNOWN, self._refusal)
+
+
+def steering(text):
+    """What of it would do something to a terminal, beside the ends of its lines."""
+    return [character for character in text
+            if character != "\n" and unicodedata.category(character) in ("Cc", "Cf", "Zl", "Zp")]
+
+
+def threads_of(program):
+    return len(os.listdir(f"/proc/{program.pid}/task"))
+
+
+@pytest.mark.parametrize("luns", [[LUN] * 600, [f"lun {number}" for number in range(600)]],
+                         ids=["one LUN", "many LUNs"])
+def test_a_flood_of_announcements_is_bounded(start_agent, luns):
+    Appliance([init_snapshot(lun) for lun in luns])
+    agent = start_agent(lun="any")
+    agent.wait_for_err(f"no hand-shake: {MOST_HANDSHAKES} are under way, as many as there may be")
+    assert threads_of(agent) < MOST_HANDSHAKES + 40
+    agent.leave()
+
+
+def test_threads_that_cannot_be_had_end_no_agent(start_agent):
+    Appliance([init_snapshot(f"lun {number}") for number in range(600)])
+    user = 40000 + os.getpid() % 20000
+    agent = start_agent(lun="any", before=("setpriv", f"--reuid={user}", "--clear-groups",
+                                           "prlimit", "--nproc=50"))
+    agent.wait_for_err("no hand-shake: Resource temporarily unavailable")
+    agent.leave()
+
+
+def test_goes_on_when_nobody_reads_its_log(daemon, hooks):
+    hook = hooks.path / "10-signals"
+    hook.write_text("#!/bin/sh\ngrep SigIgn /proc/$$/status >/tmp/ignored\n")
+    hook.chmod(0o755)
+    with subprocess.Popen([PLUGIN_AGENT, "--appliance", "127.0.0.1", "--lun", LUN, "--plugin-id", "host",
+                           "--poll", "0.05", "--hooks", hooks.path], stderr=subprocess.PIPE) as agent:
+        daemon.call.wait_until_listed("host")
+        agent.stderr.close()
+        daemon.call.whole_handshake()
+        daemon.call.whole_handshake()
+        agent.send_signal(signal.SIGTERM)
+        assert agent.wait(PATIENCE) == 0
+    assert not daemon.call.is_listed("host")
+    with open("/tmp/ignored", encoding="ascii") as ignored:
+        assert int(ignored.read().split()[1], 16) == 0
+
+
+@pytest.mark.parametrize("refusal", [None, ESCAPES], ids=["list", "status"])
+def test_text_from_the_wire_steers_no_log_and_no_terminal(start_agent, start_plugin_ctl, refusal):
+    Appliance([init_snapshot(ESCAPES), init_snapshot(LUN)], ip=ESCAPES, refusal=refusal)
+    agent = start_agent(serves=False)
+    tools = [start_plugin_ctl("--target", TCP, *verb) for verb in (["list"], ["subscribe", "watcher"])]
+    agent.wait_for_err("not subscribed" if refusal else "snapshot announced")
+    wait_until(lambda: all(r"\x1b[2J" in each.out + each.err for each in tools))
+    agent.signal(signal.SIGTERM)
+    agent.wait()
+    assert r"\x1b[2J" in agent.err
+    for each in (agent, *tools):
+        assert not steering(each.out + each.err)
+        assert not any(line.startswith('{"verdict') for line in (each.out + each.err).splitlines())
+
+
+@pytest.mark.parametrize("option, value, complaint", [
+    *((name, "nan", "is no number from") for name in ("max-freeze", "poll", "hook-timeout", "max-mirror")),
+    *(("max-freeze", value, "is no number from 0.1 to 60") for value in ("inf", "-1", "61")),
+    ("lun", "", "--lun is empty"),
+    ("hooks", "", "--hooks is empty"),
+    ("hooks", "/none", "/none cannot be read"),
+    ("hooks", "/etc/passwd", "/etc/passwd cannot be read"),
+    ("fs", "", "is no absolute path"),
+    ("fs", "/none", "mount it first"),
+    ("fs", "/usr/bin", "nothing is mounted there; mount it first"),
+    ("fs", "/proc", "a file system of type proc cannot be frozen"),
+    ("fs", "/tmp", "a file system of type tmpfs cannot be frozen"),
+])
+def test_refuses_what_cannot_work_before_it_subscribes(option, value, complaint):
+    command = [PLUGIN_AGENT, "--appliance", "127.0.0.1"]
+    lun = [] if option == "lun" else ["--lun", LUN]
+    given = run(*command, *lun, *([f"--{option}={value}"] if value else [f"--{option}", value]))
+    assert given.status == 2 and complaint in given.err, given.err
+    with open("/tmp/agent.toml", "w", encoding="ascii") as file:
+        file.write(f'{option} = ["{value}"]\n')
+    in_file = run(*command, *lun, "--config", "/tmp/agent.toml")
+    assert in_file.status == 2 and complaint in in_file.err, in_file.err
+    assert "plugin_agent: /tmp/agent.toml: " in in_file.err
+
+
+def test_refuses_a_run_directory_that_cannot_be_used(hooks):
+    hooks.add("10-a")
+    refused = run(PLUGIN_AGENT, "--appliance", "127.0.0.1", "--lun", LUN, "--hooks", hooks.path, "--run-dir",
+                  "/proc/none")
+    assert refused.status == 2 and "/proc/none cannot be used" in refused.err, refused.err
