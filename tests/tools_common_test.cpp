@@ -61,8 +61,8 @@ TEST(Text, CannotSteerATerminal) {
       {"\xe2\x80\x9c\xe2\x80\xa7\xe2\x81\xa5", "\xe2\x80\x9c\xe2\x80\xa7\xe2\x81\xa5"},
   };
   for (const auto& [text, shown] : cases) {
-    EXPECT_EQ(printable(text), shown);
-    EXPECT_EQ(printable(shown), shown);
+    EXPECT_EQ(printable(text).str(), shown);
+    EXPECT_EQ(printable(shown).str(), shown);
   }
   for (const char* good : {"", "a", "\xc3\xbc", "\xe0\xa0\x80", "\xf4\x8f\xbf\xbf"}) {
     EXPECT_TRUE(is_utf8(good)) << printable(good);
@@ -77,7 +77,7 @@ TEST(Table, LinesUpByCharacters) {
   table rows({"ID", "IP"});
   rows.add({"M\xc3\xbcnchen", "1.2.3.4"});
   rows.add({"", "x\ny"});
-  EXPECT_EQ(rows.text(), "ID       IP\nM\xc3\xbcnchen  1.2.3.4\n\"\"       x\\x0ay\n");
+  EXPECT_EQ(rows.text().str(), "ID       IP\nM\xc3\xbcnchen  1.2.3.4\n\"\"       x\\x0ay\n");
 }
 
 TEST(CommandEnvironment, HoldsEveryFieldAndOnlyThoseOfTheBodyThatIsSet) {

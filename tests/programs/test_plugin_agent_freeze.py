@@ -152,10 +152,12 @@ def test_does_not_call_a_freeze_its_own_that_somebody_else_ended(daemon, volume,
     assert agent.record()["reason"] == f"somebody else has thawed {volume.path}"
 
 
-def test_refuses_a_path_that_nothing_is_mounted_at(daemon, volume, start_agent):
-    unmounted = volume.path / "directory"
-    unmounted.mkdir()
-    agent = start_agent("--fs", unmounted)
+def test_refuses_a_path_that_nothing_is_mounted_at_any_more(daemon, volume, start_agent):
+    bound = pathlib.Path("/tmp/bound")
+    bound.mkdir()
+    assert run("mount", "--bind", volume.path, bound).status == 0
+    agent = start_agent("--fs", bound)
+    assert run("umount", bound).status == 0
     assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
     assert "nothing is mounted there" in agent.record()["reason"]
     agent.leave()

@@ -35,7 +35,6 @@ class shown_text {
     return a + b.text_;
   }
   friend bool operator==(const shown_text&, const shown_text&) = default;
-  friend bool operator==(const shown_text& a, std::string_view b) { return a.text_ == b; }
   friend std::ostream& operator<<(std::ostream& out, const shown_text& text) {
     return out << text.text_;
   }
