@@ -123,8 +123,8 @@ void check_mount_point(const std::string& path, const agent_options& options) {
   try {
     device = open_file_systems({path}).front().device;
   } catch (const std::runtime_error& error) {
-    throw std::invalid_argument("--fs " + std::string(error.what()) +
-                                "; mount it first, or name a mount point as findmnt shows it");
+    throw std::runtime_error("--fs " + std::string(error.what()) +
+                             "; mount it first, or name a mount point as findmnt shows it");
   }
   if (device == device_of(options.run_dir)) {
     throw std::invalid_argument("--run-dir " + options.run_dir + " lies on " + path +
@@ -210,6 +210,12 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   options.plugin_id = host_name();
   words given;
   declare(app, options, given);
+  const auto complain = [&](const std::exception& error, exit_code why) {
+    std::cerr << "plugin_agent: " << printable(complaint(error.what(), app, argc, argv))
+              << "\nRun with --help for more information.\n";
+    end = why;
+    return std::nullopt;
+  };
   try {
     app.parse(argc, argv);
     convert(options, given);
@@ -217,12 +223,15 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   } catch (const CLI::Success& help_or_version) {
     app.exit(help_or_version);
     end = exit_code::done;
+    return std::nullopt;
+  } catch (const CLI::Error& error) {
+    return complain(error, exit_code::usage);
+  } catch (const std::invalid_argument& error) {
+    return complain(error, exit_code::usage);
   } catch (const std::exception& error) {
-    std::cerr << "plugin_agent: " << printable(complaint(error.what(), app, argc, argv))
-              << "\nRun with --help for more information.\n";
-    end = exit_code::usage;
+    // A volume or a directory that is not there: it may be, the next time.
+    return complain(error, exit_code::failed);
   }
-  return std::nullopt;
 }
 
 }  // namespace vexo::tools

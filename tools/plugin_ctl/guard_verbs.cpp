@@ -6,6 +6,7 @@
 #include <memory>
 #include <system_error>
 
+#include "common/number_option.h"
 #include "common/text.h"
 #include "guard.h"
 #include "guard_status.h"
@@ -107,13 +108,13 @@ void add_guard(CLI::App& app, session& with) {
         return run_guard(with, checked_options(with, *words, (*status_file)->count() > 0));
       });
   verb->add_option("--interval", words->interval, "How often to look for vanished hosts")
-      ->check(CLI::Range(0.01, 3600.0))
+      ->check(number_between(0.01, 3600.0))
       ->type_name("SECONDS")
       ->capture_default_str();
   verb->add_option("--fail-after", words->fail_after,
                    "How long an endpoint has to fail without a break before the daemon is ended; "
                    "a host that has stalled can make it stand still for 20")
-      ->check(CLI::Range(1.0, 3600.0))
+      ->check(number_between(1.0, 3600.0))
       ->type_name("SECONDS")
       ->capture_default_str();
   verb->add_flag("--no-kill", words->no_kill, "Only reports");
