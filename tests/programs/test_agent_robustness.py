@@ -128,6 +128,7 @@ def test_text_from_the_wire_steers_no_log_and_no_terminal(start_agent, start_plu
     (2, "lun", "", "--lun is empty"),
     (2, "hooks", "", "--hooks is empty"),
     (4, "hooks", "/none", "/none cannot be read"),
+    (4, "hooks", "/tmp", "/tmp is not used: everybody may write to it"),
     (4, "hooks", "/etc/passwd", "/etc/passwd cannot be read"),
     (2, "fs", "", "is no absolute path"),
     (4, "fs", "/none", "mount it first"),

@@ -27,12 +27,9 @@ CONFIG = pathlib.Path("/tmp/agent.toml")
     ("--appliance [::1] --lun L", "IPv4 peers only"),
     ("--appliance unix:///tmp/s --lun L", "IPv4 peers only"),
     ("--appliance nas:70000 --lun L", "port"),
-    ("--appliance nas --lun L --max-freeze 61", "--max-freeze"),
     ("--appliance nas --lun L --type os2", "--type"),
     ("--appliance nas --lun L --fs data", "no absolute path"),
     ("--appliance nas --lun L --fs /run", "lies on /run"),
-    ("--appliance nas --lun L --hooks /none", "/none cannot be read"),
-    ("--appliance nas --lun L --hooks /tmp", "/tmp is not used: everybody may write to it"),
     (f"--config {CONFIG}", "INI was not able to parse"),
 ])
 def test_says_what_is_wrong_with_its_options(options, complaint):
