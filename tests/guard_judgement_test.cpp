@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <vector>
 
 #include "common/unique_fd.h"
 #include "daemon_sockets.h"
@@ -19,105 +20,72 @@ using namespace std::chrono_literals;
 using clock = std::chrono::steady_clock;
 using condition = guard_watch::condition;
 
-constexpr std::size_t kTcp = 0;
-constexpr std::size_t kUnix = 1;
+// What a restart cures is looked at once more before it.
+enum last_look { kTcp, kUnix, kList, kNotCured };
 
 TEST(GuardFindings, OnlyWhatTheProcessDoesIsCuredByItsEnd) {
   const auto now = clock::now();
-  const auto endpoint_is = [](std::size_t at, condition is, bool by_process) {
+  using change = std::function<void(sighting&)>;
+  const auto endpoint_is = [](std::size_t at, condition is, bool by_process) -> change {
     return [=](sighting& seen) {
       seen.endpoints[at].is = is;
       seen.endpoints[at].by_process = by_process;
     };
   };
-  const auto list_is = [&](grpc::StatusCode code) {
+  const auto list_is = [&](grpc::StatusCode code) -> change {
     return [=](sighting& seen) {
       seen.registry.error = "text";
       seen.registry.error_code = code;
       seen.registry.error_since = now;
     };
   };
-  const auto unanswered_for = [&](clock::duration time) {
+  const auto unanswered_for = [&](clock::duration time) -> change {
     return [=](sighting& seen) { seen.registry.unanswered_since = now - time; };
   };
-  const auto both = [](auto one, auto other) {
-    return [=](sighting& seen) {
-      one(seen);
-      other(seen);
-    };
-  };
-  const auto ended = [](sighting& seen) { seen.process_runs = false; };
-  const auto no_endpoint = [&](bool tcp_by_process, bool unix_by_process) {
-    return both(endpoint_is(kTcp, condition::absent, tcp_by_process),
-                endpoint_is(kUnix, condition::absent, unix_by_process));
-  };
-  const auto exhausted = list_is(grpc::StatusCode::RESOURCE_EXHAUSTED);
+  const change tcp_gone = endpoint_is(kTcp, condition::absent, true);
+  const change unix_gone = endpoint_is(kUnix, condition::absent, true);
+  const change tcp_refused = endpoint_is(kTcp, condition::absent, false);
+  const change unix_refused = endpoint_is(kUnix, condition::absent, false);
+  const change exhausted = list_is(grpc::StatusCode::RESOURCE_EXHAUSTED);
+  const change ended = [](sighting& seen) { seen.process_runs = false; };
   const struct {
-    const char* name;
-    std::function<void(sighting&)> change;
+    std::vector<change> changes;
     GuardStatus::State state;
-    bool cured;
-    std::optional<std::size_t> last_look;  // at an endpoint; empty for the list
+    last_look cured;
   } cases[] = {
-      {"TCP dead", endpoint_is(kTcp, condition::silent, true), GuardStatus::DEGRADED, true, kTcp},
-      {"TCP firewalled",
-       endpoint_is(kTcp, condition::silent, false),
-       GuardStatus::DEGRADED,
-       false,
-       {}},
-      {"TCP refused",
-       endpoint_is(kTcp, condition::absent, false),
-       GuardStatus::DEGRADED,
-       false,
-       {}},
-      {"TCP unseen", endpoint_is(kTcp, condition::barred, false), GuardStatus::DEGRADED, false, {}},
-      {"no file left",
-       endpoint_is(kUnix, condition::full, false),
-       GuardStatus::DEGRADED,
-       false,
-       {}},
-      {"socket removed", endpoint_is(kUnix, condition::absent, true), GuardStatus::DEGRADED, true,
-       kUnix},
-      {"... of an ended one",
-       both(ended, endpoint_is(kUnix, condition::absent, true)),
-       GuardStatus::DEGRADED,
-       false,
-       {}},
-      {"listens nowhere", no_endpoint(true, true), GuardStatus::DOWN, true, kTcp},
-      {"lost the unix socket", no_endpoint(false, true), GuardStatus::DOWN, true, kUnix},
-      {"never seen to listen", no_endpoint(false, false), GuardStatus::DOWN, false, {}},
-      {"no daemon", both(ended, no_endpoint(true, true)), GuardStatus::DOWN, false, {}},
-      {"hung", unanswered_for(5s), GuardStatus::DOWN, true, {}},
-      {"slow", unanswered_for(4s), GuardStatus::OK, false, {}},
-      {"hung, unseen process", both(ended, unanswered_for(5s)), GuardStatus::DOWN, false, {}},
-      {"no threads", exhausted, GuardStatus::DOWN, true, {}},
-      {"... and too slow to say so",
-       both(exhausted, unanswered_for(5s)),
-       GuardStatus::DOWN,
-       true,
-       {}},
-      {"something else",
-       list_is(grpc::StatusCode::UNIMPLEMENTED),
-       GuardStatus::DEGRADED,
-       false,
-       {}},
+      {{endpoint_is(kTcp, condition::silent, true)}, GuardStatus::DEGRADED, kTcp},
+      {{endpoint_is(kTcp, condition::silent, false)}, GuardStatus::DEGRADED, kNotCured},
+      {{endpoint_is(kTcp, condition::barred, false)}, GuardStatus::DEGRADED, kNotCured},
+      {{endpoint_is(kUnix, condition::full, false)}, GuardStatus::DEGRADED, kNotCured},
+      {{tcp_refused}, GuardStatus::DEGRADED, kNotCured},
+      {{unix_gone}, GuardStatus::DEGRADED, kUnix},
+      {{ended, unix_gone}, GuardStatus::DEGRADED, kNotCured},
+      {{tcp_gone, unix_gone}, GuardStatus::DOWN, kTcp},
+      {{tcp_refused, unix_gone}, GuardStatus::DOWN, kUnix},
+      {{tcp_refused, unix_refused}, GuardStatus::DOWN, kNotCured},
+      {{ended, tcp_gone, unix_gone}, GuardStatus::DOWN, kNotCured},
+      {{unanswered_for(4s)}, GuardStatus::OK, kNotCured},
+      {{unanswered_for(5s)}, GuardStatus::DOWN, kList},
+      {{ended, unanswered_for(5s)}, GuardStatus::DOWN, kNotCured},
+      {{exhausted}, GuardStatus::DOWN, kList},
+      {{exhausted, unanswered_for(5s)}, GuardStatus::DOWN, kList},
+      {{list_is(grpc::StatusCode::UNIMPLEMENTED)}, GuardStatus::DEGRADED, kNotCured},
   };
-  for (const auto& one : cases) {
-    SCOPED_TRACE(one.name);
+  int number = 0;
+  for (const auto& [changes, state, cured] : cases) {
+    SCOPED_TRACE("case " + std::to_string(number++));
     sighting seen;
     seen.registry.has_asked = true;
     for (auto& endpoint : seen.endpoints) endpoint.is = condition::serving;
     seen.process_runs = true;
     seen.patience = 5s;
-    one.change(seen);
+    for (const auto& each : changes) each(seen);
     const auto found = findings(seen, now);
-    EXPECT_EQ(found.size(), one.state == GuardStatus::OK ? 0U : 1U);
+    ASSERT_EQ(found.size(), state == GuardStatus::OK ? 0U : 1U);
     if (found.empty()) continue;
-    EXPECT_EQ(found[0].state, one.state);
-    EXPECT_EQ(found[0].restart_cures, one.cured);
-    if (one.cured) {
-      EXPECT_EQ(found[0].endpoint, one.last_look);
-    }
+    EXPECT_EQ(found[0].state, state);
+    const auto looked_at = static_cast<last_look>(found[0].endpoint.value_or(kList));
+    EXPECT_EQ(found[0].restart_cures ? looked_at : kNotCured, cured);
   }
 }
 
@@ -163,22 +131,11 @@ TEST(GuardBackOff, PausesFromTheThirdOfAQuickSuccession) {
   const auto start = clock::now();
   guard_back_off back_off;
   EXPECT_LE(back_off.next(), start);
-  const struct {
-    clock::duration ended;   // after the start
-    clock::duration paused;  // from then until the next may be
-  } cases[] = {
-      {0min, 0min},
-      {9min, 1min},
-      {10min, 2min},
-      {12min, 4min},
-      {20min, 8min},
-      {30min, 10min},
-      {40min, 10min},
-      {60min, 10min},
-      {81min, 0min},  // ten minutes beyond the
-                      // pause without one
-      {91min, 1min},
-      {103min, 0min},
+  // When, after the start, one was ended, and how long after it the next may be. Ten minutes beyond
+  // the pause without one, and it begins anew.
+  const std::pair<clock::duration, clock::duration> cases[] = {
+      {0min, 0min},   {9min, 1min},   {10min, 2min}, {12min, 4min}, {20min, 8min},  {30min, 10min},
+      {40min, 10min}, {60min, 10min}, {81min, 0min}, {91min, 1min}, {103min, 0min},
   };
   for (const auto& [ended, paused] : cases) {
     back_off.note(start + ended);
