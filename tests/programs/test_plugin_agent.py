@@ -13,8 +13,8 @@ import pytest
 from plugin_cmd_pb2 import PluginClient, PluginClientList, PluginCmd
 from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
 from support.agent import go_to
-from support.calls import (LUN, LUN_NAA, OTHER_LUN, TCP, depart_done, init_snapshot, mirror_done, start_mirror,
-                           wait_for_depart)
+from support.calls import (LUN, LUN_NAA, OTHER_LUN, TCP, depart_done, init_snapshot, mirror_done,
+                           start_mirror, wait_for_depart)
 from support.program import PLUGIN_AGENT, Program, run
 from support.waiting import wait_until
 
