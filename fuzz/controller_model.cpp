@@ -4,10 +4,8 @@
 
 #include <iterator>
 #include <mutex>
-#include <utility>
 
 #include "fake_conf.h"
-#include "virtual_time.h"
 
 namespace vexo::fuzz {
 
@@ -27,15 +25,10 @@ bool is_free(std::mutex& mutex) {
 
 }  // namespace
 
-host::host(std::string peer, PluginClient sent, grpc::ServerWriter<PluginCmd>* writer)
-    : call(std::move(peer)),
-      request(std::move(sent)),
-      record(std::make_shared<plugin_client>(&call, &request, writer)) {}
-
 std::shared_ptr<hand_shake> controller_model::begin(const std::string& key) {
   const auto existing = find(key);
-  if (existing && the_time().now() - existing->created < std::chrono::seconds(300)) return nullptr;
-  return hand_shakes[key] = std::make_shared<hand_shake>(hand_shake{the_time().now()});
+  if (existing && the_time().now - existing->created < std::chrono::seconds(300)) return nullptr;
+  return hand_shakes[key] = std::make_shared<hand_shake>(hand_shake{the_time().now});
 }
 
 std::shared_ptr<hand_shake> controller_model::find(const std::string& key) const {
@@ -70,7 +63,7 @@ bool controller_model::is_lun_support(const std::string& lun, int type) const {
 }
 
 std::uint32_t controller_model::flags_of(const std::string& lun, int type) const {
-  for (std::size_t i = 0; i < kInventory.size() && !loads_fail; ++i) {
+  for (std::size_t i = 0; i < kInventory.size() && !test::the_conf().fails; ++i) {
     if (type == 1 && lun == kInventory[i].first) return kInventory[i].second;
     if (type == 2 && lun == kNaa[i]) return kInventory[i].second;
   }

@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "fake_call.h"
 #include "fake_conf.h"
+#include "made_up.h"
 #include "plugin_server_ctrl.h"
 
 namespace vexo::fuzz {
@@ -24,19 +24,17 @@ inline const test::fake_conf::luns kInventory = {
 // One subscriber, as a target made it: the call, the request and the record that the controller
 // keeps.
 struct host {
-  host(std::string peer, scsiplugin::PluginClient sent,
-       grpc::ServerWriter<scsiplugin::PluginCmd>* writer);
-
   fake_call call;
   scsiplugin::PluginClient request;
-  std::shared_ptr<scsiplugin::plugin_client> record;
-  std::string ip;         // that the controller must list
+  std::string ip;      // that the controller must list
+  std::size_t stream;  // that its commands come out of
+  std::shared_ptr<scsiplugin::plugin_client> record = nullptr;
   bool released = false;  // a broadcast has met it vanished
 };
 
 // One hand-shake, as it ought to be.
 struct hand_shake {
-  std::chrono::system_clock::time_point created;
+  time_point created;
   std::uint32_t state = scsiplugin::TASK_CREATED;
 };
 
@@ -60,7 +58,6 @@ class controller_model {
 
   std::map<std::string, std::unique_ptr<host>> hosts;
   std::map<std::string, std::shared_ptr<hand_shake>> hand_shakes;
-  bool loads_fail = false;
 
  private:
   // The flags of the LUN; 0, which supports nothing, when it cannot be found.

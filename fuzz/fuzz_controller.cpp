@@ -8,10 +8,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,7 +24,7 @@
 #include "controller_model.h"
 #include "fake_conf.h"
 #include "log_lines.h"
-#include "virtual_time.h"
+#include "made_up.h"
 
 namespace vexo::fuzz {
 namespace {
@@ -40,18 +41,18 @@ const std::pair<std::string, std::string> kPeers[] = {{"ipv4:10.0.0.9:4711", "10
                                                       {"ipv6:%5B::1%5D:40000", "Unknown"},
                                                       {"unix:", "Unknown"},
                                                       {"ipv4:10.0.0.9", "Unknown"}};
+constexpr LunType kTypes[] = {LUN_TYPE_NONE, LUN_TYPE_80, LUN_TYPE_83, static_cast<LunType>(3)};
 constexpr std::chrono::seconds kSpans[] = {1s, 59s, 60s, 300s, -3600s};
 
 command_streams& streams() {
-  static command_streams one_each(std::size(kIds));
+  static command_streams& one_each = *new command_streams(std::size(kIds));
   return one_each;
 }
 
 class script {
  public:
   explicit script(std::string_view text) : rest_(text) {
-    the_time().reset();
-    the_time().meanwhile = [this](auto deadline) { return during_a_wait(deadline); };
+    the_time() = {.meanwhile = [this](auto deadline) { return during_a_wait(deadline); }};
     test::the_conf().reset();
     test::the_conf().set(kInventory);
     test::captured_syslog().clear();
@@ -59,60 +60,24 @@ class script {
 
   // Plays the next call, and all that comes while it waits. False at the end of the script.
   bool step() {
+    static const std::map<char, void (script::*)()> calls = {
+        {'S', &script::subscribe},       {'U', &script::unsubscribe},
+        {'V', &script::vanish},          {'L', &script::list},
+        {'I', &script::init_snapshot},   {'M', &script::mirror_done},
+        {'W', &script::wait_for_depart}, {'D', &script::depart_done},
+        {'s', &script::start_mirror},    {'d', &script::depart_relation},
+        {'m', &script::is_mirror_done},  {'q', &script::is_lun_support},
+        {'E', &script::pass_time},       {'F', &script::change_what_loads_do},
+    };
     if (rest_.empty()) return false;
-    switch (next()) {
-      case 'S':
-        subscribe();
-        break;
-      case 'U':
-        unsubscribe(operand(kIds));
-        break;
-      case 'V':
-        vanish(operand(kIds));
-        break;
-      case 'L':
-        list();
-        break;
-      case 'I':
-        init_snapshot(operand(kKeys));
-        break;
-      case 'M':
-        mirror_done(operand(kKeys));
-        break;
-      case 'W':
-        wait_for_depart(operand(kKeys));
-        break;
-      case 'D':
-        depart_done(operand(kKeys));
-        break;
-      case 's':
-        move(&test::start_mirror, TASK_MIRROR_STARTED, operand(kKeys));
-        break;
-      case 'd':
-        move(&test::depart_relation, TASK_DEPART_STARTED, operand(kKeys));
-        break;
-      case 'm':
-        is_mirror_done();
-        break;
-      case 'q':
-        is_lun_support();
-        break;
-      case 'E':
-        the_time().pass(kSpans[operand(kSpans)]);
-        break;
-      case 'F':
-        fail_loads(!model_.loads_fail);
-        break;
-      default:
-        return true;  // no letter of ours
-    }
+    const auto call = calls.find(next());
+    if (call == calls.end()) return true;  // no letter of ours
+    (this->*call->second)();
     model_.expect_equal(&ctrl_);
     return true;
   }
 
  private:
-  static constexpr int kTypes[] = {0, 1, 2, 3};  // LunType, and a number that is none
-
   char next() {
     if (rest_.empty()) return '0';
     const char c = rest_.front();
@@ -120,33 +85,34 @@ class script {
     return c;
   }
 
-  // The next character's index into `table`: '0' is the first, and any character is one.
+  // What the next character chooses: '0' is the first, and any character is one.
   template <typename T, std::size_t N>
-  std::size_t operand(const T (&/*table*/)[N]) {
-    return static_cast<unsigned char>(next() - '0') % N;
+  const T& operand(const T (&table)[N]) {
+    return table[static_cast<unsigned char>(next() - '0') % N];
   }
 
   // --- Subscribers ---
 
   void subscribe() {
-    const std::size_t id = operand(kIds);
-    const std::size_t peer = operand(kPeers);
+    const std::string& id = operand(kIds);
+    const auto& peer = operand(kPeers);
+    const auto stream = static_cast<std::size_t>(&id - kIds);
     PluginClient request;
-    request.set_plugin_id(kIds[id]);
-    request.set_type(static_cast<PluginClient::Type>(peer));
-    auto added =
-        std::make_unique<host>(kPeers[peer].first, std::move(request), streams().writer(id));
-    added->ip = kPeers[peer].second;
-    const auto replaced = std::exchange(model_.hosts[kIds[id]], std::move(added));
-    ctrl_.add_client(model_.hosts[kIds[id]]->record);
+    request.set_plugin_id(id);
+    request.set_type(static_cast<PluginClient::Type>(&peer - kPeers));
+    std::unique_ptr<host> added(new host{fake_call(peer.first), request, peer.second, stream});
+    added->record =
+        std::make_shared<plugin_client>(&added->call, &added->request, streams().writer(stream));
+    const auto replaced = std::exchange(model_.hosts[id], std::move(added));
+    ctrl_.add_client(model_.hosts[id]->record);
     if (replaced) expect_let_go(*replaced);
   }
 
-  void unsubscribe(std::size_t id) {
+  void unsubscribe() {
     PluginClient request;
-    request.set_plugin_id(kIds[id]);
+    request.set_plugin_id(operand(kIds));
     auto client = ctrl_.get_client(request);
-    const auto found = model_.hosts.find(kIds[id]);
+    const auto found = model_.hosts.find(request.plugin_id());
     ASSERT_EQ(client != nullptr, found != model_.hosts.end());
     if (!client) return;
     client->release();
@@ -163,9 +129,9 @@ class script {
     EXPECT_FALSE(gone.record->running);
   }
 
-  void vanish(std::size_t id) {
-    const auto found = model_.hosts.find(kIds[id]);
-    if (found != model_.hosts.end()) found->second->call.cancel();
+  void vanish() {
+    const auto found = model_.hosts.find(operand(kIds));
+    if (found != model_.hosts.end()) found->second->call.cancelled = true;
   }
 
   void list() {
@@ -173,130 +139,125 @@ class script {
     ctrl_.list_clients(&listed);
     int alive = 0;
     for (const auto& [plugin_id, host] : model_.hosts) {
-      EXPECT_EQ(host->call.times_told(), host->call.cancelled() ? 1 : 0);
-      if (!host->call.cancelled()) ++alive;
+      EXPECT_EQ(std::exchange(host->call.told, 0), host->call.cancelled ? 1 : 0);
+      if (!host->call.cancelled) ++alive;
     }
     EXPECT_EQ(listed.list_size(), alive);
     for (const auto& entry : listed.list()) {
-      const auto found = model_.hosts.find(entry.plugin_id());
-      ASSERT_NE(found, model_.hosts.end());
-      EXPECT_FALSE(found->second->call.cancelled());
-      EXPECT_EQ(entry.type(), found->second->request.type());
-      EXPECT_EQ(entry.ip(), found->second->ip);
+      const host& subscribed = *model_.hosts.at(entry.plugin_id());
+      EXPECT_FALSE(subscribed.call.cancelled);
+      EXPECT_EQ(entry.type(), subscribed.request.type());
+      EXPECT_EQ(entry.ip(), subscribed.ip);
     }
   }
 
   // --- The local caller ---
 
-  void init_snapshot(std::size_t key) {
-    const bool any = !model_.hosts.empty();
-    const auto mine = any ? model_.begin(kKeys[key]) : nullptr;
-    PluginCmd request = numbered(test::init_snapshot(kKeys[key]));
-    host* vanished = nullptr;
-    if (mine) vanished = announce(request);
+  void init_snapshot() {
+    const std::string& key = operand(kKeys);
+    const auto mine = model_.hosts.empty() ? nullptr : model_.begin(key);
+    const PluginCmd request = numbered(test::init_snapshot(key));
+    host* const vanished = mine ? announce(request) : nullptr;
     PluginCmdResp response;
-    deadlines_.push_back(the_time().now() + 60s);
+    const auto outer = std::exchange(deadline_, the_time().now + 60s);
     try {
       ctrl_.handle_cmd_init_snapshot(request, &response);
-      deadlines_.pop_back();
+      EXPECT_EQ(vanished, nullptr);
     } catch (const never_returns&) {
-      deadlines_.pop_back();
       ASSERT_TRUE(vanished != nullptr);
-      EXPECT_EQ(vanished->call.times_told(), fake_call::enough);
+      EXPECT_EQ(vanished->call.told, fake_call::enough);
       vanished->released = true;
       take_deliveries();
-      return;
     }
-    EXPECT_EQ(vanished, nullptr);
+    deadline_ = outer;
+    if (vanished) return;
     EXPECT_TRUE(deliveries_.empty());  // before its wait
     EXPECT_EQ(response.success(), mine && mine->state == TASK_MIRROR_STARTED);
     EXPECT_EQ(response.has_init_snapshot_resp(), response.success());
-    EXPECT_EQ(response.init_snapshot_resp().task_id(), response.success() ? kKeys[key] : "");
+    EXPECT_EQ(response.init_snapshot_resp().task_id(), response.success() ? key : "");
     if (mine) expect_logged_last(response.success() ? 220 : 224, key);
     // Also one that has taken its place meanwhile.
-    if (mine && !response.success()) model_.hand_shakes.erase(kKeys[key]);
+    if (mine && !response.success()) model_.hand_shakes.erase(key);
   }
 
-  void mirror_done(std::size_t key) {
-    const bool expected = model_.mirror_done(kKeys[key]);
-    publish(&PluginServerCtrl::handle_cmd_mirror_done, test::mirror_done(kKeys[key]),
-            [=] { return expected; });
+  void mirror_done() {
+    const std::string& key = operand(kKeys);
+    call(&PluginServerCtrl::handle_cmd_mirror_done, test::mirror_done(key),
+         [&] { return model_.mirror_done(key); });
   }
 
-  void wait_for_depart(std::size_t key) {
-    const auto mine = model_.find(kKeys[key]);
-    publish(&PluginServerCtrl::handle_cmd_wait_for_depart, test::wait_for_depart(kKeys[key]),
-            [=] { return mine && mine->state == TASK_DEPART_STARTED; });
-    if (mine) expect_logged_last(mine->state == TASK_DEPART_STARTED ? 264 : 267, key);
+  void wait_for_depart() {
+    const std::string& key = operand(kKeys);
+    const auto mine = model_.find(key);
+    const auto departs = [&] { return mine && mine->state == TASK_DEPART_STARTED; };
+    call(&PluginServerCtrl::handle_cmd_wait_for_depart, test::wait_for_depart(key), departs);
+    if (mine) expect_logged_last(departs() ? 264 : 267, key);
   }
 
-  void depart_done(std::size_t key) {
-    const PluginCmd request = numbered(test::depart_done(kKeys[key]));
+  void depart_done() {
+    const std::string& key = operand(kKeys);
+    const PluginCmd request = numbered(test::depart_done(key));
     const auto unnamed = model_.hosts.find("");
-    if (model_.find(kKeys[key]) && unnamed != model_.hosts.end()) {
-      deliver(*unnamed->second, request);
-    }
-    model_.hand_shakes.erase(kKeys[key]);
-    publish(&PluginServerCtrl::handle_cmd_depart_done, request, [] { return true; });
+    if (model_.find(key) && unnamed != model_.hosts.end()) deliver(*unnamed->second, request);
+    model_.hand_shakes.erase(key);
+    call(&PluginServerCtrl::handle_cmd_depart_done, request, [] { return true; });
     take_deliveries();
   }
 
-  void publish(void (PluginServerCtrl::*handler)(const PluginCmd&, PluginCmdResp*),
-               const PluginCmd& request, const std::function<bool()>& expected) {
-    PluginCmdResp response;
-    deadlines_.push_back(the_time().now() + 60s);
+  static void expect_logged_last(int number, const std::string& key) {
+    EXPECT_EQ(test::captured_syslog().lines().back(), test::line(number, key));
+  }
+
+  // --- The host plugins ---
+
+  void start_mirror() {
+    const std::string& key = operand(kKeys);
+    call(&PluginServerCtrl::handle_cmd_start_mirror, test::start_mirror(key),
+         [&] { return model_.move(key, TASK_MIRROR_STARTED); });
+  }
+
+  void depart_relation() {
+    const std::string& key = operand(kKeys);
+    call(&PluginServerCtrl::handle_cmd_depart_relation, test::depart_relation(key),
+         [&] { return model_.move(key, TASK_DEPART_STARTED); });
+  }
+
+  void is_mirror_done() {
+    const std::string& key = operand(kKeys);
+    const LunType type = operand(kTypes);
+    call(&PluginServerCtrl::handle_cmd_is_mirror_done, test::is_mirror_done(key, type),
+         [&] { return model_.is_mirror_done(key, type); });
+  }
+
+  void is_lun_support() {
+    const std::string& key = operand(kKeys);
+    const LunType type = operand(kTypes);
+    call(&PluginServerCtrl::handle_cmd_is_lun_support, test::is_lun_support(key, type),
+         [&] { return model_.is_lun_support(key, type); });
+  }
+
+  // One that answers with a verdict alone, which is `expected` once it has answered.
+  template <typename Request, typename Response>
+  void call(void (PluginServerCtrl::*handler)(const Request&, Response*), const Request& request,
+            const std::function<bool()>& expected) {
+    Response response;
+    const auto outer = std::exchange(deadline_, the_time().now + 60s);
     (ctrl_.*handler)(request, &response);
-    deadlines_.pop_back();
+    deadline_ = outer;
     EXPECT_EQ(response.success(), expected()) << request.ShortDebugString();
     response.clear_success();
     EXPECT_EQ(response.ByteSizeLong(), 0U);
   }
 
-  static void expect_logged_last(int number, std::size_t key) {
-    EXPECT_EQ(test::captured_syslog().lines().back(), test::line(number, kKeys[key]));
-  }
+  // --- The machine ---
 
-  // --- The host plugins ---
-
-  void move(LunCmd (*command)(const std::string&), task_state next, std::size_t key) {
-    const auto handler = next == TASK_MIRROR_STARTED
-                             ? &PluginServerCtrl::handle_cmd_start_mirror
-                             : &PluginServerCtrl::handle_cmd_depart_relation;
-    lun_op(handler, command(kKeys[key]), model_.move(kKeys[key], next));
-  }
-
-  void is_mirror_done() {
-    const std::string& key = kKeys[operand(kKeys)];
-    const int type = kTypes[operand(kTypes)];
-    lun_op(&PluginServerCtrl::handle_cmd_is_mirror_done,
-           test::is_mirror_done(key, static_cast<LunType>(type)), model_.is_mirror_done(key, type));
-  }
-
-  void is_lun_support() {
-    const std::string& key = kKeys[operand(kKeys)];
-    const int type = kTypes[operand(kTypes)];
-    lun_op(&PluginServerCtrl::handle_cmd_is_lun_support,
-           test::is_lun_support(key, static_cast<LunType>(type)), model_.is_lun_support(key, type));
-  }
-
-  void lun_op(void (PluginServerCtrl::*handler)(const LunCmd&, LunCmdResp*), const LunCmd& request,
-              bool expected) {
-    LunCmdResp response;
-    (ctrl_.*handler)(request, &response);
-    EXPECT_EQ(response.success(), expected) << request.ShortDebugString();
-    response.clear_success();
-    EXPECT_EQ(response.ByteSizeLong(), 0U);
-  }
-
-  void fail_loads(bool fail) {
-    model_.loads_fail = fail;
-    test::the_conf().fails = fail;
-  }
+  void pass_time() { the_time().now += operand(kSpans); }
+  void change_what_loads_do() { test::the_conf().fails = !test::the_conf().fails; }
 
   // --- Waits and deliveries ---
 
-  bool during_a_wait(std::chrono::system_clock::time_point deadline) {
-    EXPECT_EQ(deadline, deadlines_.back());
+  bool during_a_wait(time_point deadline) {
+    EXPECT_EQ(deadline, deadline_);
     take_deliveries();
     return step();
   }
@@ -313,17 +274,15 @@ class script {
     const mutex_lock lock(ctrl_.client_mutex);
     for (const auto& [plugin_id, client] : ctrl_.client_map) {
       host& next = *model_.hosts.at(plugin_id);
-      next.call.times_told();
-      if (next.call.cancelled()) return &next;
+      next.call.told = 0;
+      if (next.call.cancelled) return &next;
       deliver(next, cmd);
     }
     return nullptr;
   }
 
   void deliver(const host& to, const PluginCmd& cmd) {
-    if (to.ip == "Unknown") return;
-    const auto* const id = std::find(std::begin(kIds), std::end(kIds), to.request.plugin_id());
-    deliveries_.emplace_back(id - std::begin(kIds), cmd);
+    if (to.ip != "Unknown") deliveries_.emplace_back(to.stream, cmd);
   }
 
   void take_deliveries() {
@@ -336,8 +295,7 @@ class script {
   PluginServerCtrl ctrl_;
   controller_model model_;
   std::vector<std::pair<std::size_t, PluginCmd>> deliveries_;  // that must have been made
-  // Of the calls that are at work, each inside the wait of the one before.
-  std::vector<std::chrono::system_clock::time_point> deadlines_;
+  time_point deadline_;  // of the call at work, which may be inside the wait of another
   static inline std::uint32_t cmd_sn_ = 0;  // of the process, so that none is taken for another's
 };
 

@@ -55,13 +55,6 @@ TEST(PeerAddress, IsTheTextOfAnIpv4PeerWithAPort) {
   for (const auto& [peer, address] : cases) EXPECT_EQ(peer_ipv4(peer), address) << peer;
 }
 
-TEST_F(Registry, AnEmptyOneListsNobodyAndBroadcastsToNobody) {
-  EXPECT_EQ(call->list().list_size(), 0);
-  ctrl().broadcast_cmd(numbered(1));
-  ctrl().release_all_clients();
-  EXPECT_EQ(ctrl().get_client("nobody"), nullptr);
-}
-
 // Released again and again, and so for ever: the process is ended from within.
 TEST(RegistryDeathTest, ReleasingAllNeverComesToTheSecond) {
   EXPECT_EXIT(
@@ -86,23 +79,6 @@ TEST(RegistryDeathTest, ReleasingAllNeverComesToTheSecond) {
         ctrl.release_all_clients();
       },
       testing::ExitedWithCode(0), "");
-}
-
-TEST_F(Registry, ListsAndLogsWhatTheServerSees) {
-  const auto vmware = subscribe("esx", PluginClient::VMWARE);
-  const auto numbered_type = subscribe("odd", static_cast<PluginClient::Type>(7));
-  const auto list = call->list();
-  ASSERT_EQ(list.list_size(), 2);
-  std::map<std::string, PluginClient> by_id;
-  for (const auto& entry : list.list()) by_id[entry.plugin_id()] = entry;
-  EXPECT_EQ(by_id["esx"].type(), PluginClient::VMWARE);
-  EXPECT_EQ(by_id["esx"].ip(), "127.0.0.1");
-  EXPECT_EQ(by_id["odd"].type(), 7);
-  call->unsubscribe("odd");
-  ASSERT_TRUE(numbered_type->end());
-  EXPECT_EQ(captured_syslog().lines(),
-            (std::vector<log_line>{line(32, "esx", "127.0.0.1"), line(32, "odd", "127.0.0.1"),
-                                   disconnect("odd")}));
 }
 
 TEST_F(Registry, UnSubscribeEndsTheMatchingCallOnlyAndThenForgetsIt) {
@@ -158,22 +134,6 @@ TEST_F(Registry, AnyWakeUpEndsACall) {
   const auto host = subscribe("esx");
   ctrl().get_client("esx")->cond.notify_one();  // by nobody who releases it
   EXPECT_TRUE(captured_syslog().wait_for(disconnect("esx")));
-}
-
-TEST_F(Registry, ABroadcastReachesEveryHostOnceAndInOrder) {
-  const auto one = subscribe("one");
-  const auto two = subscribe("two");
-  const auto no_id = subscribe("");
-  for (std::uint32_t sn = 1; sn <= 20; ++sn) ctrl().broadcast_cmd(numbered(sn));
-  for (const auto& host : {one.get(), two.get(), no_id.get()}) {
-    for (std::uint32_t sn = 1; sn <= 20; ++sn) {
-      const auto cmd = host->next_cmd();
-      ASSERT_TRUE(cmd);
-      EXPECT_EQ(cmd->cmd_sn(), sn);
-    }
-    EXPECT_EQ(host->cmds_waiting(), 0U);
-  }
-  EXPECT_EQ(captured_syslog().count(line(37, "one", "127.0.0.1")), 20U);
 }
 
 TEST_F(Registry, PushesToIpv4PeersOnly) {

@@ -64,37 +64,5 @@ TEST_F(TaskTable, AStateMayMoveInAnyDirectionAndWakesEveryWaiter) {
   EXPECT_TRUE(task.wait_for(TASK_MIRROR_DONE));
 }
 
-// One real minute, for two waits that nobody ends.
-TEST_F(TaskTable, AWaitGivesUpAfterAMinute) {
-  const auto host = subscribe("esx");
-  ASSERT_TRUE(ctrl().add_task("deleted"));
-  const auto begin = std::chrono::system_clock::now();
-  const auto timed = [this, begin](const PluginCmd& request) {
-    return std::async(std::launch::async, [this, begin, request] {
-      const bool success = caller(dial()).publish(request);
-      return std::pair(success, std::chrono::system_clock::now() - begin);
-    });
-  };
-  std::future<std::pair<bool, std::chrono::nanoseconds>> outcomes[] = {
-      timed(init_snapshot("unanswered")), timed(wait_for_depart("deleted"))};
-  ASSERT_TRUE(captured_syslog().wait_for(line(255, "deleted")));
-  ASSERT_TRUE(host->next_cmd());
-
-  // A task deleted under its waiter is simply never moved again.
-  const auto held = ctrl().find_task("deleted");
-  EXPECT_TRUE(call->publish(depart_done("deleted")));
-  EXPECT_FALSE(call->lun_op(depart_relation("deleted")));
-
-  for (auto& outcome : outcomes) {
-    const auto [success, took] = outcome.get();
-    EXPECT_FALSE(success);
-    EXPECT_GE(took, 60s);
-    EXPECT_LT(took, 60s + kPatience);
-  }
-  EXPECT_EQ(ctrl().find_task("unanswered"), nullptr);
-  EXPECT_EQ(captured_syslog().count(line(224, "unanswered")), 1U);
-  EXPECT_EQ(captured_syslog().count(line(267, "deleted")), 1U);
-}
-
 }  // namespace
 }  // namespace vexo::test
