@@ -42,35 +42,34 @@ class Handlers : public service {
   // Runs each case over a new task under `key`, or over none. What is logged names `key`.
   void run(const std::string& key, const std::vector<handler_case>& cases) {
     for (const auto& c : cases) {
-      const auto* const lun_cmd = std::get_if<LunCmd>(&c.request);
-      const auto* const plugin_cmd = std::get_if<PluginCmd>(&c.request);
-      SCOPED_TRACE((lun_cmd ? lun_cmd->ShortDebugString() : plugin_cmd->ShortDebugString()) +
-                   (c.before ? " from state " + std::to_string(*c.before) : " without a task"));
-      set_task(key, c.before);
-      captured_syslog().clear();
-      // The first line comes before anything is done, and every other after. LunOp's handlers of
-      // tasks hold task_mutex from the first line on; the others never log with a registry lock.
-      const bool locks = lun_cmd && !lun_cmd->has_is_lun_support_req();
-      std::size_t lines = 0;
-      const auto looking = captured_syslog().watch([&](const log_line& line) {
-        EXPECT_EQ(state_of(key), lines++ == 0 ? c.before : c.after) << line;
-        EXPECT_EQ(is_held(ctrl().task_mutex), locks) << line;
-        EXPECT_FALSE(is_held(ctrl().client_mutex)) << line;
-      });
-      LunCmdResp lun_response;
-      PluginCmdResp plugin_response;
-      ASSERT_TRUE((lun_cmd ? call->lun_op(*lun_cmd, &lun_response)
-                           : call->publish(*plugin_cmd, &plugin_response))
-                      .ok());
-      EXPECT_EQ(lun_response.success() || plugin_response.success(), c.success);
-      lun_response.clear_success();
-      plugin_response.clear_success();
-      EXPECT_EQ(lun_response.ByteSizeLong() + plugin_response.ByteSizeLong(), 0U);
-      EXPECT_EQ(state_of(key), c.after);
-      std::vector<log_line> expected;
-      for (const int number : c.log) expected.push_back(line(number, key));
-      EXPECT_EQ(captured_syslog().lines(), expected);
+      std::visit([&](const auto& request) { run_one(key, c, request); }, c.request);
     }
+  }
+
+  template <typename Request>
+  void run_one(const std::string& key, const handler_case& c, const Request& request) {
+    SCOPED_TRACE(request.ShortDebugString() +
+                 (c.before ? " from state " + std::to_string(*c.before) : " without a task"));
+    set_task(key, c.before);
+    captured_syslog().clear();
+    // The first line comes before anything is done, and every other after. LunOp's handlers of
+    // tasks hold task_mutex from the first line on; the others never log with a registry lock.
+    const auto* const lun_cmd = std::get_if<LunCmd>(&c.request);
+    const bool locks = lun_cmd && !lun_cmd->has_is_lun_support_req();
+    std::size_t lines = 0;
+    const auto looking = captured_syslog().watch([&](const log_line& line) {
+      EXPECT_EQ(state_of(key), lines++ == 0 ? c.before : c.after) << line;
+      EXPECT_EQ(is_held(ctrl().task_mutex), locks) << line;
+      EXPECT_FALSE(is_held(ctrl().client_mutex)) << line;
+    });
+    auto response = call->ask(request);
+    EXPECT_EQ(response.success(), c.success);
+    response.clear_success();
+    EXPECT_EQ(response.ByteSizeLong(), 0U);
+    EXPECT_EQ(state_of(key), c.after);
+    std::vector<log_line> expected;
+    for (const int number : c.log) expected.push_back(line(number, key));
+    EXPECT_EQ(captured_syslog().lines(), expected);
   }
 
   // The task in a new state; or no task.
@@ -113,7 +112,7 @@ TEST_F(Handlers, StartMirrorAndDepartRelationMoveFromAnyState) {
   EXPECT_EQ(state_of("K"), TASK_CREATED);
 }
 
-TEST_F(Handlers, IsMirrorDone) {
+TEST_F(Handlers, IsMirrorDoneAndIsLunSupport) {
   the_conf().set({{"K", 0xF}, {kGuid, 0x103}});
   const LunCmd ask = is_mirror_done("K", LUN_TYPE_80);
   run("K", {
@@ -122,6 +121,8 @@ TEST_F(Handlers, IsMirrorDone) {
                {ask, TASK_MIRROR_STARTED, false, TASK_MIRROR_STARTED, {144, 171}},
                {ask, TASK_MIRROR_DONE, true, TASK_MIRROR_DONE, {144, 166}},
                {ask, TASK_DEPART_STARTED, false, TASK_DEPART_STARTED, {144, 171}},
+               {is_lun_support("K", LUN_TYPE_80), kNoTask, true, kNoTask, {104, 108}},
+               {is_lun_support("K", LUN_TYPE_83), kNoTask, false, kNoTask, {104, 111}},
            });
   for (const auto type : {LUN_TYPE_NONE, LUN_TYPE_83}) {
     const LunCmd unknown = is_mirror_done("K", type);
@@ -133,19 +134,6 @@ TEST_F(Handlers, IsMirrorDone) {
   }
   the_conf().fails = true;
   run("K", {{ask, TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {144, 20, 153}}});
-}
-
-TEST_F(Handlers, IsLunSupport) {
-  the_conf().set({{kGuid, 0xF}, {"scratch", 0x7}});
-  const auto ask = [&](const std::string& lun, LunType type, bool supported) {
-    run(lun,
-        {{is_lun_support(lun, type), kNoTask, supported, kNoTask, {104, supported ? 108 : 111}}});
-  };
-  ask(kGuid, LUN_TYPE_80, true);
-  ask(kNaa, LUN_TYPE_83, true);
-  ask(kGuid, LUN_TYPE_NONE, false);
-  ask("scratch", LUN_TYPE_80, false);
-  ask("none", LUN_TYPE_80, false);
 }
 
 TEST_F(Handlers, MirrorDoneWaitForDepartAndDepartDone) {
@@ -241,9 +229,7 @@ TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {
     EXPECT_EQ(state_of("K").has_value(), logged != line(208, "K")) << logged;
     EXPECT_TRUE(logged != line(37, "one", "127.0.0.1") || is_held(ctrl().client_mutex));
   });
-  PluginCmdResp response;
-  auto publish =
-      std::async(std::launch::async, [&] { return caller(dial()).publish(request, &response); });
+  auto publish = std::async(std::launch::async, [&] { return caller(dial()).ask(request); });
   PluginCmd announced = request;
   announced.set_task_id("K");
   for (const auto& host : {one.get(), two.get()}) {
@@ -252,7 +238,7 @@ TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {
     EXPECT_EQ(cmd->SerializeAsString(), announced.SerializeAsString());
   }
   EXPECT_TRUE(call->lun_op(start_mirror("K")));
-  ASSERT_TRUE(publish.get().ok());
+  const PluginCmdResp response = publish.get();
   EXPECT_TRUE(response.success());
   EXPECT_EQ(response.init_snapshot_resp().task_id(), "K");
   EXPECT_EQ(response.cmd_sn(), 0U);

@@ -8,18 +8,6 @@ namespace vexo::test {
 
 using namespace scsiplugin;
 
-namespace {
-
-// Of one call. Its deadline is longer than the longest legal wait of the server.
-struct call_context : grpc::ClientContext {
-  call_context() {
-    set_wait_for_ready(true);
-    set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(90));
-  }
-};
-
-}  // namespace
-
 LunCmd is_lun_support(const std::string& lun, LunType type) {
   LunCmd cmd;
   cmd.mutable_is_lun_support_req()->set_src_lun_id(lun);
@@ -76,45 +64,34 @@ PluginCmd depart_done(const std::string& key) {
 caller::caller(const std::shared_ptr<grpc::Channel>& channel)
     : stub_(PluginService::NewStub(channel)) {}
 
-bool caller::lun_op(const LunCmd& request) {
-  LunCmdResp response;
-  const grpc::Status status = lun_op(request, &response);
+template <typename Request, typename Response>
+Response caller::call(grpc::Status (PluginService::Stub::*method)(grpc::ClientContext*,
+                                                                  const Request&, Response*),
+                      const Request& request) {
+  grpc::ClientContext context;
+  context.set_wait_for_ready(true);
+  // Longer than the longest legal wait of the server.
+  context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(90));
+  Response response;
+  const grpc::Status status = (*stub_.*method)(&context, request, &response);
   EXPECT_TRUE(status.ok()) << status.error_message();
-  return response.success();
+  return response;
 }
 
-bool caller::publish(const PluginCmd& request) {
-  PluginCmdResp response;
-  const grpc::Status status = publish(request, &response);
-  EXPECT_TRUE(status.ok()) << status.error_message();
-  return response.success();
-}
+LunCmdResp caller::ask(const LunCmd& request) { return call(&PluginService::Stub::LunOp, request); }
 
-grpc::Status caller::lun_op(const LunCmd& request, LunCmdResp* response) {
-  call_context context;
-  return stub_->LunOp(&context, request, response);
-}
-
-grpc::Status caller::publish(const PluginCmd& request, PluginCmdResp* response) {
-  call_context context;
-  return stub_->Publish(&context, request, response);
+PluginCmdResp caller::ask(const PluginCmd& request) {
+  return call(&PluginService::Stub::Publish, request);
 }
 
 void caller::unsubscribe(const std::string& plugin_id) {
   PluginClient request;
   request.set_plugin_id(plugin_id);
-  google::protobuf::Empty response;
-  call_context context;
-  const grpc::Status status = stub_->UnSubscribe(&context, request, &response);
-  EXPECT_TRUE(status.ok()) << status.error_message();
+  call(&PluginService::Stub::UnSubscribe, request);
 }
 
 PluginClientList caller::list() {
-  PluginClientList response;
-  call_context context;
-  const grpc::Status status = stub_->PluginConnList(&context, google::protobuf::Empty(), &response);
-  EXPECT_TRUE(status.ok()) << status.error_message();
-  return response;
+  return call(&PluginService::Stub::PluginConnList, google::protobuf::Empty());
 }
 
 }  // namespace vexo::test

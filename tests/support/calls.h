@@ -20,22 +20,26 @@ scsiplugin::PluginCmd mirror_done(const std::string& key);
 scsiplugin::PluginCmd wait_for_depart(const std::string& key);
 scsiplugin::PluginCmd depart_done(const std::string& key);
 
-// A server's five methods, each call with a deadline. Any thread may call.
+// A server's unary methods, each call with a deadline. A call that does not end with OK fails the
+// test. Any thread may call.
 class caller {
  public:
   explicit caller(const std::shared_ptr<grpc::Channel>& channel);
 
-  // The verdict; a call that does not end with OK fails the test.
-  bool lun_op(const scsiplugin::LunCmd& request);
-  bool publish(const scsiplugin::PluginCmd& request);
+  // The whole response, or its verdict.
+  scsiplugin::LunCmdResp ask(const scsiplugin::LunCmd& request);
+  scsiplugin::PluginCmdResp ask(const scsiplugin::PluginCmd& request);
+  bool lun_op(const scsiplugin::LunCmd& request) { return ask(request).success(); }
+  bool publish(const scsiplugin::PluginCmd& request) { return ask(request).success(); }
   void unsubscribe(const std::string& plugin_id);
   scsiplugin::PluginClientList list();
 
-  // The status, and the whole response.
-  grpc::Status lun_op(const scsiplugin::LunCmd& request, scsiplugin::LunCmdResp* response);
-  grpc::Status publish(const scsiplugin::PluginCmd& request, scsiplugin::PluginCmdResp* response);
-
  private:
+  template <typename Request, typename Response>
+  Response call(grpc::Status (scsiplugin::PluginService::Stub::*method)(grpc::ClientContext*,
+                                                                        const Request&, Response*),
+                const Request& request);
+
   std::unique_ptr<scsiplugin::PluginService::Stub> stub_;
 };
 
