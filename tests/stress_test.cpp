@@ -5,9 +5,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <list>
 #include <random>
 #include <string>
@@ -23,77 +23,67 @@ namespace {
 
 using namespace scsiplugin;
 
-// Each phase lasts this long, and until there were this many rounds: fewer would be no stress.
+// Each phase lasts this long, and until each thread has made this many rounds: fewer would be no
+// stress.
 constexpr std::chrono::seconds kDuration{3};
-constexpr int kRounds = 200;
-constexpr std::size_t kSubscriptions = 400;
+constexpr int kRounds = 40;
+constexpr int kSubscriptions = 400;  // on each thread, at most
+
+// What a thread works with. The ids and keys are few, so that they are hit often.
+struct worker {
+  // The empty one is where depart_done is pushed to.
+  std::string id() { return std::vector<std::string>{"", "one", "two", "three"}[random() % 4]; }
+  std::string key() { return std::vector<std::string>{"K0", "K1", "K2"}[random() % 3]; }
+
+  std::minstd_rand random;
+  caller call;
+  int rounds = 0;
+  std::list<subscriber> subscribed = {};
+};
 
 class stress : public service_host {
  public:
-  // Runs `work` over and over on `count` threads, each with a connection and a random source of its
-  // own, until the time is over.
-  template <typename Work>
-  void on_threads(int count, Work work) {
+  // Runs `work` over and over on `count` threads, until the time is over.
+  void on_threads(int count, const std::function<void(worker*)>& work) {
     for (int i = 0; i < count; ++i) {
-      threads_.emplace_back([this, i, work] {
-        caller mine(dial());
-        std::minstd_rand random(static_cast<unsigned>(i) + 1);
-        while (!over()) {
-          work(&mine, &random);
-          ++rounds_;
-        }
+      const auto seed = static_cast<unsigned>(workers_.size()) + 1;
+      worker& mine = workers_.emplace_back(worker{std::minstd_rand(seed), caller(dial())});
+      threads_.emplace_back([this, &mine, work] {
+        for (; !over(mine.rounds); ++mine.rounds) work(&mine);
       });
     }
   }
 
-  // Subscribes under one of few ids, for ever anew; older calls are cancelled if `vanish`, or else
-  // left to the server to end, since a broadcast must not meet a cancelled one.
+  // Subscribes anew, over and over; older calls are cancelled if `vanish`, or else left to the
+  // server to end, since a broadcast must not meet a cancelled one.
   void subscribe_on_threads(int count, bool vanish) {
-    for (int i = 0; i < count; ++i) {
-      threads_.emplace_back([this, i, vanish] {
-        std::minstd_rand random(static_cast<unsigned>(i) + 100);
-        std::list<subscriber> mine;
-        for (std::size_t made = 0; made < kSubscriptions && !over(); ++made) {
-          mine.emplace_back(dial(), id(&random));
-          if (vanish && mine.size() > 5) mine.pop_front();
-          std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        const std::lock_guard lock(mutex_);
-        left_.splice(left_.end(), mine);
-      });
-    }
+    on_threads(count, [this, vanish](worker* mine) {
+      if (mine->rounds < kSubscriptions) mine->subscribed.emplace_back(dial(), mine->id());
+      if (vanish && mine->subscribed.size() > 5) mine->subscribed.pop_front();
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    });
   }
 
   // Waits until the time is over, lets go of every call, and starts the time anew.
   void run() {
     for (auto& thread : threads_) thread.join();
     threads_.clear();
-    left_.clear();
+    for (const auto& each : workers_) EXPECT_GE(each.rounds, kRounds);
+    workers_.clear();
     end_ = std::chrono::steady_clock::now() + kDuration;
-    EXPECT_GE(rounds_.exchange(0), kRounds);
     EXPECT_GT(captured_syslog().count(line(37, "one", "127.0.0.1", "Subscribe")), 2U);
     captured_syslog().clear();
   }
 
-  // One of these; the empty one is where depart_done is pushed to.
-  static std::string id(std::minstd_rand* random) {
-    return std::vector<std::string>{"", "one", "two", "three"}[(*random)() % 4];
-  }
-  static std::string key(std::minstd_rand* random) {
-    return std::vector<std::string>{"K0", "K1", "K2"}[(*random)() % 3];
-  }
-
  private:
-  bool over() const {
+  bool over(int rounds) const {
     const auto now = std::chrono::steady_clock::now();
-    return now > end_ && (rounds_ >= kRounds || now > end_ + 2 * kPatience);
+    return now > end_ && (rounds >= kRounds || now > end_ + 2 * kPatience);
   }
 
   std::chrono::steady_clock::time_point end_ = std::chrono::steady_clock::now() + kDuration;
+  std::list<worker> workers_;
   std::vector<std::thread> threads_;
-  std::atomic<int> rounds_ = 0;
-  std::mutex mutex_;
-  std::list<subscriber> left_;
 };
 
 TEST(Stress, SubscribersAreReplacedAndVanishWhileCommandsArePushed) {
@@ -105,34 +95,34 @@ TEST(Stress, SubscribersAreReplacedAndVanishWhileCommandsArePushed) {
   // Broadcasts and whole hand-shakes, while subscribers are replaced and unsubscribed.
   const auto always_there = s.subscribe("always there");
   s.subscribe_on_threads(3, false);
-  s.on_threads(2, [](caller* mine, std::minstd_rand* random) {
-    const std::string k = stress::key(random);
+  s.on_threads(2, [](worker* mine) {
+    const std::string k = mine->key();
     if (stress::ctrl().add_task(k)) stress::ctrl().broadcast_cmd(init_snapshot(k));
-    mine->publish(depart_done(k));
+    mine->call.publish(depart_done(k));
   });
-  s.on_threads(2, [](caller* mine, std::minstd_rand* random) {
-    const std::string k = stress::key(random);
-    mine->lun_op(start_mirror(k));
-    mine->publish(mirror_done(k));
-    mine->lun_op(is_mirror_done(k, LUN_TYPE_80));
-    mine->lun_op(depart_relation(k));
+  s.on_threads(2, [](worker* mine) {
+    const std::string k = mine->key();
+    mine->call.lun_op(start_mirror(k));
+    mine->call.publish(mirror_done(k));
+    mine->call.lun_op(is_mirror_done(k, LUN_TYPE_80));
+    mine->call.lun_op(depart_relation(k));
   });
-  s.on_threads(1, [](caller* mine, std::minstd_rand* random) {
-    mine->unsubscribe(stress::id(random));
-    mine->list();
+  s.on_threads(1, [](worker* mine) {
+    mine->call.unsubscribe(mine->id());
+    mine->call.list();
   });
   s.run();
 
   // Pushes to one subscriber, while subscribers vanish.
   s.subscribe_on_threads(3, true);
-  s.on_threads(2, [](caller* mine, std::minstd_rand* random) {
-    const std::string k = stress::key(random);
+  s.on_threads(2, [](worker* mine) {
+    const std::string k = mine->key();
     stress::ctrl().add_task(k);
-    mine->publish(depart_done(k));
+    mine->call.publish(depart_done(k));
   });
-  s.on_threads(2, [](caller* mine, std::minstd_rand* random) {
-    mine->list();
-    mine->unsubscribe(stress::id(random));
+  s.on_threads(2, [](worker* mine) {
+    mine->call.list();
+    mine->call.unsubscribe(mine->id());
   });
   s.run();
 }
