@@ -3,10 +3,45 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 namespace vexo::test {
+
+void log_sink::add(const log_line& line) {
+  {
+    const std::lock_guard lock(mutex_);
+    lines_.push_back(line);
+  }
+  const std::lock_guard looking(look_mutex_);
+  if (look_) look_(line);
+}
+
+std::shared_ptr<void> log_sink::watch(std::function<void(const log_line&)> look) {
+  const std::lock_guard lock(look_mutex_);
+  look_ = std::move(look);
+  return {this, [this](void*) {
+            const std::lock_guard unset(look_mutex_);
+            look_ = nullptr;
+          }};
+}
+
+void log_sink::clear() {
+  const std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
+std::vector<log_line> log_sink::lines() const {
+  const std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+std::size_t log_sink::count(const log_line& line) const {
+  const auto all = lines();
+  return static_cast<std::size_t>(std::count(all.begin(), all.end(), line));
+}
 
 log_sink& captured_syslog() {
   static log_sink sink;

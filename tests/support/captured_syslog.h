@@ -1,9 +1,34 @@
 #ifndef TESTS_SUPPORT_CAPTURED_SYSLOG_H_
 #define TESTS_SUPPORT_CAPTURED_SYSLOG_H_
 
-#include "log_sink.h"
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "log_lines.h"
 
 namespace vexo::test {
+
+// Log lines from any thread.
+class log_sink {
+ public:
+  void add(const log_line& line);
+  void clear();
+  std::vector<log_line> lines() const;
+  std::size_t count(const log_line& line) const;
+
+  // Calls `look` with each line, one at a time, on the thread that logs it and before that goes
+  // on, until the result is destroyed. `look` must not log. One watch at a time.
+  std::shared_ptr<void> watch(std::function<void(const log_line&)> look);
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<log_line> lines_;
+  std::mutex look_mutex_;  // held while looking, so that a watch ends after that
+  std::function<void(const log_line&)> look_;
+};
 
 // Whatever this process passes to syslog: linking this file takes the C library's place.
 log_sink& captured_syslog();

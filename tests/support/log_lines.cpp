@@ -1,5 +1,6 @@
 #include "log_lines.h"
 
+#include <ostream>
 #include <stdexcept>
 #include <string_view>
 
@@ -46,6 +47,10 @@ constexpr std::string_view kLines = R"(
 )";
 
 }  // namespace
+
+std::ostream& operator<<(std::ostream& out, const log_line& line) {
+  return out << '<' << line.priority << '>' << line.text;
+}
 
 log_line line(int number, const std::string& first, const std::string& second,
               const std::string& function) {

@@ -1,8 +1,6 @@
 #include "subscriber.h"
 
-#include <utility>
-
-#include "log_sink.h"
+#include <gtest/gtest.h>
 
 namespace vexo::test {
 
@@ -35,12 +33,15 @@ subscriber::~subscriber() {
 
 void subscriber::cancel() { context_.TryCancel(); }
 
-std::optional<PluginCmd> subscriber::next_cmd() {
+PluginCmd subscriber::next_cmd() {
   std::unique_lock lock(mutex_);
   changed_.wait_until(lock, std::chrono::system_clock::now() + kPatience,
                       [&] { return !cmds_.empty() || end_.has_value(); });
-  if (cmds_.empty()) return std::nullopt;
-  PluginCmd cmd = std::move(cmds_.front());
+  if (cmds_.empty()) {
+    ADD_FAILURE() << "no command came";
+    return {};
+  }
+  const PluginCmd cmd = cmds_.front();
   cmds_.pop_front();
   return cmd;
 }
@@ -50,11 +51,11 @@ std::size_t subscriber::cmds_waiting() {
   return cmds_.size();
 }
 
-std::optional<grpc::Status> subscriber::end() {
+bool subscriber::ends_well() {
   std::unique_lock lock(mutex_);
   changed_.wait_until(lock, std::chrono::system_clock::now() + kPatience,
                       [&] { return end_.has_value(); });
-  return end_;
+  return end_ && end_->ok();
 }
 
 void subscriber::read_all() {

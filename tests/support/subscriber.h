@@ -3,6 +3,7 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -14,6 +15,10 @@
 #include "plugin_service.grpc.pb.h"
 
 namespace vexo::test {
+
+// How long a test waits for what is promised before it fails. Generous: machines are shared, and
+// the sanitizers are slow.
+inline constexpr std::chrono::seconds kPatience{30};
 
 // A channel with a connection of its own.
 std::shared_ptr<grpc::Channel> connect(const std::string& target);
@@ -31,11 +36,11 @@ class subscriber {
   // The client side of a host that is switched off: the server sees a cancelled call.
   void cancel();
 
-  // The next command pushed, waiting for it; empty when none came.
-  std::optional<scsiplugin::PluginCmd> next_cmd();
+  // The next command pushed, waiting for it. Fails the test when none came.
+  scsiplugin::PluginCmd next_cmd();
   std::size_t cmds_waiting();
-  // How the stream ended, waiting for it; empty when it is still open.
-  std::optional<grpc::Status> end();
+  // Whether the stream ended with OK, waiting for it.
+  bool ends_well();
 
  private:
   void read_all();
