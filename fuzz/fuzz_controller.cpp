@@ -44,6 +44,7 @@ const std::pair<std::string, std::string> kPeers[] = {{"ipv4:10.0.0.9:4711", "10
 constexpr LunType kTypes[] = {LUN_TYPE_NONE, LUN_TYPE_80, LUN_TYPE_83, static_cast<LunType>(3)};
 constexpr std::chrono::seconds kSpans[] = {1s, 59s, 60s, 300s, -3600s};
 
+// Never destroyed: their calls do not end.
 command_streams& streams() {
   static command_streams& one_each = *new command_streams(std::size(kIds));
   return one_each;
@@ -70,9 +71,9 @@ class script {
         {'E', &script::pass_time},       {'F', &script::change_what_loads_do},
     };
     if (rest_.empty()) return false;
-    const auto call = calls.find(next());
-    if (call == calls.end()) return true;  // no letter of ours
-    (this->*call->second)();
+    const auto found = calls.find(next());
+    if (found == calls.end()) return true;  // no letter of ours
+    (this->*found->second)();
     model_.expect_equal(&ctrl_);
     return true;
   }
