@@ -1,10 +1,9 @@
 """What the host agent withstands: hostile appliances, a log without a reader, and options that cannot work."""
 
-import concurrent.futures
 import os
 import signal
 import subprocess
-import threading
+import time
 import unicodedata
 
 import grpc
@@ -13,8 +12,8 @@ from google.protobuf.empty_pb2 import Empty
 
 from lun_cmd_pb2 import LunCmdResp
 from plugin_cmd_pb2 import PluginClient, PluginClientList
-from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
-from support.calls import LUN, TCP, init_snapshot
+from plugin_service_pb2_grpc import PluginServiceServicer
+from support.calls import LUN, TCP, init_snapshot, serve
 from support.program import PLUGIN_AGENT, run
 from support.waiting import PATIENCE, wait_until
 
@@ -27,18 +26,15 @@ class Appliance(PluginServiceServicer):
 
     def __init__(self, commands=(), ip="1.2.3.4", refusal=None):
         self._commands, self._ip, self._refusal = commands, ip, refusal
-        self._subscribers, self._over = [], threading.Event()
-        self._server = grpc.server(concurrent.futures.ThreadPoolExecutor(200))
-        add_PluginServiceServicer_to_server(self, self._server)
-        assert self._server.add_insecure_port(TCP)
-        self._server.start()
+        self._subscribers = []
+        serve(self)
 
     def Subscribe(self, request, context):
         self._refuse(context)
         self._subscribers.append(request)
         yield from self._commands
         while context.is_active() and request in self._subscribers:
-            self._over.wait(0.01)
+            time.sleep(0.01)
 
     def UnSubscribe(self, request, context):
         self._subscribers = [each for each in self._subscribers if each.plugin_id != request.plugin_id]
@@ -51,9 +47,8 @@ class Appliance(PluginServiceServicer):
 
     def LunOp(self, request, context):
         while context.is_active():
-            self._over.wait(0.01)
+            time.sleep(0.01)
         return LunCmdResp()
-
 
     def _refuse(self, context):
         if self._refusal:

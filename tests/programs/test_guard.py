@@ -146,7 +146,7 @@ def test_leaves_a_daemon_alone_that_has_run_out_of_files(supervisor, start_guard
 
 @pytest.mark.slow
 def test_leaves_a_legal_wait_alone(supervisor, start_guard):
-    guard = start_guard("--fail-after", "5")
+    guard = start_guard("--fail-after", "20")
     supervisor.subscribe("silent host")
     start = time.monotonic()
     assert not supervisor.call.ask(init_snapshot(LUN))

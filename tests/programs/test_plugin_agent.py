@@ -1,19 +1,17 @@
 # The host agent beside the real daemon. What it does with real file systems is tested in
 # test_plugin_agent_freeze.
 
-import concurrent.futures
 import pathlib
 import re
 import signal
 import time
 
-import grpc
 import pytest
 
 from plugin_cmd_pb2 import PluginClient, PluginClientList, PluginCmd
-from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
+from plugin_service_pb2_grpc import PluginServiceServicer
 from support.agent import go_to
-from support.calls import (LUN, LUN_NAA, OTHER_LUN, TCP, depart_done, init_snapshot, mirror_done,
+from support.calls import (LUN, LUN_NAA, OTHER_LUN, depart_done, init_snapshot, mirror_done, serve,
                            start_mirror, wait_for_depart)
 from support.program import PLUGIN_AGENT, Program, run
 from support.waiting import wait_until
@@ -243,11 +241,8 @@ class ForgetfulDaemon(PluginServiceServicer):
 
 
 def test_subscribes_again_when_it_is_connected_but_not_listed(start_agent):
-    server = grpc.server(concurrent.futures.ThreadPoolExecutor(8))
     service = ForgetfulDaemon()
-    add_PluginServiceServicer_to_server(service, server)
-    server.add_insecure_port(TCP)
-    server.start()
+    serve(service)
     agent = start_agent()
     assert service.subscriptions == 2
     assert "does not list this host" in agent.err

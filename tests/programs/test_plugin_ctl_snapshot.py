@@ -1,7 +1,6 @@
 # plugin_ctl snapshot: however it ends, the daemon is left without its hand-shake, and with everybody
 # else's.
 
-import concurrent.futures
 import json
 import os
 import pathlib
@@ -10,13 +9,12 @@ import signal
 import threading
 import time
 
-import grpc
 import pytest
 
 from plugin_cmd_pb2 import PluginCmdResp
-from plugin_service_pb2_grpc import PluginServiceServicer, add_PluginServiceServicer_to_server
+from plugin_service_pb2_grpc import PluginServiceServicer
 from support.calls import (LUN, LUN_NAA, REPLICA_LUN, TCP, Caller, depart_relation, init_snapshot,
-                           is_mirror_done, start_mirror)
+                           is_mirror_done, serve, start_mirror)
 from support.program import PLUGIN_CTL, exists
 from support.waiting import PATIENCE, wait_until
 
@@ -159,10 +157,8 @@ class RefusingDaemon(PluginServiceServicer):
 
 
 def test_a_signal_in_the_first_moment_waits_for_the_refusal(snapshot):
-    daemon, server = RefusingDaemon(), grpc.server(concurrent.futures.ThreadPoolExecutor(4))
-    add_PluginServiceServicer_to_server(daemon, server)
-    server.add_insecure_port(TCP)
-    server.start()
+    daemon = RefusingDaemon()
+    serve(daemon)
     tool = snapshot("-t", TCP)
     assert daemon.told.wait(PATIENCE)
     tool.signal(signal.SIGINT)

@@ -1,5 +1,6 @@
 # The calls of hosts and of local callers, as a test speaks of them.
 
+import concurrent.futures
 import queue
 import threading
 
@@ -8,7 +9,7 @@ from google.protobuf.empty_pb2 import Empty
 
 from lun_cmd_pb2 import LUN_TYPE_80, LunCmd
 from plugin_cmd_pb2 import PluginClient, PluginCmd
-from plugin_service_pb2_grpc import PluginServiceStub
+from plugin_service_pb2_grpc import PluginServiceStub, add_PluginServiceServicer_to_server
 from support.waiting import PATIENCE, wait_until
 
 TCP = "127.0.0.1:3265"
@@ -62,6 +63,14 @@ def channel_to(target):
         ("grpc.use_local_subchannel_pool", 1), ("grpc.initial_reconnect_backoff_ms", 50),
         ("grpc.min_reconnect_backoff_ms", 50), ("grpc.max_reconnect_backoff_ms", 200),
         ("grpc.max_send_message_length", -1), ("grpc.max_receive_message_length", -1)])
+
+
+def serve(service):
+    """Has this servicer answer in the daemon's place."""
+    service.server = grpc.server(concurrent.futures.ThreadPoolExecutor(200))
+    add_PluginServiceServicer_to_server(service, service.server)
+    assert service.server.add_insecure_port(TCP)
+    service.server.start()
 
 
 class Caller:
