@@ -1,4 +1,4 @@
-"""What the guard ends a daemon for, and what it leaves a healthy one alone for."""
+# What the guard ends a daemon for, and what it leaves a healthy one alone for.
 
 import os
 import pathlib
@@ -63,6 +63,7 @@ def test_ends_the_daemon_at_the_socket_and_not_the_one_before_it(daemon, start_d
     assert newer.wait() == -signal.SIGKILL
     assert older.alive
     assert f"restarting the daemon, process {newer.pid}" in guard.err
+    assert "sent SIGABRT" in guard.err  # which a stopped process hears no more than anything else
 
 
 def test_a_last_look_that_is_answered_spares_the_daemon(daemon, start_guard):
