@@ -13,15 +13,14 @@ namespace vexo::tools {
 inline CLI::Validator number_between(double least, double most) {
   std::ostringstream range;
   range << least << " to " << most;
-  return CLI::Validator(
-      [least, most, text = range.str()](const std::string& given) -> std::string {
-        double number = 0;
-        const auto* const end = given.data() + given.size();
-        const auto [rest, error] = std::from_chars(given.data(), end, number);
-        if (error == std::errc() && rest == end && number >= least && number <= most) return "";
-        return "\"" + given + "\" is no number from " + text;
-      },
-      "[" + range.str() + "]");
+  return {[least, most, text = range.str()](const std::string& given) -> std::string {
+            double number = 0;
+            const auto* const end = given.data() + given.size();
+            const auto [rest, error] = std::from_chars(given.data(), end, number);
+            if (error == std::errc() && rest == end && number >= least && number <= most) return "";
+            return "\"" + given + "\" is no number from " + text;
+          },
+          "[" + range.str() + "]"};
 }
 
 }  // namespace vexo::tools
