@@ -49,7 +49,7 @@ struct host {
 std::array<host, 1024> g_hosts;
 std::atomic<std::size_t> g_hosts_end = 0;
 
-std::array<std::atomic<int>, 64> g_states;  // of hand-shakes, with the daemon's numbers
+std::array<std::atomic<int>, 64> g_states;  // of handshakes, with the daemon's numbers
 
 std::size_t number_of(const std::string& id, std::size_t end) {
   return std::strtoul(id.c_str() + id.find('-') + 1, nullptr, 10) % end;

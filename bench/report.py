@@ -16,7 +16,7 @@ TARGETS = [
       for n in (16, 128, 512)],
     ("start_mirror per second, 1 caller", "unary/start_mirror/1/per_second", ">=", 1.07),
     ("start_mirror per second, 8 callers", "unary/start_mirror/8/per_second", ">=", 1.10),
-    ("whole hand-shakes per second, 8 at once", "handshakes/8/per_second", ">=", 0.95),
+    ("whole handshakes per second, 8 at once", "handshakes/8/per_second", ">=", 0.95),
     ("from start_mirror to the caller's answer, µs", "wake/us", "<=", 1.08),
     ("memory (RSS) at rest, KiB", "hold/0/rss_kib", "<=", 0.8),
     ("memory with 900 hosts, KiB", "hold/900/rss_kib", "<=", 0.92),

@@ -25,15 +25,15 @@ bool is_free(std::mutex& mutex) {
 
 }  // namespace
 
-std::shared_ptr<hand_shake> controller_model::begin(const std::string& key) {
+std::shared_ptr<handshake> controller_model::begin(const std::string& key) {
   const auto existing = find(key);
   if (existing && the_time().now - existing->created < std::chrono::seconds(300)) return nullptr;
-  return hand_shakes[key] = std::make_shared<hand_shake>(hand_shake{the_time().now});
+  return handshakes[key] = std::make_shared<handshake>(handshake{the_time().now});
 }
 
-std::shared_ptr<hand_shake> controller_model::find(const std::string& key) const {
-  const auto found = hand_shakes.find(key);
-  return found == hand_shakes.end() ? nullptr : found->second;
+std::shared_ptr<handshake> controller_model::find(const std::string& key) const {
+  const auto found = handshakes.find(key);
+  return found == handshakes.end() ? nullptr : found->second;
 }
 
 bool controller_model::move(const std::string& key, task_state next) {
@@ -93,16 +93,16 @@ void controller_model::expect_equal(PluginServerCtrl* ctrl) const {
   {
     const mutex_lock lock(ctrl->task_mutex);
     EXPECT_EQ(static_cast<std::size_t>(std::distance(ctrl->task_map.begin(), ctrl->task_map.end())),
-              hand_shakes.size());
+              handshakes.size());
   }
-  for (const auto& [key, hand_shake] : hand_shakes) {
+  for (const auto& [key, handshake] : handshakes) {
     const auto task = ctrl->find_task(key);
     ASSERT_TRUE(task) << key;
     EXPECT_TRUE(is_free(task->mutex)) << key;
-    EXPECT_EQ(task->state, hand_shake->state) << key;
+    EXPECT_EQ(task->state, handshake->state) << key;
     EXPECT_EQ(task->task_id, key);
     EXPECT_EQ(task->plugin_id, "") << key;
-    EXPECT_EQ(task->create_time, hand_shake->created) << key;
+    EXPECT_EQ(task->create_time, handshake->created) << key;
   }
 }
 

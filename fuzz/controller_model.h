@@ -32,20 +32,20 @@ struct host {
   bool released = false;  // a broadcast has met it vanished
 };
 
-// One hand-shake, as it ought to be.
-struct hand_shake {
+// One handshake, as it ought to be.
+struct handshake {
   time_point created;
   std::uint32_t state = scsiplugin::TASK_CREATED;
 };
 
-// What the controller ought to hold, in plain maps, and how each operation on hand-shakes ought to
+// What the controller ought to hold, in plain maps, and how each operation on handshakes ought to
 // end. Waits are the caller's: begin one, let others happen, then ask how it ended.
 class controller_model {
  public:
-  // The hand-shake that init_snapshot begins; empty when it is refused.
-  std::shared_ptr<hand_shake> begin(const std::string& key);
+  // The handshake that init_snapshot begins; empty when it is refused.
+  std::shared_ptr<handshake> begin(const std::string& key);
   // The one under `key`; empty when there is none.
-  std::shared_ptr<hand_shake> find(const std::string& key) const;
+  std::shared_ptr<handshake> find(const std::string& key) const;
 
   // What the four that answer at once answer.
   bool move(const std::string& key, scsiplugin::task_state next);  // start_mirror, depart_relation
@@ -57,7 +57,7 @@ class controller_model {
   void expect_equal(scsiplugin::PluginServerCtrl* ctrl) const;
 
   std::map<std::string, std::unique_ptr<host>> hosts;
-  std::map<std::string, std::shared_ptr<hand_shake>> hand_shakes;
+  std::map<std::string, std::shared_ptr<handshake>> handshakes;
 
  private:
   // The flags of the LUN; 0, which supports nothing, when it cannot be found.

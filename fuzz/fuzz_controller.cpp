@@ -178,7 +178,7 @@ class script {
     EXPECT_EQ(response.init_snapshot_resp().task_id(), response.success() ? key : "");
     if (mine) expect_logged_last(response.success() ? 220 : 224, key);
     // Also one that has taken its place meanwhile.
-    if (mine && !response.success()) model_.hand_shakes.erase(key);
+    if (mine && !response.success()) model_.handshakes.erase(key);
   }
 
   void mirror_done() {
@@ -200,7 +200,7 @@ class script {
     const PluginCmd request = numbered(test::depart_done(key));
     const auto unnamed = model_.hosts.find("");
     if (model_.find(key) && unnamed != model_.hosts.end()) deliver(*unnamed->second, request);
-    model_.hand_shakes.erase(key);
+    model_.handshakes.erase(key);
     call(&PluginServerCtrl::handle_cmd_depart_done, request, [] { return true; });
     take_deliveries();
   }

@@ -67,7 +67,7 @@ void PluginServerCtrl::release_all_clients() {
   while (entry != client_map.end()) entry->second->release();  // the first one only, for ever
 }
 
-// --- Table of hand-shakes ---
+// --- Table of handshakes ---
 
 bool PluginServerCtrl::add_task(const std::string& task_id) {
   const mutex_lock lock(task_mutex);
@@ -192,7 +192,7 @@ void PluginServerCtrl::handle_cmd_init_snapshot(const PluginCmd& request, Plugin
   cmd.set_task_id(key);
   broadcast_cmd(cmd);
 
-  // Looked up only now: a host may have answered, and somebody ended the hand-shake, meanwhile.
+  // Looked up only now: a host may have answered, and somebody ended the handshake, meanwhile.
   const auto task = find_task(key);
   if (task && task->wait_for(TASK_MIRROR_STARTED)) {
     PLUGIN_LOG(LOG_INFO, 220, "Init snapshots success(start mirror) [%s]", key.c_str());
@@ -218,7 +218,7 @@ void PluginServerCtrl::handle_cmd_mirror_done(const PluginCmd& request, PluginCm
     response->set_success(false);
     return;
   }
-  // Checked, then set, without a lock around both: callers of one hand-shake come one at a time.
+  // Checked, then set, without a lock around both: callers of one handshake come one at a time.
   if (task->state != TASK_MIRROR_STARTED) {
     PLUGIN_LOG(LOG_ERR, 247, "Mirror done failed [%s]", key.c_str());
     response->set_success(false);
@@ -259,7 +259,7 @@ void PluginServerCtrl::handle_cmd_depart_done(const PluginCmd& request, PluginCm
     response->set_success(true);  // what is gone has departed
     return;
   }
-  // Without client_mutex, so that a broadcast to a slow host does not keep a hand-shake from
+  // Without client_mutex, so that a broadcast to a slow host does not keep a handshake from
   // ending.
   if (const auto client = client_map.find(task->plugin_id)) client->push_cmd(request);
   const mutex_lock lock(task_mutex);

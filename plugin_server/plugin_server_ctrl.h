@@ -14,7 +14,7 @@
 
 namespace vexo::scsiplugin {
 
-// The registry of subscribers, the table of hand-shakes, and the eight command handlers on them.
+// The registry of subscribers, the table of handshakes, and the eight command handlers on them.
 // One per process; any thread may call anything.
 //
 // Lock order: client_mutex, then a client's write_mutex; task_mutex, then a task's mutex. The two
@@ -47,7 +47,7 @@ class PluginServerCtrl {
   // it.
   void release_all_clients() PLUGIN_EXCLUDES(client_mutex);
 
-  // --- Table of hand-shakes, by task id. ---
+  // --- Table of handshakes, by task id. ---
 
   // Creates a task. False, and nothing done, when a task with this id exists and is younger than
   // TASK_EXPIRY; an older one is replaced. Takes task_mutex.

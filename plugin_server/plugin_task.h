@@ -23,7 +23,7 @@ inline constexpr std::chrono::seconds TASK_WAIT{60};
 // The age at which a task no longer keeps its id from being used again.
 inline constexpr std::chrono::seconds TASK_EXPIRY{300};
 
-// One hand-shake, from its announcement to every host until the relation has departed.
+// One handshake, from its announcement to every host until the relation has departed.
 // Shared by the table and by every handler working on it. A waiter keeps its own pointer, so a task
 // that is deleted meanwhile stays valid, and simply never moves again.
 class plugin_task {

@@ -246,7 +246,7 @@ TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {
   }
 }
 
-// The task is looked up after the broadcast. Somebody may have ended the hand-shake by then.
+// The task is looked up after the broadcast. Somebody may have ended the handshake by then.
 TEST_F(Handlers, InitSnapshotFailsAtOnceWhenItsTaskIsGoneAfterTheBroadcast) {
   const auto slow = subscribe("slow");
   auto stalled = stall("slow");

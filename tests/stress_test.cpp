@@ -92,7 +92,7 @@ TEST(Stress, SubscribersAreReplacedAndVanishWhileCommandsArePushed) {
   static stress& s = *new stress;
   the_conf().set({{"K0", 0xF}, {"K1", 0x103}});
 
-  // Broadcasts and whole hand-shakes, while subscribers are replaced and unsubscribed.
+  // Broadcasts and whole handshakes, while subscribers are replaced and unsubscribed.
   const auto always_there = s.subscribe("always there");
   s.subscribe_on_threads(3, false);
   s.on_threads(2, [](worker* mine) {

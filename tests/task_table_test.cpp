@@ -1,4 +1,4 @@
-// Hand-shakes as the table keeps them: created, refused, expired, waited for, deleted.
+// Handshakes as the table keeps them: created, refused, expired, waited for, deleted.
 
 #include <gtest/gtest.h>
 

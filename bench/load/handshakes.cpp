@@ -13,7 +13,7 @@ using scsiplugin::PluginClient;
 using scsiplugin::PluginCmd;
 using scsiplugin::PluginCmdResp;
 
-// Local callers with a hand-shake each, over and over, and the host that takes part in all of them.
+// Local callers with a handshake each, over and over, and the host that takes part in all of them.
 class callers_and_host {
  public:
   callers_and_host(const server& at, int at_once) : of(at), host_(at.port) {

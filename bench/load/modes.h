@@ -26,7 +26,7 @@ void unary(const blocks& how, const std::vector<server>& servers);
 // is_lun_support for the last LUN of an inventory of `luns`, at one caller.
 void lookup(int luns, const blocks& how, const std::vector<server>& servers);
 
-// Whole hand-shakes, `at_once` of them side by side, with one host that answers all.
+// Whole handshakes, `at_once` of them side by side, with one host that answers all.
 void handshakes(int at_once, const blocks& how, const std::vector<server>& servers);
 
 // What it takes to hold `hosts` subscribers who do nothing.

@@ -117,7 +117,7 @@ std::vector<method> all_methods() {
 }  // namespace
 
 void unary(const blocks& how, const std::vector<server>& servers) {
-  // A hand-shake for the calls to find.
+  // A handshake for the calls to find.
   std::vector<std::unique_ptr<grpc_audience>> hosts;
   for (const auto& at : servers) {
     hosts.push_back(std::make_unique<grpc_audience>(at, 1));

@@ -31,7 +31,7 @@ async function takePart() {
   const depart = { depart_relation_req: { src_lun_id: lun } };
   try {
     console.log('at rest'); // bring the applications to rest before this line
-    if (await saysYes(depart)) await becomes(false, 30, depart); // until the hand-shake is gone
+    if (await saysYes(depart)) await becomes(false, 30, depart); // until the handshake is gone
   } finally {
     console.log('at work'); // and let them go on here, whatever has happened
   }

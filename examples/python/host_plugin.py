@@ -41,7 +41,7 @@ def take_part():
     try:
         print("at rest")  # bring the applications to rest before this line
         if says_yes(depart_relation_req=depart):
-            becomes(False, 30, depart_relation_req=depart)  # until the hand-shake is gone
+            becomes(False, 30, depart_relation_req=depart)  # until the handshake is gone
     finally:
         print("at work")  # and let them go on here, whatever has happened
 

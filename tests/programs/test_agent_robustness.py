@@ -71,7 +71,7 @@ def threads_of(program):
 def test_a_flood_of_announcements_is_bounded(start_agent, luns):
     Appliance([init_snapshot(lun) for lun in luns])
     agent = start_agent(lun="any")
-    agent.wait_for_err(f"no hand-shake: {MOST_HANDSHAKES} are under way, as many as there may be")
+    agent.wait_for_err(f"no handshake: {MOST_HANDSHAKES} are under way, as many as there may be")
     assert threads_of(agent) < MOST_HANDSHAKES + 40
     agent.leave()
 
@@ -83,7 +83,7 @@ def test_threads_that_cannot_be_had_end_no_agent(start_agent):
     no_leaks = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
     agent = start_agent(lun="any", environment=no_leaks, before=("setpriv", f"--reuid={user}",
                                                                  "--clear-groups", "prlimit", "--nproc=50"))
-    agent.wait_for_err("no hand-shake: Resource temporarily unavailable")
+    agent.wait_for_err("no handshake: Resource temporarily unavailable")
     agent.leave()
 
 

@@ -51,7 +51,7 @@ def resident_mib(daemon):
 
 @pytest.mark.fault
 def test_host_stopped(daemon):
-    """host stopped (SIGSTOP) for two hand-shakes, then continued
+    """host stopped (SIGSTOP) for two handshakes, then continued
 
     Must hold: stays listed and delays nobody; receives both announcements when it goes on, each once
     """
@@ -194,9 +194,9 @@ GARBAGE = [  # what a port meets that is open to a network
 @pytest.mark.fault
 def test_garbage(log, daemon):
     """garbage on both endpoints: silence, noise, HTTP/1.1, TLS, broken HTTP/2; 880 connections, half of
-    them cut off, with hand-shakes meanwhile
+    them cut off, with handshakes meanwhile
 
-    Must hold: no handler is reached, nothing is logged, hand-shakes go on; files are as before when it
+    Must hold: no handler is reached, nothing is logged, handshakes go on; files are as before when it
     is over
     """
     host = daemon.subscribe("esx")
@@ -288,7 +288,7 @@ def test_five_thousand_streams(daemon):
 @pytest.mark.fault
 @pytest.mark.slow
 def test_a_day(start_daemon):
-    """a day's traffic within minutes: 1,440 hand-shakes with 16 hosts, 172,800 lists, 9,600 questions,
+    """a day's traffic within minutes: 1,440 handshakes with 16 hosts, 172,800 lists, 9,600 questions,
     64 hosts that come anew, half of them after vanishing
 
     Must hold: nothing is left behind: over the day resident memory grows by less than 0.18 MiB, threads
@@ -333,7 +333,7 @@ def test_a_day(start_daemon):
         live_through(hour, lists)
         wait_until(is_at_rest)
         measured.append((resident_mib(daemon), threads_of(daemon), files_of(daemon)))
-    # Half of what a leak would leave: each hand-shake a task with its key and table node, 256 bytes or
+    # Half of what a leak would leave: each handshake a task with its key and table node, 256 bytes or
     # more; each of 64 subscriptions a thread or a file.
     may_grow = (0.5 * 256 * hours * handshakes / (1 << 20), 1, 1)
     for values, limit, what in zip(zip(*measured), may_grow, ("MiB resident", "threads", "files")):

@@ -1,4 +1,4 @@
-# Many hand-shakes while hosts are killed at random: whatever happens to each of them, it ends.
+# Many handshakes while hosts are killed at random: whatever happens to each of them, it ends.
 
 import concurrent.futures
 import itertools
@@ -16,7 +16,7 @@ from support.waiting import wait_until
 
 LUNS = [f"00000000-0000-0000-0000-00000000000{i}" for i in range(6)]
 
-# How rough it gets. GUARD_CHAOS=300 plays that many hand-shakes with the guard's and the caller's own time
+# How rough it gets. GUARD_CHAOS=300 plays that many handshakes with the guard's and the caller's own time
 # limits, which takes a quarter of an hour; otherwise it is a short piece in a hurry.
 HANDSHAKES = int(os.environ.get("GUARD_CHAOS", 24))
 if "GUARD_CHAOS" in os.environ:
@@ -52,7 +52,7 @@ def test_every_handshake_ends(supervise, start_guard, start_agent):
             over.wait(2 * chance.random())
 
     def take_snapshots(index):
-        """A local caller, one hand-shake after the other: how each ended."""
+        """A local caller, one handshake after the other: how each ended."""
         chance, ends = random.Random(100 + index), []
         while next(begun) < HANDSHAKES:
             time.sleep(chance.uniform(0, LONGEST_PAUSE))

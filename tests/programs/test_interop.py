@@ -1,5 +1,5 @@
 # The programs of examples/: other languages, and an HTTP/2 stack that is none of gRPC's own, take a
-# whole hand-shake through the daemon.
+# whole handshake through the daemon.
 
 import os
 import signal

@@ -41,7 +41,7 @@ def go_to(daemon, volume, hooks):
 
 @pytest.fixture
 def start_over(daemon, volume, hooks):
-    """Ends what is left of the hand-shake, and goes through a whole one."""
+    """Ends what is left of the handshake, and goes through a whole one."""
     def start_over(agent, index):
         assert daemon.call.ask(depart_done(LUN))
         daemon.call.wait_until_listed("host")

@@ -1,4 +1,4 @@
-# plugin_ctl snapshot: however it ends, the daemon is left without its hand-shake, and with everybody
+# plugin_ctl snapshot: however it ends, the daemon is left without its handshake, and with everybody
 # else's.
 
 import json
@@ -20,7 +20,7 @@ from support.waiting import PATIENCE, wait_until
 
 
 class HostPlugin:
-    """Does its part of one hand-shake, as far as it is asked to."""
+    """Does its part of one handshake, as far as it is asked to."""
 
     def __init__(self, daemon, starts=True, departs=True):
         self._stream = daemon.subscribe("")
@@ -113,7 +113,7 @@ def test_leaves_a_task_alone_that_is_not_its_own(daemon, snapshot):
     refused = snapshot()
     assert refused.wait() == 1
     assert outcomes(refused) == "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN"
-    assert "a hand-shake for this LUN is under way" in refused.err
+    assert "a handshake for this LUN is under way" in refused.err
     assert task_is_there(daemon)
     assert somebody.result().success
 
@@ -123,7 +123,7 @@ def test_leaves_alone_what_begins_after_somebody_else_ended_its_own(log, daemon,
     ended = snapshot("--mirror", f"{PLUGIN_CTL} publish depart-done {LUN}")
     assert ended.wait() == 1
     assert outcomes(ended) == "DONE DONE SKIPPED FAILED NOT_RUN NOT_RUN"
-    assert "somebody else ended this hand-shake" in ended.err
+    assert "somebody else ended this handshake" in ended.err
     assert log.count("Depart relation done") == 1
 
 

@@ -37,7 +37,7 @@ void agent::run(interrupt& stop) {
   {
     const std::lock_guard lock(mutex_);
     leaving_ = true;
-    agent_log().info("told to stop; hand-shakes under way: {}", running_.size());
+    agent_log().info("told to stop; handshakes under way: {}", running_.size());
     for (const auto& one : running_) one.shake->stop();
   }
   const int first = stop.count();
@@ -78,11 +78,11 @@ void agent::begin(const std::shared_ptr<appliance>& where, const PluginCmd& comm
   if (leaving_) return;
   const std::string& lun = command.init_snapshot_req().src_lun_p80();
   if (running_.size() >= kMostHandshakes) {
-    agent_log().error("LUN {}: no hand-shake: {} are under way, as many as there may be",
+    agent_log().error("LUN {}: no handshake: {} are under way, as many as there may be",
                       printable(lun), running_.size());
     return;
   }
-  // The daemon announces a LUN again only when its former hand-shake is over.
+  // The daemon announces a LUN again only when its former handshake is over.
   std::shared_ptr<handshake> former;
   for (const auto& one : running_) {
     if (one.where == where && one.shake->lun() == lun) former = one.shake;
@@ -98,7 +98,7 @@ void agent::begin(const std::shared_ptr<appliance>& where, const PluginCmd& comm
     });
   } catch (const std::exception& error) {
     if (!running_.empty() && !running_.back().thread.joinable()) running_.pop_back();
-    agent_log().error("LUN {}: no hand-shake: {}", printable(lun), printable(error.what()));
+    agent_log().error("LUN {}: no handshake: {}", printable(lun), printable(error.what()));
   }
 }
 

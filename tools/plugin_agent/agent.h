@@ -18,10 +18,10 @@
 
 namespace vexo::tools {
 
-// The agent: a subscription at each appliance, and a thread for every hand-shake that they bring.
+// The agent: a subscription at each appliance, and a thread for every handshake that they bring.
 class agent {
  public:
-  // Hand-shakes at once: more than a host has LUNs whose snapshots are taken at the same time, and
+  // Handshakes at once: more than a host has LUNs whose snapshots are taken at the same time, and
   // few enough for the unit's TasksMax=. The next one is refused.
   static constexpr std::size_t kMostHandshakes = 64;
 
@@ -30,7 +30,7 @@ class agent {
   agent(const agent&) = delete;
   agent& operator=(const agent&) = delete;
 
-  // Serves until a signal comes: then finishes or undoes the hand-shakes under way, and returns
+  // Serves until a signal comes: then finishes or undoes the handshakes under way, and returns
   // when all are over. A second signal undoes them at once.
   void run(interrupt& stop);
 
@@ -38,7 +38,7 @@ class agent {
   struct running {
     running(std::shared_ptr<appliance> appliance, std::shared_ptr<handshake> handshake)
         : where(std::move(appliance)), shake(std::move(handshake)) {}
-    // Blocks until the hand-shake, which is told to give up, is over.
+    // Blocks until the handshake, which is told to give up, is over.
     ~running();
     running(const running&) = delete;
     running& operator=(const running&) = delete;
@@ -54,7 +54,7 @@ class agent {
   bool all_ended();
 
   const agent_options& options_;
-  event changed_;  // raised when a hand-shake has ended
+  event changed_;  // raised when a handshake has ended
   std::mutex mutex_;
   std::list<running> running_;  // under mutex_; those of one LUN in the order in which they came
   bool leaving_ = false;        // under mutex_

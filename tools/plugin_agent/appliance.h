@@ -15,7 +15,7 @@
 namespace vexo::tools {
 
 // One appliance's daemon and the connection to it, shared by the subscription, which renews it, and
-// by the hand-shakes. Any thread may call.
+// by the handshakes. Any thread may call.
 class appliance {
  public:
   explicit appliance(endpoint where);
@@ -29,7 +29,7 @@ class appliance {
   std::string name() const;
 
   // How often the connection has been lost so far, as the subscription has seen it: a daemon that
-  // answers after that may be another one, which knows of no hand-shake.
+  // answers after that may be another one, which knows of no handshake.
   unsigned losses() const { return losses_; }
   void count_loss() { ++losses_; }
 

@@ -19,7 +19,7 @@ struct freeze_record {
   std::vector<std::string> hooks;    // paths, in the order in which their `freeze` is run
 };
 
-// The right to freeze on this host, which one hand-shake has at a time: file systems and hooks are
+// The right to freeze on this host, which one handshake has at a time: file systems and hooks are
 // shared by all of them, and hosts need to breathe between two freezes. It is a lock on a file,
 // held across processes: a guardian inherits it, so that a new agent cannot freeze while the
 // guardian of its killed predecessor is still thawing.

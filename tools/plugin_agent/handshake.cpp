@@ -27,7 +27,7 @@ namespace {
 // How often another freeze on this host is looked at.
 constexpr milliseconds kTurnLook{50};
 
-// Ends the hand-shake; the reason of its verdict.
+// Ends the handshake; the reason of its verdict.
 class given_up : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -141,11 +141,11 @@ void handshake::wait_for_mirror() {
     const auto answer = appliance_->lun_op(question, kCallTimeout);
     if (answer.yes) return;
     if (answer.status.ok() && connection_was_lost()) {
-      // A daemon that was started anew knows of no hand-shake and would answer no for ever.
+      // A daemon that was started anew knows of no handshake and would answer no for ever.
       // Asking for the mirror again tells, and cannot be asked each time: it would undo a "mirror
       // done" that comes in between.
       if (const auto known = ask_start_mirror(); known.status.ok() && !known.yes) {
-        throw given_up("the appliance has forgotten the hand-shake: its daemon was started anew");
+        throw given_up("the appliance has forgotten the handshake: its daemon was started anew");
       }
     }
     if (clock::now() >= deadline) throw given_up("the mirror was not done in time (--max-mirror)");

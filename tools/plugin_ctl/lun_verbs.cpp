@@ -13,7 +13,7 @@ using scsiplugin::LunCmdResp;
 using scsiplugin::LunType;
 
 constexpr char kNoTask[] =
-    "no hand-shake is under way for this LUN: the local caller begins one with `plugin_ctl publish "
+    "no handshake is under way for this LUN: the local caller begins one with `plugin_ctl publish "
     "init-snapshot` or `plugin_ctl snapshot`";
 
 // A LUN named by one of its two page identifiers.
@@ -80,13 +80,13 @@ void add_mirror_done(CLI::App& lun, session& with) {
   const auto id = std::make_shared<lun_id>();
   CLI::App* const verb = add_verb(
       lun, with, "mirror-done",
-      "Asks, as a host plugin does, whether the mirror is done. The hand-shake is looked up\n"
+      "Asks, as a host plugin does, whether the mirror is done. The handshake is looked up\n"
       "under the identifier given, so --p83 finds only one that was begun under the NAA.",
       "plugin_ctl lun mirror-done --p80 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6", [&with, id] {
         LunCmd request;
         name_task(*request.mutable_is_mirror_done_req(), *id);
         return ask_lun(with, "is_mirror_done_req", *id, request,
-                       "the mirror is still running (ask again), or there is no hand-shake or no "
+                       "the mirror is still running (ask again), or there is no handshake or no "
                        "such LUN: the daemon's lines in the system log say which");
       });
   add_lun_id_options(*verb, *id);

@@ -1,7 +1,7 @@
 #include <memory>
 #include <string>
 
-#include "hand_shake.h"
+#include "handshake.h"
 #include "verbs.h"
 
 namespace vexo::tools {
@@ -14,7 +14,7 @@ using scsiplugin::PluginCmdResp;
 constexpr char kKey[] = "The source LUN's page-80h identifier";
 
 struct publish_options {
-  hand_shake about;
+  handshake about;
   std::int32_t result = 0;
 };
 
@@ -23,7 +23,7 @@ struct verdict {
   std::chrono::duration<double> took;
 };
 
-verdict publish(session& with, const std::string& name, const hand_shake& about,
+verdict publish(session& with, const std::string& name, const handshake& about,
                 const PluginCmd& command, std::chrono::milliseconds timeout,
                 const std::string& if_interrupted) {
   const auto start = std::chrono::steady_clock::now();
@@ -33,7 +33,7 @@ verdict publish(session& with, const std::string& name, const hand_shake& about,
   return {std::move(answer), std::chrono::steady_clock::now() - start};
 }
 
-exit_code print_verdict(const session& with, const std::string& name, const hand_shake& about,
+exit_code print_verdict(const session& with, const std::string& name, const handshake& about,
                         const verdict& result, const std::string& if_no) {
   return print_verdict(with, name, about.p80, result.answer, result.answer.success(), if_no);
 }
@@ -45,12 +45,12 @@ void add_init_snapshot(CLI::App& publish_app, session& with) {
       "Announces a snapshot to every host and waits up to 60 s for one to start the mirror",
       "plugin_ctl publish init-snapshot --p80 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6",
       [&with, options] {
-        const hand_shake& about = options->about;
+        const handshake& about = options->about;
         const verdict result =
             publish(with, "init_snapshot_req", about, about.init_snapshot(), kHostWaitTimeout,
                     "the daemon goes on waiting for a host, up to 60 s in all; `plugin_ctl publish "
                     "depart-done " +
-                        about.p80 + " --result 1` ends the hand-shake now");
+                        about.p80 + " --result 1` ends the handshake now");
         return print_verdict(with, "init_snapshot_req", about, result,
                              next_after_refused_init(about, result.took));
       });
@@ -66,7 +66,7 @@ void add_mirror_done(CLI::App& publish_app, session& with) {
   CLI::App* const verb = add_verb(
       publish_app, with, "mirror-done", "Reports that the mirror is complete",
       "plugin_ctl publish mirror-done 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6", [&with, options] {
-        const hand_shake& about = options->about;
+        const handshake& about = options->about;
         const verdict result = publish(
             with, "mirror_done_req", about, about.mirror_done(), kCallTimeout,
             "ask with `plugin_ctl lun mirror-done --p80 " + about.p80 + "` whether it has arrived");
@@ -84,10 +84,10 @@ void add_wait_for_depart(CLI::App& publish_app, session& with) {
       publish_app, with, "wait-for-depart",
       "Waits up to 60 s until a host is quiet and the mirror may be split",
       "plugin_ctl publish wait-for-depart 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6", [&with, options] {
-        const hand_shake& about = options->about;
+        const handshake& about = options->about;
         const verdict result =
             publish(with, "wait_for_depart_req", about, about.wait_for_depart(), kHostWaitTimeout,
-                    "wait again, or end the hand-shake with `plugin_ctl publish depart-done " +
+                    "wait again, or end the handshake with `plugin_ctl publish depart-done " +
                         about.p80 + " --result 1`");
         return print_verdict(with, "wait_for_depart_req", about, result,
                              next_after_refused_wait(about, result.took));
@@ -102,15 +102,15 @@ void add_depart_done(CLI::App& publish_app, session& with) {
   const auto options = std::make_shared<publish_options>();
   CLI::App* const verb = add_verb(
       publish_app, with, "depart-done",
-      "Ends a hand-shake. The daemon says yes to a LUN without one too",
+      "Ends a handshake. The daemon says yes to a LUN without one too",
       "plugin_ctl publish depart-done 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6 --result 0",
       [&with, options] {
-        const hand_shake& about = options->about;
+        const handshake& about = options->about;
         const verdict result =
             publish(with, "depart_done_req", about, about.depart_done(options->result),
-                    kCallTimeout, "repeat it: ending a hand-shake twice does no harm");
+                    kCallTimeout, "repeat it: ending a handshake twice does no harm");
         return print_verdict(with, "depart_done_req", about, result,
-                             "this daemon refuses to end hand-shakes: read its lines in the system "
+                             "this daemon refuses to end handshakes: read its lines in the system "
                              "log");
       });
   add_text(*verb, "ID", options->about.p80, kKey)->required();

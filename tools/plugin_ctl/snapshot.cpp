@@ -122,7 +122,7 @@ void snapshot::init_snapshot(SnapshotStep& step) {
 void snapshot::mirror_done(SnapshotStep& step) {
   const auto result = publish(options_.about.mirror_done(), with_.limits());
   if (result.answered() && !result.response.success()) {
-    // Where no mirror is run for a LUN, the host's own question after it has moved the hand-shake
+    // Where no mirror is run for a LUN, the host's own question after it has moved the handshake
     // on, perhaps to its departure already. If it was ended instead, the next step says so.
     step.set_outcome(SnapshotStep::SKIPPED);
     step.set_reason("the daemon's answer is no: a host has gone on without it");
@@ -139,7 +139,7 @@ void snapshot::wait_for_depart(SnapshotStep& step) {
   const bool is_gone = result.took <= kRefusalTime;
   owes_depart_ = !is_gone;
   failure_->why.next =
-      is_gone ? "somebody else ended this hand-shake meanwhile, or the daemon was restarted: its "
+      is_gone ? "somebody else ended this handshake meanwhile, or the daemon was restarted: its "
                 "lines in the system log say which"
               : next_after_refused_wait(options_.about, result.took);
 }
@@ -154,7 +154,7 @@ void snapshot::depart_done(SnapshotStep& step) {
   const auto answer = publish(options_.about.depart_done(result), options);
   if (judge(step, answer, "read the daemon's lines in the system log")) return;
   const std::string leftover =
-      "the daemon may still hold this hand-shake and then refuses the next one of this LUN until "
+      "the daemon may still hold this handshake and then refuses the next one of this LUN until "
       "300 s after its beginning: `plugin_ctl publish depart-done " +
       options_.about.p80 + " --result " + std::to_string(result) + "` removes it";
   std::string& next = failure_->why.next;
@@ -167,7 +167,7 @@ void snapshot::run_command(SnapshotStep& step, const std::string& command) {
     return;
   }
   std::vector<std::string> variables = command_environment(options_.about.init_snapshot());
-  const hand_shake& lun = options_.about;
+  const handshake& lun = options_.about;
   variables.push_back("VEXO_DST_LUN_P80=" + lun.dst_p80);
   variables.push_back("VEXO_DST_LUN_P83=" + lun.dst_p83);
   const command_result result = run_shell_command(command, variables, with_.stop);
@@ -239,7 +239,7 @@ void add_snapshot_verb(CLI::App& app, session& with) {
   CLI::App* const verb = add_verb(
       app, with, "snapshot",
       "Takes a snapshot as the local caller does: announces it to the hosts, runs the mirror\n"
-      "command, waits until a host is quiet, runs the split command, and ends the hand-shake, "
+      "command, waits until a host is quiet, runs the split command, and ends the handshake, "
       "also\n"
       "when something fails or Ctrl-C ends it. The commands are run by /bin/sh with the LUN's\n"
       "identifiers in VEXO_SRC_LUN_P80, VEXO_SRC_LUN_P83, VEXO_SRC_LUN_UUID, VEXO_DST_LUN_UUID,\n"

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "hand_shake.h"
+#include "handshake.h"
 #include "session.h"
 #include "shell_command.h"
 #include "snapshot_report.h"
@@ -12,13 +12,13 @@
 namespace vexo::tools {
 
 struct snapshot_options {
-  hand_shake about;
+  handshake about;
   std::string mirror;  // shell commands; empty when there is nothing to run
   std::string split;
 };
 
 // The local caller's side of one snapshot, from its announcement to its end. Whatever fails or
-// interrupts it, the daemon is told the end of every hand-shake that this run began, and of no
+// interrupts it, the daemon is told the end of every handshake that this run began, and of no
 // other.
 class snapshot {
  public:

@@ -18,7 +18,7 @@ class snapshot_report {
  public:
   snapshot_report(output_format format, std::string task_id);
 
-  // A step that ended. Never throws: a reader that has gone away must not keep a hand-shake from
+  // A step that ended. Never throws: a reader that has gone away must not keep a handshake from
   // being ended, see output_error().
   void ended(SnapshotStep step);
   // The problem that kept a step's line from being printed, if there was one.

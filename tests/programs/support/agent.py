@@ -28,12 +28,12 @@ class Agent(Program):
 
     @property
     def records(self):
-        """Its verdicts on the hand-shakes so far: the lines of JSON in its log."""
+        """Its verdicts on the handshakes so far: the lines of JSON in its log."""
         return [json.loads(line) for line in self.err.splitlines(keepends=True)
                 if line.startswith("{") and line.endswith("\n")]
 
     def record(self, index=0):
-        """The verdict on one hand-shake, waiting for it."""
+        """The verdict on one handshake, waiting for it."""
         wait_until(lambda: len(self.records) > index)
         return self.records[index]
 

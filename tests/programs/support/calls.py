@@ -113,7 +113,7 @@ class Caller:
         wait_until(lambda: self.ids() == sorted(plugin_ids))
 
     def both_sides(self, lun=LUN):
-        """A whole hand-shake, with the steps of the local caller and those of a host in turn."""
+        """A whole handshake, with the steps of the local caller and those of a host in turn."""
         announced = self.begin(init_snapshot(lun))
         wait_until(lambda: self.ask(start_mirror(lun)))
         assert announced.result().success

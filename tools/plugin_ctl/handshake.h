@@ -1,5 +1,5 @@
-#ifndef TOOLS_PLUGIN_CTL_HAND_SHAKE_H_
-#define TOOLS_PLUGIN_CTL_HAND_SHAKE_H_
+#ifndef TOOLS_PLUGIN_CTL_HANDSHAKE_H_
+#define TOOLS_PLUGIN_CTL_HANDSHAKE_H_
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -12,7 +12,7 @@ namespace vexo::tools {
 
 // What a local caller knows about the snapshot it drives, and the four commands made of it. The
 // source LUN's page-80h identifier is also the key of the daemon's task.
-struct hand_shake {
+struct handshake {
   std::string p80;
   std::string p83;
   std::string uuid;
@@ -44,10 +44,10 @@ struct hand_shake {
 inline constexpr std::chrono::milliseconds kRefusalTime = std::chrono::seconds(1);
 
 // What to do after each command's no. `took` is how long the daemon needed for it.
-std::string next_after_refused_init(const hand_shake& about, std::chrono::duration<double> took);
-std::string next_after_refused_mirror_done(const hand_shake& about);
-std::string next_after_refused_wait(const hand_shake& about, std::chrono::duration<double> took);
+std::string next_after_refused_init(const handshake& about, std::chrono::duration<double> took);
+std::string next_after_refused_mirror_done(const handshake& about);
+std::string next_after_refused_wait(const handshake& about, std::chrono::duration<double> took);
 
 }  // namespace vexo::tools
 
-#endif  // TOOLS_PLUGIN_CTL_HAND_SHAKE_H_
+#endif  // TOOLS_PLUGIN_CTL_HANDSHAKE_H_

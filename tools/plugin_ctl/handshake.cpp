@@ -1,4 +1,4 @@
-#include "hand_shake.h"
+#include "handshake.h"
 
 #include "verbs.h"
 
@@ -9,7 +9,7 @@ namespace {
 using scsiplugin::PluginCmd;
 
 // A command without its body.
-PluginCmd header(const hand_shake& about) {
+PluginCmd header(const handshake& about) {
   PluginCmd command;
   command.set_cmd_sn(about.cmd_sn);
   command.set_qel_sn(about.qel_sn);
@@ -18,7 +18,7 @@ PluginCmd header(const hand_shake& about) {
 }
 
 template <class Request>
-void name_source(Request& request, const hand_shake& about) {
+void name_source(Request& request, const handshake& about) {
   request.set_src_lun_uuid(about.uuid);
   request.set_src_lun_p80(about.p80);
   request.set_src_lun_p83(about.p83);
@@ -26,32 +26,32 @@ void name_source(Request& request, const hand_shake& about) {
 
 }  // namespace
 
-void hand_shake::add_source_options(CLI::App& verb) {
+void handshake::add_source_options(CLI::App& verb) {
   add_text(verb, "--p83", p83, "The source LUN's page-83h identifier")->type_name("NAA");
   add_text(verb, "--uuid", uuid, "The source LUN's UUID")->type_name("UUID");
 }
 
-void hand_shake::add_destination_uuid_option(CLI::App& verb) {
+void handshake::add_destination_uuid_option(CLI::App& verb) {
   add_text(verb, "--dst-uuid", dst_uuid, "The destination LUN's UUID")->type_name("UUID");
 }
 
-void hand_shake::add_destination_page_options(CLI::App& verb) {
+void handshake::add_destination_page_options(CLI::App& verb) {
   add_text(verb, "--dst-p80", dst_p80, "The destination LUN's page-80h identifier")
       ->type_name("ID");
   add_text(verb, "--dst-p83", dst_p83, "The destination LUN's page-83h identifier")
       ->type_name("NAA");
 }
 
-void hand_shake::add_replica_option(CLI::App& verb) {
+void handshake::add_replica_option(CLI::App& verb) {
   verb.add_flag("--replica", replica, "Tells the hosts that the snapshot is for a replication");
 }
 
-void hand_shake::add_serial_options(CLI::App& verb) {
+void handshake::add_serial_options(CLI::App& verb) {
   verb.add_option("--cmd-sn", cmd_sn, "The command's sequence number")->type_name("NUMBER");
   add_text(verb, "--qel-sn", qel_sn, "The appliance's serial number")->type_name("TEXT");
 }
 
-PluginCmd hand_shake::init_snapshot() const {
+PluginCmd handshake::init_snapshot() const {
   PluginCmd command = header(*this);
   auto& request = *command.mutable_init_snapshot_req();
   name_source(request, *this);
@@ -60,13 +60,13 @@ PluginCmd hand_shake::init_snapshot() const {
   return command;
 }
 
-PluginCmd hand_shake::mirror_done() const {
+PluginCmd handshake::mirror_done() const {
   PluginCmd command = header(*this);
   name_source(*command.mutable_mirror_done_req(), *this);
   return command;
 }
 
-PluginCmd hand_shake::wait_for_depart() const {
+PluginCmd handshake::wait_for_depart() const {
   PluginCmd command = header(*this);
   auto& request = *command.mutable_wait_for_depart_req();
   request.set_src_lun_uuid(uuid);
@@ -74,7 +74,7 @@ PluginCmd hand_shake::wait_for_depart() const {
   return command;
 }
 
-PluginCmd hand_shake::depart_done(std::int32_t result) const {
+PluginCmd handshake::depart_done(std::int32_t result) const {
   PluginCmd command = header(*this);
   auto& request = *command.mutable_depart_done_req();
   name_source(request, *this);
@@ -85,9 +85,9 @@ PluginCmd hand_shake::depart_done(std::int32_t result) const {
   return command;
 }
 
-std::string next_after_refused_init(const hand_shake& about, std::chrono::duration<double> took) {
+std::string next_after_refused_init(const handshake& about, std::chrono::duration<double> took) {
   if (took <= kRefusalTime) {
-    return "either no host plugin is subscribed (see `plugin_ctl list`), or a hand-shake for this "
+    return "either no host plugin is subscribed (see `plugin_ctl list`), or a handshake for this "
            "LUN is under way or was left behind less than 300 s ago (if you know it to be dead, "
            "`plugin_ctl publish depart-done " +
            about.p80 + " --result 1` removes it)";
@@ -96,15 +96,15 @@ std::string next_after_refused_init(const hand_shake& about, std::chrono::durati
          "this LUN is subscribed over IPv4 (`plugin_ctl list` shows its address), and its log";
 }
 
-std::string next_after_refused_mirror_done(const hand_shake& about) {
-  return "no hand-shake for this LUN waits for its mirror: `plugin_ctl publish init-snapshot "
+std::string next_after_refused_mirror_done(const handshake& about) {
+  return "no handshake for this LUN waits for its mirror: `plugin_ctl publish init-snapshot "
          "--p80 " +
          about.p80 + "` begins one, and a host must have answered it with start_mirror";
 }
 
-std::string next_after_refused_wait(const hand_shake& about, std::chrono::duration<double> took) {
+std::string next_after_refused_wait(const handshake& about, std::chrono::duration<double> took) {
   if (took <= kRefusalTime) {
-    return "no hand-shake for this LUN is under way: `plugin_ctl publish init-snapshot --p80 " +
+    return "no handshake for this LUN is under way: `plugin_ctl publish init-snapshot --p80 " +
            about.p80 + "` begins one";
   }
   return "no host became quiet in time: see the log of its plugin";
