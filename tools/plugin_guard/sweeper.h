@@ -1,5 +1,5 @@
-#ifndef TOOLS_PLUGIN_CTL_GUARD_SWEEPER_H_
-#define TOOLS_PLUGIN_CTL_GUARD_SWEEPER_H_
+#ifndef TOOLS_PLUGIN_GUARD_SWEEPER_H_
+#define TOOLS_PLUGIN_GUARD_SWEEPER_H_
 
 #include <grpcpp/grpcpp.h>
 #include <sys/types.h>
@@ -20,23 +20,23 @@
 namespace vexo::tools {
 
 // Unsubscribes hosts that have vanished, from construction to destruction: the daemon keeps them
-// registered, and its next broadcast would never return from them.
+// registered, and its next broadcast to them would never return.
 //
-// Who has been listed and is no longer has lost its connection, or has unsubscribed by itself, for
-// which a second UnSubscribe changes nothing. A host that subscribes again in the instant between
-// the last look and the UnSubscribe is hit, and is told by the end of its stream.
+// A host that disappears from the list has lost its connection but stays registered, or it has
+// unsubscribed by itself; then a second UnSubscribe changes nothing. A host that subscribes again
+// between the last look and the UnSubscribe is unsubscribed by mistake, and its stream ends.
 //
-// Has one connection to one process of the daemon, and what it knows ends with it: a restarted
-// daemon has nobody to be swept, and its hosts are just coming back.
-class guard_sweeper {
+// Has one connection to one process of the daemon, and forgets the hosts it knew when that ends:
+// nobody has vanished from a restarted daemon yet, and its hosts are just subscribing again.
+class sweeper {
  public:
-  // What the sweeping shows of the daemon. Every call takes the daemon's registry lock.
+  // What the sweeper's calls have shown of the daemon. Each call takes the daemon's registry lock.
   struct view {
-    pid_t process = 0;  // whom it asks; 0 when that cannot be seen from here
-    bool has_asked = false;
-    // The daemon owes an answer since then.
+    pid_t process = 0;  // at the other end of the connection; 0 when it cannot be seen from here
+    bool has_asked = false;  // a call has ended, with or without an answer
+    // When the first of the calls began that are not answered; empty when the last one was.
     std::optional<std::chrono::steady_clock::time_point> unanswered_since;
-    // What is answered instead of a list, and since when without a break; empty otherwise.
+    // The error that the daemon answers with, and since when without a break; empty without one.
     std::string error;
     grpc::StatusCode error_code = grpc::StatusCode::OK;
     std::chrono::steady_clock::time_point error_since;
@@ -44,13 +44,12 @@ class guard_sweeper {
     unsigned sweeps = 0;    // UnSubscribes sent so far
   };
 
-  // Looks every `interval`. A call is given up after `patience`, and after twice as long each time
-  // while none is answered: what was given up goes on waiting in the daemon.
-  guard_sweeper(endpoint where, std::chrono::milliseconds interval,
-                std::chrono::milliseconds patience);
-  ~guard_sweeper();  // cancels a call under way
-  guard_sweeper(const guard_sweeper&) = delete;
-  guard_sweeper& operator=(const guard_sweeper&) = delete;
+  // Looks every `interval`. A call is given up after `patience`. While none is answered, each next
+  // call may take twice as long, because a call that was given up goes on waiting in the daemon.
+  sweeper(endpoint where, std::chrono::milliseconds interval, std::chrono::milliseconds patience);
+  ~sweeper();  // cancels a call under way
+  sweeper(const sweeper&) = delete;
+  sweeper& operator=(const sweeper&) = delete;
 
   view look() const;
 
@@ -61,13 +60,13 @@ class guard_sweeper {
   void run();
   bool connect();
   void sweep();
-  // Who is listed now; empty when there was no answer.
+  // The hosts that are listed now; empty when there was no answer.
   std::optional<ids> list();
-  // Those of known_ that are not listed now.
+  // Those of known_ that are not listed now; empty when there was no answer.
   std::optional<ids> missing();
   void remove(const std::string& plugin_id, clock::time_point last_look);
 
-  // One call, in which the destructor may break in.
+  // One call, which the destructor can cancel. False when it did not end with OK.
   template <class Request, class Response>
   bool ask(grpc::Status (scsiplugin::PluginService::Stub::*method)(grpc::ClientContext*,
                                                                    const Request&, Response*),
@@ -79,9 +78,9 @@ class guard_sweeper {
   const std::chrono::milliseconds interval_;
   const std::chrono::milliseconds patience_;
 
-  // Of the thread.
+  // Used by the thread only.
   std::unique_ptr<scsiplugin::PluginService::Stub> stub_;  // empty: not connected
-  ids known_;                                              // listed at some look, and not removed
+  ids known_;  // listed at some look, and not unsubscribed since
   std::chrono::milliseconds call_patience_;
 
   event stop_;
@@ -94,4 +93,4 @@ class guard_sweeper {
 
 }  // namespace vexo::tools
 
-#endif  // TOOLS_PLUGIN_CTL_GUARD_SWEEPER_H_
+#endif  // TOOLS_PLUGIN_GUARD_SWEEPER_H_

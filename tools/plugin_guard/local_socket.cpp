@@ -1,4 +1,4 @@
-#include "local_socket.h"
+#include "plugin_guard/local_socket.h"
 
 #include <arpa/inet.h>
 #include <grpcpp/create_channel_posix.h>

@@ -1,6 +1,7 @@
-#include "guard.h"
+#include "plugin_guard/guard.h"
 
 #include <syslog.h>
+#include <systemd/sd-daemon.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,11 +12,10 @@
 
 #include "common/call.h"
 #include "common/text.h"
-#include "daemon_evidence.h"
-#include "daemon_process.h"
-#include "guard_status.h"
-#include "local_socket.h"
-#include "service_manager.h"
+#include "plugin_guard/daemon_evidence.h"
+#include "plugin_guard/daemon_process.h"
+#include "plugin_guard/local_socket.h"
+#include "plugin_guard/status.h"
 
 namespace vexo::tools {
 
@@ -23,9 +23,9 @@ namespace {
 
 using std::chrono::system_clock;
 
-// How often to look whether the registry's silence has lasted long enough.
+// How often to look whether a list has stayed unanswered for long enough.
 constexpr std::chrono::milliseconds kTick{100};
-// What is over sooner, as when somebody restarts the daemon, changes no verdict.
+// A failure that is over sooner, as when somebody restarts the daemon, is not reported.
 constexpr std::chrono::seconds kToldAfter{1};
 
 double seconds_since(std::chrono::steady_clock::time_point then) {
@@ -44,8 +44,8 @@ std::string joined(const std::vector<finding>& found) {
 
 }  // namespace
 
-guard::guard(guard_options options, interrupt& stop)
-    : options_(std::move(options)), stop_(stop), watch_(options_.patience) {
+guard::guard(options given, interrupt& stop)
+    : options_(std::move(given)), stop_(stop), watch_(options_.patience) {
   start_sweeper();
   status_.set_guard_since(time_text(system_clock::now()));
   status_.set_since(status_.guard_since());
@@ -54,7 +54,7 @@ guard::guard(guard_options options, interrupt& stop)
 
 void guard::run() {
   report();
-  notify_service_manager("READY=1");
+  sd_notify(0, "READY=1");
   syslog(LOG_NOTICE, "guarding: sweeps every %.3g s, %s the daemon after %.3g s of failure",
          std::chrono::duration<double>(options_.interval).count(),
          options_.may_kill ? "restarts" : "would restart",
@@ -72,7 +72,7 @@ void guard::run() {
     stop_.wait({watch_.fd()}, std::min(watch_.next(), clock::now() + kTick));
   }
   syslog(LOG_NOTICE, "guarding no more: told to end");
-  notify_service_manager("STOPPING=1");
+  sd_notify(0, "STOPPING=1");
   if (!options_.status_file.empty()) std::remove(options_.status_file.c_str());
 }
 
@@ -80,7 +80,7 @@ sighting guard::look() const {
   const auto& process = watch_.process();
   auto registry = sweeper_->look();
   const bool runs = process && process->alive();
-  // What another process leaves unanswered, or one that has ended, is none of this one's doing.
+  // What the sweeper saw of another process, or of one that has ended, says nothing about this one.
   if (process && (!runs || registry.process != process->pid())) registry = {};
   return {registry, watch_.views(), runs, options_.patience};
 }
@@ -146,11 +146,8 @@ void guard::restart_daemon(const finding& reason) {
   }
   last_attempt_ = clock::now();
   try {
-    std::future<std::vector<std::string>> evidence;
-    if (options_.may_kill) {
-      evidence = std::async(std::launch::async, evidence_of, watch_.process()->pid());
-    }
-    const bool failing = lasts(reason, evidence);
+    const daemon_evidence evidence(watch_.process()->pid());
+    const bool failing = lasts(reason);
     last_attempt_ = clock::now();
     if (stop_.requested()) return;
     if (!failing) {
@@ -161,15 +158,12 @@ void guard::restart_daemon(const finding& reason) {
     syslog(LOG_ERR, "%s the daemon, process %d: for %.1f s %s",
            options_.may_kill ? "restarting" : "would restart (--no-kill)", daemon.pid(),
            seconds_since(reason.since), printable(reason.what).c_str());
+    syslog(LOG_NOTICE, "process %d: %s", daemon.pid(), evidence.text().c_str());
     if (!options_.may_kill) return;
     back_off_.note(clock::now());
     told_of_pause_ = false;
     if (!failing_since_) failing_since_ = reason.since;
-    const bool ended = end_process(daemon, stop_);
-    for (const std::string& line : evidence.get()) {
-      syslog(LOG_NOTICE, "process %d: %s", daemon.pid(), line.c_str());
-    }
-    if (!ended) {
+    if (!end_process(daemon, stop_)) {
       complain("the daemon, process " + std::to_string(daemon.pid()) +
                ", does not end: it may hang in a system call");
       return;
@@ -185,13 +179,11 @@ void guard::restart_daemon(const finding& reason) {
   }
 }
 
-bool guard::lasts(const finding& reason, const std::future<std::vector<std::string>>& evidence) {
-  const auto has_come = [&] {
-    return !evidence.valid() ||
-           evidence.wait_for(std::chrono::seconds::zero()) == std::future_status::ready;
-  };
+bool guard::lasts(const finding& reason) {
+  const auto end =
+      std::max(reason.since + options_.fail_after, clock::now() + daemon_evidence::kLoadTime);
   while (last_look_fails(reason)) {
-    if (clock::now() - reason.since >= options_.fail_after && has_come()) return true;
+    if (clock::now() >= end) return true;
     stop_.wait({}, clock::now() + kTick);
     if (stop_.requested()) return false;
   }
@@ -219,10 +211,10 @@ bool guard::last_look_fails(const finding& reason) {
   });
 }
 
-// On a connection made for it: that of the sweeper could be at fault.
+// On a new connection, because the sweeper's own may be what fails.
 bool guard::last_call_fails(const std::function<void()>& meanwhile) {
   unique_fd connection = begin_connection(parse_endpoint(kUnixEndpoint));
-  if (!connection) return errno == EAGAIN;  // as many wait already as may
+  if (!connection) return errno == EAGAIN;  // the queue of connections to accept is full
   if (listener_of(connection.get()) != watch_.process()->pid()) return false;
   const auto stub = scsiplugin::PluginService::NewStub(make_channel(std::move(connection)));
   call_options limits;
@@ -248,7 +240,7 @@ void guard::report() {
   status_.set_sweeps(earlier_sweeps_ + registry.sweeps);
   const auto& process = watch_.process();
   status_.set_daemon_pid(process && process->alive() ? process->pid() : 0);
-  notify_service_manager("WATCHDOG=1");
+  sd_notify(0, "WATCHDOG=1");
   if (options_.status_file.empty()) return;
   try {
     write_status(options_.status_file, status_);

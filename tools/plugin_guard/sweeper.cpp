@@ -1,4 +1,4 @@
-#include "guard_sweeper.h"
+#include "plugin_guard/sweeper.h"
 
 #include <syslog.h>
 
@@ -9,8 +9,8 @@
 #include "common/channel.h"
 #include "common/errors.h"
 #include "common/text.h"
-#include "daemon_process.h"
-#include "local_socket.h"
+#include "plugin_guard/daemon_process.h"
+#include "plugin_guard/local_socket.h"
 
 namespace vexo::tools {
 
@@ -21,20 +21,20 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// Between the look that misses a host and the one that makes sure.
+// Between the look that misses a host and the one that confirms it.
 constexpr milliseconds kSecondLook{100};
 constexpr milliseconds kLongestPatience = std::chrono::hours(1);
 
 }  // namespace
 
-guard_sweeper::guard_sweeper(endpoint where, milliseconds interval, milliseconds patience)
+sweeper::sweeper(endpoint where, milliseconds interval, milliseconds patience)
     : where_(std::move(where)),
       interval_(interval),
       patience_(patience),
       call_patience_(patience),
-      thread_(&guard_sweeper::run, this) {}
+      thread_(&sweeper::run, this) {}
 
-guard_sweeper::~guard_sweeper() {
+sweeper::~sweeper() {
   stop_.raise();
   {
     const std::lock_guard lock(mutex_);
@@ -44,18 +44,18 @@ guard_sweeper::~guard_sweeper() {
   thread_.join();
 }
 
-guard_sweeper::view guard_sweeper::look() const {
+sweeper::view sweeper::look() const {
   const std::lock_guard lock(mutex_);
   return view_;
 }
 
-void guard_sweeper::run() {
+void sweeper::run() {
   do {
     if (stub_ || connect()) sweep();
   } while (!wait_for(stop_, stop_, interval_));
 }
 
-bool guard_sweeper::connect() {
+bool sweeper::connect() {
   unique_fd socket = begin_connection(where_);
   if (!socket) return false;
   const pid_t process = listener_of(socket.get());
@@ -66,7 +66,7 @@ bool guard_sweeper::connect() {
   return true;
 }
 
-void guard_sweeper::sweep() {
+void sweeper::sweep() {
   const auto first = missing();
   if (!first || first->empty() || wait_for(stop_, stop_, std::min(kSecondLook, interval_))) return;
   const auto second = missing();
@@ -81,7 +81,7 @@ void guard_sweeper::sweep() {
   }
 }
 
-std::optional<guard_sweeper::ids> guard_sweeper::list() {
+std::optional<sweeper::ids> sweeper::list() {
   PluginClientList response;
   if (!ask(&PluginService::Stub::PluginConnList, google::protobuf::Empty(), &response)) return {};
   ids listed;
@@ -91,7 +91,7 @@ std::optional<guard_sweeper::ids> guard_sweeper::list() {
   return listed;
 }
 
-std::optional<guard_sweeper::ids> guard_sweeper::missing() {
+std::optional<sweeper::ids> sweeper::missing() {
   const auto listed = list();
   if (!listed) return {};
   known_.insert(listed->begin(), listed->end());
@@ -101,7 +101,7 @@ std::optional<guard_sweeper::ids> guard_sweeper::missing() {
   return gone;
 }
 
-void guard_sweeper::remove(const std::string& plugin_id, clock::time_point last_look) {
+void sweeper::remove(const std::string& plugin_id, clock::time_point last_look) {
   PluginClient request;
   request.set_plugin_id(plugin_id);
   google::protobuf::Empty response;
@@ -115,9 +115,9 @@ void guard_sweeper::remove(const std::string& plugin_id, clock::time_point last_
 }
 
 template <class Request, class Response>
-bool guard_sweeper::ask(grpc::Status (PluginService::Stub::*method)(grpc::ClientContext*,
-                                                                    const Request&, Response*),
-                        const Request& request, Response* response) {
+bool sweeper::ask(grpc::Status (PluginService::Stub::*method)(grpc::ClientContext*, const Request&,
+                                                              Response*),
+                  const Request& request, Response* response) {
   grpc::ClientContext context;
   set_timeout(context, call_patience_);
   if (!begin(&context)) return false;
@@ -126,7 +126,7 @@ bool guard_sweeper::ask(grpc::Status (PluginService::Stub::*method)(grpc::Client
   return status.ok();
 }
 
-bool guard_sweeper::begin(grpc::ClientContext* call) {
+bool sweeper::begin(grpc::ClientContext* call) {
   const std::lock_guard lock(mutex_);
   if (stopped_) return false;
   call_ = call;
@@ -134,7 +134,7 @@ bool guard_sweeper::begin(grpc::ClientContext* call) {
   return true;
 }
 
-void guard_sweeper::end(const grpc::Status& status) {
+void sweeper::end(const grpc::Status& status) {
   const std::lock_guard lock(mutex_);
   call_ = nullptr;
   view_.has_asked = true;
@@ -148,7 +148,7 @@ void guard_sweeper::end(const grpc::Status& status) {
     stub_.reset();
     view_.hosts = 0;
   }
-  // A lost connection is for whoever watches the endpoints to explain.
+  // A lost connection is no error of the list: the watch finds out why.
   if (status.ok() || status.error_code() == grpc::StatusCode::UNAVAILABLE) {
     view_.error.clear();
     view_.error_code = grpc::StatusCode::OK;

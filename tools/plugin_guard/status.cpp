@@ -1,4 +1,4 @@
-#include "guard_status.h"
+#include "plugin_guard/status.h"
 
 #include <fcntl.h>
 #include <google/protobuf/util/json_util.h>

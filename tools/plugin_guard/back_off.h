@@ -1,15 +1,15 @@
-#ifndef TOOLS_PLUGIN_CTL_GUARD_BACK_OFF_H_
-#define TOOLS_PLUGIN_CTL_GUARD_BACK_OFF_H_
+#ifndef TOOLS_PLUGIN_GUARD_BACK_OFF_H_
+#define TOOLS_PLUGIN_GUARD_BACK_OFF_H_
 
 #include <algorithm>
 #include <chrono>
 
 namespace vexo::tools {
 
-// When a daemon may be ended again. Twice within ten minutes at once: what ends a third one is
-// likely to be something that no restart cures. From then on a pause that doubles with each, until
-// ten minutes beyond the pause have passed without one.
-class guard_back_off {
+// When a daemon may be ended again. The first two times there is no pause. A third failure within
+// ten minutes is likely to be one that no restart cures: from then on there is a pause, which
+// doubles each time, until a quiet time of ten minutes more than the pause.
+class back_off {
  public:
   using clock = std::chrono::steady_clock;
 
@@ -23,9 +23,9 @@ class guard_back_off {
     last_ = when;
     ++count_;
   }
-  // The earliest time for the next.
+  // When the next may be ended at the earliest.
   clock::time_point next() const { return last_ + pause(); }
-  // How many were ended without ten quiet minutes in between.
+  // How many were ended since the last quiet time.
   int count() const { return count_; }
 
  private:
@@ -40,4 +40,4 @@ class guard_back_off {
 
 }  // namespace vexo::tools
 
-#endif  // TOOLS_PLUGIN_CTL_GUARD_BACK_OFF_H_
+#endif  // TOOLS_PLUGIN_GUARD_BACK_OFF_H_

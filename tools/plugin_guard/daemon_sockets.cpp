@@ -1,4 +1,4 @@
-#include "daemon_sockets.h"
+#include "plugin_guard/daemon_sockets.h"
 
 #include <netinet/in.h>
 
@@ -23,7 +23,7 @@ struct table_entry {
   std::string number, local, remote, state, queues, timer, retransmits, user, timeout, inode;
 
   bool is_listening() const { return state == "0A"; }
-  // Of a listening socket: what has not been accepted.
+  // For a listening socket: whether connections wait to be accepted.
   bool has_waiting() const { return !queues.ends_with(":00000000"); }
 };
 
@@ -40,7 +40,7 @@ std::vector<table_entry> entries_with(const fs::path& table, const std::string& 
   return found;
 }
 
-// Their inodes; empty when the process cannot be looked into.
+// The inodes of a process's sockets; empty when the process cannot be examined.
 std::set<std::string> sockets_of(const fs::path& process) {
   std::set<std::string> inodes;
   const std::string before = "socket:[";
@@ -56,8 +56,8 @@ std::set<std::string> sockets_of(const fs::path& process) {
   return inodes;
 }
 
-// An IPv4 address as the kernel's tables have it, and a port; in the table of IPv6 that is the end
-// of a mapped one.
+// An IPv4 address and a port in the form of the kernel's tables. A mapped address in the table of
+// IPv6 ends with the same text.
 std::string table_text(std::uint32_t address, std::uint16_t port) {
   std::array<char, 16> text = {};
   std::snprintf(text.data(), text.size(), "%08X:%04X", address, port);
@@ -70,7 +70,7 @@ std::optional<port_use> port_use_of(pid_t pid, std::uint16_t port, std::uint16_t
   const fs::path process = "/proc/" + std::to_string(pid);
   const std::string caller = table_text(htonl(INADDR_LOOPBACK), from);
   const std::string local_port = table_text(0, port).substr(8);
-  // The tables first: what is in them with an inode is then among the process's files.
+  // The tables are read before the files: what they hold with an inode is then among the files.
   auto entries = entries_with(process / "net/tcp", local_port);
   const auto more = entries_with(process / "net/tcp6", local_port);
   entries.insert(entries.end(), more.begin(), more.end());

@@ -1,4 +1,4 @@
-#include "guard_watch.h"
+#include "plugin_guard/watch.h"
 
 #include <netinet/in.h>
 #include <poll.h>
@@ -8,17 +8,17 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "daemon_sockets.h"
-#include "local_socket.h"
+#include "plugin_guard/daemon_sockets.h"
+#include "plugin_guard/local_socket.h"
 
 namespace vexo::tools {
 
 namespace {
 
-// Between two looks, which take turns.
+// Between the end of one look and the next, which is at the other endpoint.
 constexpr std::chrono::milliseconds kPause{500};
 
-// This side's port; 0 when it has none.
+// The port of this side of the connection; 0 when it has none.
 std::uint16_t local_port(int connection) {
   sockaddr_in address = {};
   socklen_t size = sizeof address;
@@ -28,12 +28,12 @@ std::uint16_t local_port(int connection) {
 
 }  // namespace
 
-guard_watch::guard_watch(std::chrono::milliseconds patience) : patience_(patience) {
+watch::watch(std::chrono::milliseconds patience) : patience_(patience) {
   views_[0].where = parse_endpoint(kTcpEndpoint);
   views_[1].where = parse_endpoint(kUnixEndpoint);
 }
 
-void guard_watch::step() {
+void watch::step() {
   if (socket_) {
     pollfd word = {fd(), POLLIN, 0};
     if (poll(&word, 1, 0) > 0) {
@@ -46,22 +46,22 @@ void guard_watch::step() {
   }
 }
 
-void guard_watch::look_at(std::size_t at) {
+void watch::look_at(std::size_t at) {
   socket_.reset();
   current_ = at;
   begin();
 }
 
-void guard_watch::forget() {
-  for (view& one : views_) one.is = condition::unknown;
+void watch::forget() {
+  for (view& one : views_) one.is = condition::not_looked_at;
   socket_.reset();
   next_ = clock::now();
 }
 
-void guard_watch::begin() {
+void watch::begin() {
   begun_ = clock::now();
   if (!is_at_unix_socket() && process_ && !shares_network(process_->pid())) {
-    finish(condition::barred, "the daemon is in another network namespace");
+    finish(condition::local_error, "the daemon is in another network namespace");
     return;
   }
   socket_ = begin_connection(views_[current_].where);
@@ -73,38 +73,38 @@ void guard_watch::begin() {
   if (is_at_unix_socket()) identify_process();
 }
 
-void guard_watch::read_first_word() {
+void watch::read_first_word() {
   char byte = 0;
   const ssize_t size = recv(fd(), &byte, 1, 0);
   if (size > 0) {
     finish(condition::serving);
   } else if (size == 0) {
-    finish(condition::full);
+    finish(condition::closed);
   } else {
     finish_with_error(errno);
   }
 }
 
-void guard_watch::finish_with_error(int error) {
+void watch::finish_with_error(int error) {
   const std::string reason = std::generic_category().message(error);
   switch (error) {
     case ECONNREFUSED:
     case ENOENT:
-      finish(condition::absent, reason);
+      finish(condition::refused, reason);
       return;
     case ECONNRESET:
-      finish(condition::full);
+      finish(condition::closed);
       return;
-    case EAGAIN:  // as many wait already as may
+    case EAGAIN:  // the queue of connections to accept is full
     case ETIMEDOUT:
       finish(condition::silent);
       return;
     default:
-      finish(condition::barred, reason);
+      finish(condition::local_error, reason);
   }
 }
 
-void guard_watch::finish(condition is, const std::string& reason) {
+void watch::finish(condition is, const std::string& reason) {
   view& one = views_[current_];
   bool& served = served_[current_];
   if (is == condition::serving) served = served || is_by_process(is);
@@ -119,7 +119,7 @@ void guard_watch::finish(condition is, const std::string& reason) {
   next_ = one.until + kPause;
 }
 
-void guard_watch::identify_process() {
+void watch::identify_process() {
   if (process_ && process_->pid() == listener_of(fd()) && process_->alive()) return;
   const bool was_known = process_.has_value();
   process_.reset();
@@ -129,15 +129,15 @@ void guard_watch::identify_process() {
     // The next look tries again.
   }
   if (!process_ && !was_known) return;
-  // What was seen of another process says nothing about this one.
-  for (view& one : views_) one.is = condition::unknown;
+  // What was found about another process says nothing about this one.
+  for (view& one : views_) one.is = condition::not_looked_at;
   served_ = {};
 }
 
-bool guard_watch::is_by_process(condition is) const {
+bool watch::is_by_process(condition is) const {
   if (!process_ || !process_->alive()) return false;
   if (is_at_unix_socket()) return true;
-  // Another process may have the port too, and whatever lies between may drop or refuse.
+  // Another process may listen on the port too, and a firewall may drop or refuse the connection.
   const auto use = port_use_of(process_->pid(), views_[current_].where.port, local_port(fd()));
   if (!use) return false;
   switch (is) {
@@ -145,14 +145,14 @@ bool guard_watch::is_by_process(condition is) const {
       return use->has_accepted;
     case condition::silent:
       return use->has_accepted || use->has_waiting;
-    case condition::absent:
+    case condition::refused:
       return !use->listens;
     default:
       return false;
   }
 }
 
-bool guard_watch::is_at_unix_socket() const {
+bool watch::is_at_unix_socket() const {
   return views_[current_].where.kind == endpoint::family::unix_socket;
 }
 

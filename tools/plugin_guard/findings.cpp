@@ -1,10 +1,10 @@
-#include "guard_findings.h"
+#include "plugin_guard/findings.h"
 
 #include <algorithm>
 
 namespace vexo::tools {
 
-using condition = guard_watch::condition;
+using condition = watch::condition;
 using clock = std::chrono::steady_clock;
 
 namespace {
@@ -14,7 +14,7 @@ bool all_are(const sighting& seen, condition what) {
                      [&](const auto& one) { return one.is == what; });
 }
 
-// Both endpoints are absent.
+// Both endpoints refuse connections.
 finding no_daemon(const sighting& seen) {
   const auto since = std::max(seen.endpoints[0].since, seen.endpoints[1].since);
   const auto until = std::min(seen.endpoints[0].until, seen.endpoints[1].until);
@@ -30,9 +30,9 @@ finding no_daemon(const sighting& seen) {
           seen.endpoints[0].by_process ? 0 : 1};
 }
 
-// Of an endpoint that does not serve while the other is in another condition.
+// For one endpoint that does not serve.
 finding endpoint_finding(std::size_t at, const sighting& seen) {
-  const guard_watch::view& one = seen.endpoints[at];
+  const watch::view& one = seen.endpoints[at];
   const std::string& name = one.where.text;
   const bool cures = one.by_process && seen.process_runs;
   const std::string who =
@@ -45,13 +45,13 @@ finding endpoint_finding(std::size_t at, const sighting& seen) {
               one.until,
               cures,
               at};
-    case condition::full:
+    case condition::closed:
       return {GuardStatus::DEGRADED,
               name +
                   " closes new connections at once: the daemon has no file left for one more "
                   "(not restarted for that, which would cut off the hosts it serves)",
               one.since, one.until, false};
-    case condition::absent:
+    case condition::refused:
       return {GuardStatus::DEGRADED,
               name + " is gone: " + one.reason + who,
               one.since,
@@ -68,7 +68,7 @@ finding endpoint_finding(std::size_t at, const sighting& seen) {
 
 bool is_complete(const sighting& seen) {
   return std::all_of(seen.endpoints.begin(), seen.endpoints.end(),
-                     [](const auto& one) { return one.is != condition::unknown; }) &&
+                     [](const auto& one) { return one.is != condition::not_looked_at; }) &&
          (seen.registry.has_asked || seen.endpoints[1].is != condition::serving);
 }
 
@@ -91,12 +91,12 @@ std::vector<finding> findings(const sighting& seen, clock::time_point now) {
     found.push_back({GuardStatus::DEGRADED, "the daemon lists no hosts: " + seen.registry.error,
                      seen.registry.error_since, now, false});
   }
-  if (all_are(seen, condition::absent)) {
+  if (all_are(seen, condition::refused)) {
     found.push_back(no_daemon(seen));
   } else {
     for (std::size_t at = 0; at < seen.endpoints.size(); ++at) {
       const condition is = seen.endpoints[at].is;
-      if (is == condition::unknown || is == condition::serving) continue;
+      if (is == condition::not_looked_at || is == condition::serving) continue;
       found.push_back(endpoint_finding(at, seen));
     }
   }

@@ -1,4 +1,4 @@
-#include "daemon_process.h"
+#include "plugin_guard/daemon_process.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -21,7 +21,7 @@ namespace vexo::tools {
 
 namespace {
 
-constexpr std::chrono::seconds kDyingTime{5};
+constexpr std::chrono::seconds kEndTime{5};
 
 std::string errno_text() { return std::generic_category().message(errno); }
 
@@ -47,7 +47,7 @@ daemon_process daemon_process::behind(int connection) {
         "its process cannot be seen from here: run the guard in the daemon's PID namespace");
   }
   unique_fd fd = open_process(pid);
-  // The connection ends with its listener: as long as it is open the number has not changed hands.
+  // A connection ends with its listener: while it is open, the number still means the same process.
   if (is_closed(connection)) throw std::runtime_error("the connection was closed at once");
   return {pid, std::move(fd)};
 }
@@ -66,7 +66,7 @@ bool end_process(const daemon_process& process, interrupt& stop) {
   for (const int number : {SIGABRT, SIGKILL}) {
     process.signal(number);
     syslog(LOG_ERR, "sent SIG%s to the daemon, process %d", sigabbrev_np(number), process.pid());
-    if (stop.wait({process.fd()}, std::chrono::steady_clock::now() + kDyingTime) !=
+    if (stop.wait({process.fd()}, std::chrono::steady_clock::now() + kEndTime) !=
         interrupt::wake::timeout) {
       break;
     }

@@ -9,16 +9,16 @@
 #include <vector>
 
 #include "common/unique_fd.h"
-#include "daemon_sockets.h"
-#include "guard_back_off.h"
-#include "guard_findings.h"
+#include "plugin_guard/back_off.h"
+#include "plugin_guard/daemon_sockets.h"
+#include "plugin_guard/findings.h"
 
 namespace vexo::tools {
 namespace {
 
 using namespace std::chrono_literals;
 using clock = std::chrono::steady_clock;
-using condition = guard_watch::condition;
+using condition = watch::condition;
 
 // What a restart cures is looked at once more before it.
 enum last_look { kTcp, kUnix, kList, kNotCured };
@@ -42,10 +42,10 @@ TEST(GuardFindings, OnlyWhatTheProcessDoesIsCuredByItsEnd) {
   const auto unanswered_for = [&](clock::duration time) -> change {
     return [=](sighting& seen) { seen.registry.unanswered_since = now - time; };
   };
-  const change tcp_gone = endpoint_is(kTcp, condition::absent, true);
-  const change unix_gone = endpoint_is(kUnix, condition::absent, true);
-  const change tcp_refused = endpoint_is(kTcp, condition::absent, false);
-  const change unix_refused = endpoint_is(kUnix, condition::absent, false);
+  const change tcp_gone = endpoint_is(kTcp, condition::refused, true);
+  const change unix_gone = endpoint_is(kUnix, condition::refused, true);
+  const change tcp_refused = endpoint_is(kTcp, condition::refused, false);
+  const change unix_refused = endpoint_is(kUnix, condition::refused, false);
   const change exhausted = list_is(grpc::StatusCode::RESOURCE_EXHAUSTED);
   const change ended = [](sighting& seen) { seen.process_runs = false; };
   const struct {
@@ -55,8 +55,8 @@ TEST(GuardFindings, OnlyWhatTheProcessDoesIsCuredByItsEnd) {
   } cases[] = {
       {{endpoint_is(kTcp, condition::silent, true)}, GuardStatus::DEGRADED, kTcp},
       {{endpoint_is(kTcp, condition::silent, false)}, GuardStatus::DEGRADED, kNotCured},
-      {{endpoint_is(kTcp, condition::barred, false)}, GuardStatus::DEGRADED, kNotCured},
-      {{endpoint_is(kUnix, condition::full, false)}, GuardStatus::DEGRADED, kNotCured},
+      {{endpoint_is(kTcp, condition::local_error, false)}, GuardStatus::DEGRADED, kNotCured},
+      {{endpoint_is(kUnix, condition::closed, false)}, GuardStatus::DEGRADED, kNotCured},
       {{tcp_refused}, GuardStatus::DEGRADED, kNotCured},
       {{unix_gone}, GuardStatus::DEGRADED, kUnix},
       {{ended, unix_gone}, GuardStatus::DEGRADED, kNotCured},
@@ -129,8 +129,8 @@ TEST(PortUse, TellsWhatAProcessDoesWithItsPort) {
 
 TEST(GuardBackOff, PausesFromTheThirdOfAQuickSuccession) {
   const auto start = clock::now();
-  guard_back_off back_off;
-  EXPECT_LE(back_off.next(), start);
+  back_off pauses;
+  EXPECT_LE(pauses.next(), start);
   // When, after the start, one was ended, and how long after it the next may be. Ten minutes beyond
   // the pause without one, and it begins anew.
   const std::pair<clock::duration, clock::duration> cases[] = {
@@ -138,8 +138,8 @@ TEST(GuardBackOff, PausesFromTheThirdOfAQuickSuccession) {
       {40min, 10min}, {60min, 10min}, {81min, 0min}, {91min, 1min}, {103min, 0min},
   };
   for (const auto& [ended, paused] : cases) {
-    back_off.note(start + ended);
-    EXPECT_EQ(back_off.next() - start - ended, paused)
+    pauses.note(start + ended);
+    EXPECT_EQ(pauses.next() - start - ended, paused)
         << std::chrono::floor<std::chrono::minutes>(ended).count();
   }
 }
