@@ -4,12 +4,8 @@
 #include <string>
 
 #include "plugin_cmd.pb.h"
-#include "session.h"
 
 namespace vexo::tools {
-
-// The plugins whose connection is alive, in the order of their ids. Throws as session::ask.
-scsiplugin::PluginClientList list_plugins(session& with);
 
 // "vmware", and back; the number of a type that is not in the schema, UNKNOWN for another name.
 std::string plugin_type_name(scsiplugin::PluginClient::Type type);

@@ -145,18 +145,19 @@ void snapshot::wait_for_depart(SnapshotStep& step) {
 }
 
 void snapshot::depart_done(SnapshotStep& step) {
-  const std::int32_t result = failure_ ? failed_result_ : 0;
-  step.set_result(result);
+  handshake about = options_.about;
+  about.result = failure_ ? failed_result_ : 0;
+  step.set_result(about.result);
   call_options options = with_.limits();
   options.undisturbed = options.timeout;  // a second Ctrl-C does not leave the task behind
   options.wait_for_ready = true;          // nor does a connection that comes back in time
   const bool first_failure = !failure_.has_value();
-  const auto answer = publish(options_.about.depart_done(result), options);
+  const auto answer = publish(about.depart_done(), options);
   if (judge(step, answer, "read the daemon's lines in the system log")) return;
   const std::string leftover =
       "the daemon may still hold this handshake and then refuses the next one of this LUN until "
       "300 s after its beginning: `plugin_ctl publish depart-done " +
-      options_.about.p80 + " --result " + std::to_string(result) + "` removes it";
+      about.p80 + " --result " + std::to_string(about.result) + "` removes it";
   std::string& next = failure_->why.next;
   next = first_failure ? leftover : next + "; " + leftover;
 }
@@ -248,14 +249,8 @@ void add_snapshot_verb(CLI::App& app, session& with) {
       "plugin_ctl snapshot --p80 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6 \\\n"
       "    --mirror 'lvcreate --snapshot ...' --split 'lvconvert --splitmirrors 1 ...'",
       [&with, options] { return snapshot(with, *options).run(); });
-  add_text(*verb, "--p80", options->about.p80, "The source LUN's page-80h identifier")
-      ->required()
-      ->type_name("ID");
-  options->about.add_source_options(*verb);
-  options->about.add_destination_uuid_option(*verb);
-  options->about.add_destination_page_options(*verb);
-  options->about.add_replica_option(*verb);
-  options->about.add_serial_options(*verb);
+  options->about.add_options(*verb, {"--p80", "--p83", "--uuid", "--dst-uuid", "--dst-p80",
+                                     "--dst-p83", "--replica", "--cmd-sn", "--qel-sn"});
   verb->add_option("--mirror", options->mirror, "Shell command that mirrors the LUN")
       ->type_name("CMD");
   verb->add_option("--split", options->split, "Shell command that splits the mirror")
