@@ -62,7 +62,7 @@ void add_global_options(CLI::App& app, session& with) {
   app.set_version_flag("--version", "plugin_ctl " VEXO_TOOLS_VERSION);
 }
 
-// The command line as far as it was understood: "plugin_ctl lun support".
+// The program and the verbs that were understood: "plugin_ctl lun support".
 std::string understood(const CLI::App& app) {
   std::string text = app.get_name();
   for (const CLI::App* verb : app.get_subcommands()) text += " " + understood(*verb);
@@ -89,7 +89,7 @@ int run(int argc, char** argv) {
   CLI::App app(kDescription, "plugin_ctl");
   app.footer(kExitCodes);
   app.require_subcommand(1);
-  app.fallthrough();  // global options are welcome after the verb too
+  app.fallthrough();  // global options may stand behind the verb too
   add_global_options(app, with);
   add_registry_verbs(app, with);
   add_subscribe_verb(app, with);

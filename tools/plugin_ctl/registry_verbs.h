@@ -7,7 +7,8 @@
 
 namespace vexo::tools {
 
-// "vmware", and back; the number of a type that is not in the schema, UNKNOWN for another name.
+// "vmware" for VMWARE, and back. A type that is not in the schema has its number for a name;
+// another name is UNKNOWN.
 std::string plugin_type_name(scsiplugin::PluginClient::Type type);
 scsiplugin::PluginClient::Type plugin_type_of(const std::string& name);
 
