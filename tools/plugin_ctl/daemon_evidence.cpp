@@ -1,6 +1,6 @@
 #include "daemon_evidence.h"
 
-#include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +20,7 @@
 
 #include "common/child_process.h"
 #include "common/text.h"
+#include "common/unique_fd.h"
 
 namespace vexo::tools {
 
@@ -155,17 +156,19 @@ std::vector<std::string> merged_stacks(const std::string& output, std::string_vi
 }
 
 std::vector<std::string> stacks_from(const debugger& with) {
-  const exec_image image(with.arguments, {"PATH=/usr/bin:/bin", "LC_ALL=C", "HOME=/"});
-  const child_output output(kMostOutput);
-  const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+  const unique_fd output(memfd_create("stacks", MFD_CLOEXEC));
   const std::string name = fs::path(with.arguments.front()).filename();
-  const pid_t child = start_child(image, null.get(), output.fd(), -1);
-  if (child < 0) return {name + " cannot be started"};
+  const pid_t child = start_child({.arguments = with.arguments,
+                                   .environment = {"PATH=/usr/bin:/bin", "LC_ALL=C", "HOME=/"},
+                                   .stdout_fd = output.get(),
+                                   .stderr_fd = output.get()});
   const bool in_time = await_child(child, steady_clock::now() + kStackTime);
   if (in_time || kill_child_group(child)) reap_child(child);
-  auto lines = merged_stacks(output.text(), with.thread_begins);
+  std::string said(kMostOutput, '\0');
+  said.resize(static_cast<std::size_t>(
+      std::max<ssize_t>(pread(output.get(), said.data(), said.size(), 0), 0)));
+  auto lines = merged_stacks(said, with.thread_begins);
   if (lines.empty()) {
-    std::string said = output.text();
     std::replace(said.begin(), said.end(), '\n', ' ');
     constexpr std::size_t kMostSaid = 300;
     return {name + (in_time ? " shows no stack: " : " took too long: ") +
