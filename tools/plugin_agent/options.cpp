@@ -7,10 +7,10 @@
 #include <climits>
 #include <cmath>
 #include <iostream>
-#include <map>
 #include <stdexcept>
 
 #include "common/number_option.h"
+#include "common/plugin_type.h"
 #include "common/text.h"
 #include "plugin_agent/file_system.h"
 #include "plugin_agent/freeze_turn.h"
@@ -51,7 +51,6 @@ milliseconds from_seconds(double seconds) { return milliseconds(std::llround(sec
 struct words {
   std::optional<std::string> config;
   std::vector<std::string> appliances;
-  std::string type = "unknown";
   std::optional<std::string> hooks_dir;
   double max_freeze = 30;
   double poll = 1;
@@ -70,9 +69,7 @@ void declare(CLI::App& app, agent_options& options, words& given) {
   app.add_option("--plugin-id", options.plugin_id,
                  "Name to subscribe under, one for each agent of an appliance")
       ->capture_default_str();
-  app.add_option("--type", given.type, "Kind of host to subscribe as")
-      ->check(CLI::IsMember({"vmware", "windows", "unknown"}))
-      ->capture_default_str();
+  add_type_option(app, options.type, "Kind of host to subscribe as");
   app.add_option("--lun", options.luns,
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
                  "\"any\" takes part in every snapshot");
@@ -158,11 +155,6 @@ void check_freeze(const agent_options& options) {
 }
 
 void convert(agent_options& options, const words& given) {
-  static const std::map<std::string, scsiplugin::PluginClient::Type> types = {
-      {"unknown", scsiplugin::PluginClient::UNKNOWN},
-      {"vmware", scsiplugin::PluginClient::VMWARE},
-      {"windows", scsiplugin::PluginClient::WINDOWS}};
-  options.type = types.at(given.type);
   options.max_freeze = from_seconds(given.max_freeze);
   options.poll = from_seconds(given.poll);
   options.hook_timeout = from_seconds(given.hook_timeout);
