@@ -17,7 +17,7 @@ SANITIZED = BUILD.name in ("asan", "tsan")
 
 
 class Program:
-    """One that goes on while the test does; ended, by its pid, at the end of the test at the latest.
+    """One that runs beside the test; ended, by its pid, at the end of the test at the latest.
 
     `environment` is added to the test's own. What it prints is in `out` and `err`.
     """
@@ -50,7 +50,7 @@ class Program:
 
     @property
     def status(self):
-        """Once it has ended: its exit code, or minus the signal that ended it."""
+        """Its exit code, or minus the signal that ended it; None while it runs."""
         return self._process.poll()
 
     def wait_for_out(self, part):
@@ -96,7 +96,7 @@ def exists(pid):
 
 
 def end_all():
-    """Ends all programs of the test, none of which a sanitizer may have complained about."""
+    """Ends all programs of the test. Fails when a sanitizer has reported anything about one."""
     for program in Program.started:
         program.kill()
     for program in Program.started:
