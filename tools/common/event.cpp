@@ -17,9 +17,11 @@ event::event() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 event::~event() { close(fd_); }
 
 void event::raise() {
-  // Fails only when it has been raised 2^64 - 2 times unseen, and is then raised anyway.
+  // Adds 1 to the counter. It fails only when the counter is at its maximum, so it is raised then.
   [[maybe_unused]] const int result = eventfd_write(fd_, 1);
 }
+
+bool event::raised() const { return wait_for(*this, *this, std::chrono::milliseconds(0)); }
 
 bool event::take() {
   eventfd_t count = 0;

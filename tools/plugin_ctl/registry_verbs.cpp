@@ -1,8 +1,7 @@
-#include "registry_verbs.h"
-
 #include <algorithm>
 #include <memory>
 
+#include "common/plugin_type.h"
 #include "verbs.h"
 
 namespace vexo::tools {
@@ -41,26 +40,6 @@ exit_code unsubscribe(session& with, const std::string& plugin_id) {
 }
 
 }  // namespace
-
-std::string plugin_type_name(PluginClient::Type type) {
-  switch (type) {
-    case PluginClient::UNKNOWN:
-      return "unknown";
-    case PluginClient::VMWARE:
-      return "vmware";
-    case PluginClient::WINDOWS:
-      return "windows";
-    default:
-      return std::to_string(type);
-  }
-}
-
-PluginClient::Type plugin_type_of(const std::string& name) {
-  for (const auto type : {PluginClient::VMWARE, PluginClient::WINDOWS}) {
-    if (plugin_type_name(type) == name) return type;
-  }
-  return PluginClient::UNKNOWN;
-}
 
 void add_registry_verbs(CLI::App& app, session& with) {
   add_verb(app, with, "list", "Lists the host plugins that are subscribed and connected",

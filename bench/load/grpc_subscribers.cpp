@@ -1,4 +1,4 @@
-#include "grpc_audience.h"
+#include "grpc_subscribers.h"
 
 #include <google/protobuf/empty.pb.h>
 
@@ -36,7 +36,7 @@ LunCmd start_mirror(const std::string& id) {
   return cmd;
 }
 
-grpc_audience::grpc_audience(const server& at, int hosts) : local_(at.port) {
+grpc_subscribers::grpc_subscribers(const server& at, int hosts) : local_(at.port) {
   for (int i = 0; i < hosts; ++i) {
     PluginClient self;
     self.set_plugin_id(host_id(hosts_.size()));
@@ -54,17 +54,17 @@ void wait_until_listed(int hosts, grpc_connection* local) {
   } while (list.list_size() != hosts);
 }
 
-void grpc_audience::announce() {
+void grpc_subscribers::announce() {
   local_.call("Publish", init_snapshot(lun(0)), ignore, [this] { released = true; });
 }
 
-void grpc_audience::answer() {
+void grpc_subscribers::answer() {
   hosts_[0]->call("LunOp", start_mirror(lun(0)), ignore, [] {});
 }
 
-void grpc_audience::finish() { local_.ask("Publish", depart_done(lun(0))); }
+void grpc_subscribers::finish() { local_.ask("Publish", depart_done(lun(0))); }
 
-void grpc_audience::leave() {
+void grpc_subscribers::leave() {
   for (std::size_t i = 0; i < hosts_.size(); ++i) {
     PluginClient host;
     host.set_plugin_id(host_id(i));

@@ -1,14 +1,14 @@
-#ifndef BENCH_LOAD_GRPC_AUDIENCE_H_
-#define BENCH_LOAD_GRPC_AUDIENCE_H_
+#ifndef BENCH_LOAD_GRPC_SUBSCRIBERS_H_
+#define BENCH_LOAD_GRPC_SUBSCRIBERS_H_
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "audience.h"
 #include "grpc_connection.h"
 #include "lun_cmd.pb.h"
 #include "plugin_cmd.pb.h"
+#include "subscribers.h"
 
 namespace vexo::bench {
 
@@ -19,10 +19,10 @@ scsiplugin::LunCmd start_mirror(const std::string& id);
 // Returns when the server lists that many subscribers.
 void wait_until_listed(int hosts, grpc_connection* local);
 
-// Subscribers of the daemon, or of its floor.
-class grpc_audience : public audience {
+// Those of the daemon, or of the baseline.
+class grpc_subscribers : public subscribers {
  public:
-  grpc_audience(const server& at, int hosts);
+  grpc_subscribers(const server& at, int hosts);
 
   void announce() override;
   void answer() override;
@@ -39,4 +39,4 @@ class grpc_audience : public audience {
 
 }  // namespace vexo::bench
 
-#endif  // BENCH_LOAD_GRPC_AUDIENCE_H_
+#endif  // BENCH_LOAD_GRPC_SUBSCRIBERS_H_

@@ -1,5 +1,5 @@
-#ifndef BENCH_LOAD_AUDIENCE_H_
-#define BENCH_LOAD_AUDIENCE_H_
+#ifndef BENCH_LOAD_SUBSCRIBERS_H_
+#define BENCH_LOAD_SUBSCRIBERS_H_
 
 #include <memory>
 #include <string>
@@ -12,9 +12,9 @@ namespace vexo::bench {
 std::string lun(int number);
 
 // Hosts, each with a connection of its own to one server, and a local caller beside them.
-class audience {
+class subscribers {
  public:
-  virtual ~audience() = default;
+  virtual ~subscribers() = default;
 
   virtual void announce() = 0;  // sends one command for every host; `delivered` counts them
   virtual void answer() = 0;    // one host answers; `released` tells that the caller was told
@@ -25,8 +25,8 @@ class audience {
 };
 
 // Returns when the server has all of them. They speak the server's protocol.
-std::unique_ptr<audience> gather(const server& at, int hosts);
+std::unique_ptr<subscribers> gather(const server& at, int hosts);
 
 }  // namespace vexo::bench
 
-#endif  // BENCH_LOAD_AUDIENCE_H_
+#endif  // BENCH_LOAD_SUBSCRIBERS_H_

@@ -1,7 +1,7 @@
-// The floor under the daemon's figures: a server of the same library and schema that does the least
+// The baseline of the daemon's figures: a server of the same library and schema that does the least
 // that the wire asks for, without registry or task table.
 //
-//   floor bare|log|work PORT SOCKET
+//   baseline bare|log|work PORT SOCKET
 //
 // `log` makes the daemon's syslog calls as well, `work` in addition what each subscriber costs by
 // contract: whether its call is alive, and its address as text.
@@ -32,7 +32,7 @@ using namespace vexo::scsiplugin;
 bool g_log = false;
 bool g_work = false;
 
-#define FLOOR_LOG(source, line, text, ...)                         \
+#define BASELINE_LOG(source, line, text, ...)                      \
   do {                                                             \
     if (g_log)                                                     \
       syslog(LOG_INFO, "scsi_plugin:%s:%d:%s " text, source, line, \
@@ -93,21 +93,21 @@ bool look_up(const std::string& id) {
   return found;
 }
 
-class floor_service final : public PluginService::Service {
+class baseline_service final : public PluginService::Service {
   grpc::Status Subscribe(grpc::ServerContext* context, const PluginClient* request,
                          grpc::ServerWriter<PluginCmd>* writer) override {
     host& self = host_of(request->plugin_id());
     const auto ip = [&] { return g_work ? address_of(*context) : std::string(); };
-    FLOOR_LOG("plugin_service_impl", 32, "Connected: Plugin ID=%s IP=%s",
-              request->plugin_id().c_str(), ip().c_str());
+    BASELINE_LOG("plugin_service_impl", 32, "Connected: Plugin ID=%s IP=%s",
+                 request->plugin_id().c_str(), ip().c_str());
     self.context = context;
     self.id = request->plugin_id();
     self.writer = writer;
     const std::size_t end = number_of(self.id, g_hosts.size()) + 1;
     for (std::size_t seen = g_hosts_end; seen < end;) g_hosts_end.compare_exchange_weak(seen, end);
     self.left.acquire();
-    FLOOR_LOG("plugin_service_impl", 37, "Disconnect: Plugin ID=%s IP=%s",
-              request->plugin_id().c_str(), ip().c_str());
+    BASELINE_LOG("plugin_service_impl", 37, "Disconnect: Plugin ID=%s IP=%s",
+                 request->plugin_id().c_str(), ip().c_str());
     return grpc::Status::OK;
   }
 
@@ -135,22 +135,22 @@ class floor_service final : public PluginService::Service {
     response->set_success(true);
     if (request->has_start_mirror_req()) {
       const std::string& id = request->start_mirror_req().src_lun_id();
-      FLOOR_LOG(kSource, 122, "Start mirror [%s]", id.c_str());
+      BASELINE_LOG(kSource, 122, "Start mirror [%s]", id.c_str());
       move(state_of(id), 2);
     } else if (request->has_depart_relation_req()) {
       const std::string& id = request->depart_relation_req().src_lun_id();
-      FLOOR_LOG(kSource, 182, "Depart relation start [%s]", id.c_str());
+      BASELINE_LOG(kSource, 182, "Depart relation start [%s]", id.c_str());
       move(state_of(id), 4);
     } else if (request->has_is_mirror_done_req()) {
       const std::string& id = request->is_mirror_done_req().src_lun_id();
-      FLOOR_LOG(kSource, 144, "Check mirror done [%s]", id.c_str());
+      BASELINE_LOG(kSource, 144, "Check mirror done [%s]", id.c_str());
       response->set_success(look_up(id) && state_of(id) == 3);
-      FLOOR_LOG(kSource, 166, "Check mirror done pass [%s]", id.c_str());
+      BASELINE_LOG(kSource, 166, "Check mirror done pass [%s]", id.c_str());
     } else {
       const std::string& id = request->is_lun_support_req().src_lun_id();
-      FLOOR_LOG(kSource, 104, "Check lun support [%s]", id.c_str());
+      BASELINE_LOG(kSource, 104, "Check lun support [%s]", id.c_str());
       response->set_success(look_up(id));
-      FLOOR_LOG(kSource, 108, "Check lun support pass [%s]", id.c_str());
+      BASELINE_LOG(kSource, 108, "Check lun support pass [%s]", id.c_str());
     }
     return grpc::Status::OK;
   }
@@ -161,29 +161,29 @@ class floor_service final : public PluginService::Service {
     response->set_success(true);
     if (request->has_init_snapshot_req()) {
       const std::string& id = request->init_snapshot_req().src_lun_p80();
-      FLOOR_LOG(kSource, 208, "Init snapshots broadcast [%s]", id.c_str());
+      BASELINE_LOG(kSource, 208, "Init snapshots broadcast [%s]", id.c_str());
       state_of(id) = 0;
       PluginCmd cmd = *request;
       cmd.set_task_id(id);
       for (std::size_t i = 0; i < g_hosts_end; ++i) push(cmd, g_hosts[i]);
       wait_for(state_of(id), 2);
-      FLOOR_LOG(kSource, 220, "Init snapshots success(start mirror) [%s]", id.c_str());
+      BASELINE_LOG(kSource, 220, "Init snapshots success(start mirror) [%s]", id.c_str());
       response->mutable_init_snapshot_resp()->set_task_id(id);
       return grpc::Status::OK;
     }
     const std::string& id = request->task_id();
     if (request->has_mirror_done_req()) {
-      FLOOR_LOG(kSource, 234, "Mirror done [%s]", id.c_str());
+      BASELINE_LOG(kSource, 234, "Mirror done [%s]", id.c_str());
       move(state_of(id), 3);
-      FLOOR_LOG(kSource, 244, "Mirror done success [%s]", id.c_str());
+      BASELINE_LOG(kSource, 244, "Mirror done success [%s]", id.c_str());
     } else if (request->has_wait_for_depart_req()) {
-      FLOOR_LOG(kSource, 255, "Wait for depart relation [%s]", id.c_str());
+      BASELINE_LOG(kSource, 255, "Wait for depart relation [%s]", id.c_str());
       wait_for(state_of(id), 4);
-      FLOOR_LOG(kSource, 264, "Wait for depart relation success [%s]", id.c_str());
+      BASELINE_LOG(kSource, 264, "Wait for depart relation success [%s]", id.c_str());
     } else {
-      FLOOR_LOG(kSource, 275, "Depart relation done [%s]", id.c_str());
+      BASELINE_LOG(kSource, 275, "Depart relation done [%s]", id.c_str());
       if (state_of(id).exchange(0) == 0) {
-        FLOOR_LOG(kSource, 278, "Task not exists: [%s]", id.c_str());
+        BASELINE_LOG(kSource, 278, "Task not exists: [%s]", id.c_str());
       }
     }
     return grpc::Status::OK;
@@ -193,8 +193,8 @@ class floor_service final : public PluginService::Service {
     const std::lock_guard lock(to.mutex);
     const auto writer = to.writer.load();
     if (writer == nullptr || (g_work && to.context->IsCancelled())) return;
-    FLOOR_LOG("plugin_client", 37, "push command to plugin_id=%s ip=%s", to.id.c_str(),
-              g_work ? address_of(*to.context).c_str() : "");
+    BASELINE_LOG("plugin_client", 37, "push command to plugin_id=%s ip=%s", to.id.c_str(),
+                 g_work ? address_of(*to.context).c_str() : "");
     writer->Write(cmd);
   }
 };
@@ -203,12 +203,12 @@ class floor_service final : public PluginService::Service {
 
 int main(int argc, char** argv) {
   if (argc != 4) {
-    std::fputs("usage: floor bare|log|work PORT SOCKET\n", stderr);
+    std::fputs("usage: baseline bare|log|work PORT SOCKET\n", stderr);
     return 2;
   }
   g_work = std::string_view(argv[1]) == "work";
   g_log = g_work || std::string_view(argv[1]) == "log";
-  floor_service service;
+  baseline_service service;
   grpc::ServerBuilder builder;
   builder.AddListeningPort(std::string("0.0.0.0:") + argv[2], grpc::InsecureServerCredentials());
   builder.AddListeningPort(std::string("unix://") + argv[3], grpc::InsecureServerCredentials());
