@@ -1,4 +1,4 @@
-// The eight handlers: verdict, state, log lines; and who waits for whom.
+// The eight handlers: their verdicts, state changes, log lines and locks.
 
 #include <grpcpp/impl/client_unary_call.h>
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ struct handler_case {
 
 class Handlers : public service {
  protected:
-  // Runs each case over a new task under `key`, or over none. What is logged names `key`.
+  // Runs each case with a new task under `key`, or without a task. Every line logged names `key`.
   void run(const std::string& key, const std::vector<handler_case>& cases) {
     for (const auto& c : cases) {
       std::visit([&](const auto& request) { run_one(key, c, request); }, c.request);
@@ -52,8 +52,9 @@ class Handlers : public service {
                  (c.before ? " from state " + std::to_string(*c.before) : " without a task"));
     set_task(key, c.before);
     captured_syslog().clear();
-    // The first line comes before anything is done, and every other after. LunOp's handlers of
-    // tasks hold task_mutex from the first line on; the others never log with a registry lock.
+    // The first line is logged before the handler changes anything, all others after. The LunOp
+    // handlers of tasks hold task_mutex from the first line on; the others log without a registry
+    // lock.
     const auto* const lun_cmd = std::get_if<LunCmd>(&c.request);
     const bool locks = lun_cmd && !lun_cmd->has_is_lun_support_req();
     std::size_t lines = 0;
@@ -128,7 +129,7 @@ TEST_F(Handlers, IsMirrorDoneAndIsLunSupport) {
     const LunCmd unknown = is_mirror_done("K", type);
     run("K", {{unknown, TASK_MIRROR_DONE, false, TASK_MIRROR_DONE, {144, 153}}});
   }
-  // One without a mirror moves its task.
+  // On a LUN that needs no mirror the question moves the task.
   for (const auto state : kStates) {
     run(kNaa, {{is_mirror_done(kNaa, LUN_TYPE_83), state, true, TASK_MIRROR_DONE, {144, 160}}});
   }
@@ -161,7 +162,7 @@ TEST_F(Handlers, InitSnapshotIsRefusedWithoutHostsAndWhileItsTaskLives) {
   EXPECT_EQ(host->cmds_waiting(), 0U);
 }
 
-// What reads a state does so without the task's mutex, and so never waits for whoever holds it.
+// Handlers that read a state do not take the task's mutex, so they do not wait for its holder.
 TEST_F(Handlers, AStateIsReadWhileItsTaskIsLocked) {
   the_conf().set({{"K", 0xF}});
   ASSERT_TRUE(ctrl().add_task("K"));
@@ -170,7 +171,7 @@ TEST_F(Handlers, AStateIsReadWhileItsTaskIsLocked) {
   EXPECT_FALSE(call->publish(mirror_done("K")));
 }
 
-// Requests byte by byte, as another program may send them.
+// Requests given as bytes, as any other program may send them.
 TEST_F(Handlers, OnlyWhatIsHandledAndCanBeReadIsCarriedOut) {
   const auto answer_to = [&](const std::string& method, const std::string& bytes) {
     const std::string path = "/vexo.scsiplugin.PluginService/" + method;
@@ -199,14 +200,14 @@ TEST_F(Handlers, OnlyWhatIsHandledAndCanBeReadIsCarriedOut) {
   } cases[] = {
       {"LunOp", "", grpc::CANCELLED, {}},
       {"Publish", "\x08\xff\xff\xff\xff\x0f\x1a\x01x", grpc::CANCELLED, {}},
-      // The last of two members counts; unknown ones are skipped, and so is an unknown LunType.
+      // Of two members the last one counts. Unknown members, and an unknown LunType, are accepted.
       {"LunOp", "\x52\x03\x1a\x01K2\x03\x1a\x01K", grpc::OK, {line(182, "K"), line(185, "K")}},
       {"Publish",
        "\x1a\x01K*\x00\x98\x06\x01\xa2\x06\x02hi"s,
        grpc::OK,
        {line(234, "K"), line(237, "K")}},
       {"LunOp", "\"\x05\x08\x63\x12\x01K", grpc::OK, {line(104, "K"), line(111, "K")}},
-      // Text that is no UTF-8, and a message that is cut short.
+      // Text that is not UTF-8, and a message that is cut short.
       {"LunOp", "R\x04\x1a\x02\xc3\x28", grpc::INTERNAL, {}},
       {"UnSubscribe", "\x0a\x7f", grpc::INTERNAL, {}},
   };
@@ -253,7 +254,7 @@ TEST_F(Handlers, InitSnapshotFailsAtOnceWhenItsTaskIsGoneAfterTheBroadcast) {
   auto publish = announce("K");
   wait_until_needed(stalled);
   EXPECT_TRUE(call->publish(depart_done("K")));
-  // What the next announcement has begun under the same key by then is left to it.
+  // A task that the next announcement has created under the same key stays.
   const auto looking = captured_syslog().watch([](const log_line& logged) {
     if (logged == line(224, "K")) ctrl().add_task("K");
   });

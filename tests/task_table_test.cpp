@@ -1,4 +1,4 @@
-// Handshakes as the table keeps them: created, refused, expired, waited for, deleted.
+// Tasks in the table: created, refused, expired, waited for, deleted.
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@ using namespace scsiplugin;
 using namespace std::chrono_literals;
 using TaskTable = service;
 
-// The exact second is the controller's corpus's to tell, in a time of its own.
+// The fuzz corpus of the controller checks the exact second, with a virtual clock.
 TEST_F(TaskTable, AnExpiredTaskIsReplacedAndLogged) {
   ASSERT_TRUE(ctrl().add_task("K"));
   const auto old = ctrl().find_task("K");

@@ -87,7 +87,7 @@ def test_what_is_no_request_reaches_no_handler(log, daemon, method, request_byte
 
 
 def test_reflects_its_service_and_schema(daemon):
-    """Generic tools ask the server what it serves, and get all they need to call it."""
+    """Generic tools ask the server for its schema and get all that they need to call it."""
     symbol = b"vexo.scsiplugin.PluginService"
     request = b"\x22" + bytes([len(symbol)]) + symbol  # file_containing_symbol
     ask = channel_to(TCP).stream_stream("/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo")
@@ -158,11 +158,11 @@ def test_fifty_handshakes_at_once(log, start_daemon):
 
 
 def test_a_broadcast_that_meets_a_vanished_host_never_returns(log, daemon):
-    """The process lives, and everything that needs no registry is still served."""
+    """The process lives, and all calls that need no registry are still served."""
     daemon.subscribe("vanished").cancel()
     daemon.call.wait_until_listed()
     hung = daemon.call.begin(init_snapshot(LUN))
-    # The broadcast wakes the handler, which logs; its call and its record stay, and are still used.
+    # The broadcast wakes the handler, which logs. Its call and its record stay: they are still used.
     log.wait_for("Disconnect: Plugin ID=vanished")
     with pytest.raises(grpc.RpcError) as unanswered:
         daemon.call.list(timeout=0.3)
@@ -188,7 +188,7 @@ def test_more_hosts_than_files_are_turned_away_until_others_leave(log, start_dae
         for family in 10 * (socket.AF_INET, socket.AF_UNIX):
             assert not is_served(connect(family))
 
-        # Who was there before notices nothing.
+        # Hosts that were connected before notice nothing.
         assert daemon.call.is_listed("host")
         assert daemon.call.ask(is_lun_support(LUN))
         announced = daemon.call.begin(init_snapshot(lun))
