@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "grpc_audience.h"
+#include "grpc_subscribers.h"
 #include "modes.h"
 
 namespace vexo::bench {

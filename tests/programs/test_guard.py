@@ -1,4 +1,4 @@
-# plugin_ctl guard beside the real daemon, which keeps what it has always done: it notices no vanished
+# plugin_guard beside the real daemon, which keeps what it has always done: it notices no vanished
 # host, and stops for nobody.
 
 import concurrent.futures
@@ -16,7 +16,7 @@ import pytest
 from support.calls import LUN, TCP, Caller, Host, init_snapshot
 from support.guard import STATUS_FILE, guard_status, reported
 from support.network import connect, is_served
-from support.program import PLUGIN_CTL, run
+from support.program import PLUGIN_GUARD, run
 from support.waiting import wait_until
 
 
@@ -180,6 +180,16 @@ def test_ends_no_daemon_if_it_may_not(supervisor, start_guard):
     assert supervisor.restarts == 0
 
 
+def test_refuses_options_that_do_not_fit_together():
+    for options, complaint in (("--fail-after 5 --timeout 5", "--timeout is not shorter"),
+                               ("--interval 0", "--interval"),
+                               ("-o json", "--output is for --status only"),
+                               ("--status --no-kill", "--no-kill is for the guard itself")):
+        ended = run(PLUGIN_GUARD, *options.split())
+        assert (options, ended.status) == (options, 2)
+        assert complaint in ended.err
+
+
 @pytest.mark.parametrize("text, age, status, err", [
     ('{"state":"OK","sweeps":3}', 0, 0, ""),
     ('{"state":"DEGRADED","error":"127.0.0.1:3265 is full"}', 0, 1, "is full"),
@@ -193,6 +203,6 @@ def test_ends_no_daemon_if_it_may_not(supervisor, start_guard):
 def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err):
     pathlib.Path(STATUS_FILE).write_text(text)
     os.utime(STATUS_FILE, 2 * (time.time() - age,))
-    ended = run(PLUGIN_CTL, "guard-status", "--status-file", STATUS_FILE)
+    ended = run(PLUGIN_GUARD, "--status", "--status-file", STATUS_FILE)
     assert ended.status == status
     assert err in ended.err

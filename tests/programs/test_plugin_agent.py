@@ -19,24 +19,6 @@ from support.waiting import wait_until
 CONFIG = pathlib.Path("/tmp/agent.toml")
 
 
-@pytest.mark.parametrize("options, complaint", [
-    ("--lun L", "--appliance is required"),
-    ("--appliance nas", "--lun is required"),
-    ("--appliance [::1] --lun L", "IPv4 peers only"),
-    ("--appliance unix:///tmp/s --lun L", "IPv4 peers only"),
-    ("--appliance nas:70000 --lun L", "port"),
-    ("--appliance nas --lun L --type os2", "--type"),
-    ("--appliance nas --lun L --fs data", "no absolute path"),
-    ("--appliance nas --lun L --fs /run", "lies on /run"),
-    (f"--config {CONFIG}", "INI was not able to parse"),
-])
-def test_says_what_is_wrong_with_its_options(options, complaint):
-    CONFIG.write_text('appliances = "nas"\n')
-    ended = run(PLUGIN_AGENT, *options.split())
-    assert ended.status == 2
-    assert complaint in ended.err
-
-
 def test_reads_the_same_keys_from_a_file(daemon):
     CONFIG.write_text(f'appliance = ["127.0.0.1:3265"]\nlun = ["{OTHER_LUN}", "{LUN}"]\n'
                       'plugin-id = "filed"\ntype = "windows"\npoll = 0.05\n')

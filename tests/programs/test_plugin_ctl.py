@@ -150,15 +150,12 @@ def test_refuses_command_lines_that_say_too_little_or_too_much(expect):
             ("list --timeout nan", "no number of seconds"),
             ("list -t host:0", "the port must be a number"),
             ("list -t /tmp/x", "unix:///tmp/x"),
-            ("probe --tcp -t host", "--target together with"),
-            ("guard -t 10.0.0.7", "run the guard on the appliance"),
-            ("guard --fail-after 5 --timeout 5", "--timeout is not shorter"),
-            ("guard --interval 0", "--interval")):
+            ("probe --tcp -t host", "--target together with")):
         expect(line.split(), 2, "", complaint)
 
 
 def test_shows_an_example_in_the_help_of_each_verb(plugin_ctl):
-    more = [[], ["lun"], ["publish"], ["lun", "naa"], ["probe"], ["guard"], ["guard-status"]]
+    more = [[], ["lun"], ["publish"], ["lun", "naa"], ["probe"]]
     for verb in CALLING_VERBS + more:
         ended = plugin_ctl(*verb, "--help")
         assert (verb, ended.status) == (verb, 0)

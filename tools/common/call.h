@@ -10,7 +10,6 @@
 #include "common/channel.h"
 #include "common/event.h"
 #include "common/interrupt.h"
-#include "plugin_service.grpc.pb.h"
 
 namespace vexo::tools {
 
@@ -44,8 +43,6 @@ namespace detail {
 bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& stop,
                    const call_options& options) noexcept;
 }  // namespace detail
-
-using service_stub = scsiplugin::PluginService::StubInterface;
 
 // One unary call: `method` is a member of service_stub. It has a thread of its own, while this one
 // watches for signals; returns when it has ended. Throws std::system_error, before the call, when

@@ -7,8 +7,11 @@
 #include <memory>
 
 #include "common/endpoint.h"
+#include "plugin_service.grpc.pb.h"
 
 namespace vexo::tools {
+
+using service_stub = scsiplugin::PluginService::StubInterface;
 
 // Deadline of a call that the daemon answers at once.
 inline constexpr std::chrono::milliseconds kCallTimeout = std::chrono::seconds(5);

@@ -2,21 +2,20 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
+#include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
-extern "C" {
-#include <sys/pidfd.h>  // of glibc 2.36: does not say itself that it is C
-}
+#include "common/poll_until.h"
+#include "common/unique_fd.h"
 
 namespace vexo::tools {
 
@@ -26,8 +25,6 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kDyingTime{200};
-// How often to look where the kernel has no descriptors for processes.
-constexpr milliseconds kLook{10};
 
 std::vector<char*> pointers_into(std::vector<std::string>& strings) {
   std::vector<char*> pointers;
@@ -37,93 +34,130 @@ std::vector<char*> pointers_into(std::vector<std::string>& strings) {
   return pointers;
 }
 
-bool has_ended(pid_t pid) noexcept {
+void check(int error, const std::string& what) {
+  if (error != 0) throw std::system_error(error, std::generic_category(), what);
+}
+
+class spawn_actions {
+ public:
+  spawn_actions() { check(posix_spawn_file_actions_init(&actions_), "posix_spawn"); }
+  ~spawn_actions() { posix_spawn_file_actions_destroy(&actions_); }
+  spawn_actions(const spawn_actions&) = delete;
+  spawn_actions& operator=(const spawn_actions&) = delete;
+
+  void give(int fd, int as) {
+    if (fd >= 0) check(posix_spawn_file_actions_adddup2(&actions_, fd, as), "posix_spawn");
+  }
+  void open_null(int as) {
+    check(posix_spawn_file_actions_addopen(&actions_, as, "/dev/null", O_RDONLY, 0), "posix_spawn");
+  }
+  void change_directory(const std::string& to) {
+    check(posix_spawn_file_actions_addchdir_np(&actions_, to.c_str()), "posix_spawn");
+  }
+  const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+ private:
+  posix_spawn_file_actions_t actions_ = {};
+};
+
+class spawn_attributes {
+ public:
+  explicit spawn_attributes(bool new_session) {
+    check(posix_spawnattr_init(&attributes_), "posix_spawn");
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes_, &none);
+    sigset_t all;
+    sigfillset(&all);
+    posix_spawnattr_setsigdefault(&attributes_, &all);
+    posix_spawnattr_setpgroup(&attributes_, 0);
+    const int group = new_session ? POSIX_SPAWN_SETSID : POSIX_SPAWN_SETPGROUP;
+    posix_spawnattr_setflags(&attributes_,
+                             static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                                group));  // NOLINT(*-runtime-int)
+  }
+  ~spawn_attributes() { posix_spawnattr_destroy(&attributes_); }
+  spawn_attributes(const spawn_attributes&) = delete;
+  spawn_attributes& operator=(const spawn_attributes&) = delete;
+
+  const posix_spawnattr_t* get() const { return &attributes_; }
+
+ private:
+  posix_spawnattr_t attributes_ = {};
+};
+
+bool has_ended(pid_t pid) {
   siginfo_t info = {};
   return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
          info.si_pid != 0;
 }
 
-[[noreturn]] void become(const exec_image& image, int null_fd, int output_fd, int announce_fd,
-                         pid_t parent_to_die_with) noexcept {
-  setpgid(0, 0);
-  if (parent_to_die_with != 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent_to_die_with) _exit(127);
-  }
-  if (announce_fd >= 0) {
-    child_announcement announcement;
-    announcement.pid = getpid();
-    send(announce_fd, &announcement, sizeof announcement, MSG_NOSIGNAL);
-  }
-  dup2(null_fd, STDIN_FILENO);
-  dup2(output_fd, STDOUT_FILENO);
-  dup2(output_fd, STDERR_FILENO);
-  if (chdir("/") != 0) _exit(127);
-  struct sigaction standard = {};
-  standard.sa_handler = SIG_DFL;
-  for (int signal = 1; signal < SIGRTMAX; ++signal) sigaction(signal, &standard, nullptr);
-  sigset_t none;
-  sigemptyset(&none);
-  pthread_sigmask(SIG_SETMASK, &none, nullptr);
-  execve(image.argv()[0], image.argv(), image.envp());
-  _exit(127);
-}
-
 }  // namespace
 
-exec_image::exec_image(std::vector<std::string> arguments, std::vector<std::string> environment)
-    : arguments_(std::move(arguments)),
-      environment_(std::move(environment)),
-      argv_(pointers_into(arguments_)),
-      envp_(pointers_into(environment_)) {}
-
-child_output::child_output(std::size_t most)
-    : file_(memfd_create("child_output", MFD_CLOEXEC | MFD_ALLOW_SEALING)) {
-  if (!file_ || ftruncate(fd(), static_cast<off_t>(most)) != 0 ||
-      fcntl(fd(), F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK) != 0) {
-    throw std::system_error(errno, std::generic_category(), "a child's output");
+std::vector<std::string> merged_environment(std::vector<std::string> variables) {
+  const auto given = static_cast<std::ptrdiff_t>(variables.size());
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string_view own = *entry;
+    const std::string_view name = own.substr(0, own.find('=') + 1);
+    const bool replaced =
+        std::any_of(variables.begin(), variables.begin() + given,
+                    [&](const std::string& other) { return other.starts_with(name); });
+    if (!replaced) variables.emplace_back(own);
   }
+  return variables;
 }
 
-std::string child_output::text() const {
-  // What was written ends where the file offset stands, which the child shares.
-  const off_t end = lseek(fd(), 0, SEEK_CUR);
-  std::string text(static_cast<std::size_t>(std::max<off_t>(end, 0)), '\0');
-  const ssize_t size = pread(fd(), text.data(), text.size(), 0);
-  text.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-  return text;
-}
-
-pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd,
-                  bool dies_with_us) noexcept {
-  const pid_t parent = dies_with_us ? getpid() : 0;
-  const pid_t pid = fork();
-  if (pid == 0) become(image, null_fd, output_fd, announce_fd, parent);
-  if (pid > 0) setpgid(pid, pid);  // whoever of the two comes first
+pid_t start_child(const child_options& options) {
+  spawn_actions actions;
+  actions.give(options.stdout_fd, STDOUT_FILENO);
+  actions.give(options.stderr_fd, STDERR_FILENO);
+  if (options.stdin_fd >= 0) {
+    actions.give(options.stdin_fd, STDIN_FILENO);
+  } else {
+    actions.open_null(STDIN_FILENO);
+  }
+  if (!options.directory.empty()) actions.change_directory(options.directory);
+  const spawn_attributes attributes(options.new_session);
+  auto arguments = options.arguments;
+  auto environment = options.environment;
+  pid_t pid = 0;
+  check(posix_spawn(&pid, arguments.front().c_str(), actions.get(), attributes.get(),
+                    pointers_into(arguments).data(), pointers_into(environment).data()),
+        "starting " + options.arguments.front());
   return pid;
 }
 
-bool await_child(pid_t pid, steady_clock::time_point deadline) noexcept {
-  pollfd exit_watch = {pidfd_open(pid, 0), POLLIN, 0};
-  for (;;) {
-    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-    if (has_ended(pid) || left.count() <= 0) break;
-    const auto pause = exit_watch.fd < 0 ? std::min(kLook, left) : left;
-    poll(&exit_watch, 1, static_cast<int>(pause.count()));
+int open_pidfd(pid_t pid) {
+  // glibc's own pidfd_open cannot be linked from C++ before 2.37.
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
+bool await_child(pid_t pid, steady_clock::time_point deadline) {
+  constexpr milliseconds kLook{10};  // without a descriptor for the process
+  const unique_fd exit_watch(open_pidfd(pid));
+  while (!has_ended(pid) && steady_clock::now() < deadline) {
+    pollfd watched = {exit_watch.get(), POLLIN, 0};
+    poll_until({&watched, 1},
+               exit_watch ? deadline : std::min(deadline, steady_clock::now() + kLook));
   }
-  if (exit_watch.fd >= 0) close(exit_watch.fd);
   return has_ended(pid);
 }
 
-bool kill_child_group(pid_t pid) noexcept {
+bool kill_child_group(pid_t pid) {
   kill(-pid, SIGKILL);
   return await_child(pid, steady_clock::now() + kDyingTime);
 }
 
-int reap_child(pid_t pid) noexcept {
+int exit_code_of(int wait_status) {
+  return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
+}
+
+int reap_child(pid_t pid) {
   int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return 127;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  while (waitpid(pid, &status, 0) != pid) {
+    if (errno != EINTR) return 127;
+  }
+  return exit_code_of(status);
 }
 
 }  // namespace vexo::tools

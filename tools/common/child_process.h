@@ -4,79 +4,46 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <cstddef>
 #include <string>
 #include <vector>
 
-#include "common/unique_fd.h"
-
 namespace vexo::tools {
 
-// A program's arguments and environment in the form the kernel takes them. Built beforehand, so
-// that a process that may not allocate can start the program.
-class exec_image {
- public:
-  // The first argument is the program's path.
-  exec_image(std::vector<std::string> arguments, std::vector<std::string> environment);
-  exec_image(exec_image&&) = default;
-  exec_image& operator=(exec_image&&) = default;
-  exec_image(const exec_image&) = delete;
-  exec_image& operator=(const exec_image&) = delete;
-  ~exec_image() = default;
+// This program's environment ("NAME=value") with `variables` in place of its own of the same names.
+std::vector<std::string> merged_environment(std::vector<std::string> variables);
 
-  char* const* argv() const { return argv_.data(); }
-  char* const* envp() const { return envp_.data(); }
-
- private:
-  std::vector<std::string> arguments_;
-  std::vector<std::string> environment_;
-  std::vector<char*> argv_;  // into arguments_
-  std::vector<char*> envp_;
+struct child_options {
+  std::vector<std::string> arguments;    // the first is the program's path
+  std::vector<std::string> environment;  // all of it
+  // Which of our descriptors it gets. -1 stands for /dev/null, and for our own stdout and stderr.
+  int stdin_fd = -1;
+  int stdout_fd = -1;
+  int stderr_fd = -1;
+  std::string directory = "/";  // empty: ours
+  bool new_session = false;     // otherwise only a new process group
 };
 
-// Where a child writes: in memory, so that it can while file systems are frozen, and at most `most`
-// bytes, so that a runaway cannot fill it.
-class child_output {
- public:
-  explicit child_output(std::size_t most);  // throws std::system_error
+// Starts the program in a process group of its own, with the signals as a program expects them:
+// none blocked, none ignored. Of our other descriptors it gets those without FD_CLOEXEC. Any thread
+// may call. Throws std::system_error when the program cannot be executed.
+pid_t start_child(const child_options& options);
 
-  int fd() const { return file_.get(); }
-  // What has been written so far.
-  std::string text() const;
-
- private:
-  unique_fd file_;
-};
-
-// The following allocate nothing and take no lock, so that the child of a threaded process may use
-// them.
-
-// Starts the program in a process group of its own, in "/", with no signal blocked, stdin from
-// `null_fd`, stdout and stderr to `output_fd`. With `announce_fd` not -1 the child sends an
-// announcement with its own id down that socket before it becomes the program, so that whoever
-// listens knows of it however the parent ends. Returns its id, or -1 with errno set. A program that
-// cannot be started exits with 127. With `dies_with_us` the program, though not what it starts, is
-// killed when the calling thread ends.
-pid_t start_child(const exec_image& image, int null_fd, int output_fd, int announce_fd,
-                  bool dies_with_us = false) noexcept;
-
-// What a child sends down `announce_fd`. `kind` leads every message on that socket.
-struct child_announcement {
-  static constexpr int kKind = 'p';
-  int kind = kKind;
-  int pid = 0;
-};
+// Readable when the process has ended, which need not be a child. Closed on exec. -1 with errno.
+int open_pidfd(pid_t pid);
 
 // Blocks until the child has ended or `deadline` has passed; true when it has ended. Does not reap
 // it: until then its id belongs to nobody else.
-bool await_child(pid_t pid, std::chrono::steady_clock::time_point deadline) noexcept;
+bool await_child(pid_t pid, std::chrono::steady_clock::time_point deadline);
 
 // Kills the child's whole process group and waits a moment for the child. False when it lives on: a
 // process that writes to a frozen file system, or freezes one, cannot die before that is over.
-bool kill_child_group(pid_t pid) noexcept;
+bool kill_child_group(pid_t pid);
 
-// Reaps an ended child: its exit code, or 128 and the signal that ended it.
-int reap_child(pid_t pid) noexcept;
+// Of a status that waitpid gave: the exit code, or 128 and the signal that ended it.
+int exit_code_of(int wait_status);
+
+// Reaps a child, waiting for its end: exit_code_of it.
+int reap_child(pid_t pid);
 
 }  // namespace vexo::tools
 

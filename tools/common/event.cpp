@@ -1,12 +1,12 @@
 #include "common/event.h"
 
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <system_error>
+
+#include "common/poll_until.h"
 
 namespace vexo::tools {
 
@@ -17,9 +17,11 @@ event::event() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 event::~event() { close(fd_); }
 
 void event::raise() {
-  // Fails only when it has been raised 2^64 - 2 times unseen, and is then raised anyway.
+  // Adds 1 to the counter. It fails only when the counter is at its maximum, so it is raised then.
   [[maybe_unused]] const int result = eventfd_write(fd_, 1);
 }
+
+bool event::raised() const { return wait_for(*this, *this, std::chrono::milliseconds(0)); }
 
 bool event::take() {
   eventfd_t count = 0;
@@ -28,16 +30,7 @@ bool event::take() {
 
 bool wait_for(const event& one, const event& other, std::chrono::milliseconds time) {
   pollfd watched[] = {{one.fd(), POLLIN, 0}, {other.fd(), POLLIN, 0}};
-  const auto end = std::chrono::steady_clock::now() + time;
-  for (;;) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    if (poll(watched, 2,
-             static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0))) > 0) {
-      return true;
-    }
-    if (left.count() <= 0) return false;
-  }
+  return poll_until(watched, std::chrono::steady_clock::now() + time) > 0;
 }
 
 }  // namespace vexo::tools

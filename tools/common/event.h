@@ -5,8 +5,8 @@
 
 namespace vexo::tools {
 
-// A flag that another thread raises and that poll() can watch. Everything written before raise()
-// is seen by whoever saw it raised.
+// A flag that another thread raises and that poll() can watch. What a thread has written before
+// raise() can be read by the thread that saw the flag raised.
 class event {
  public:
   event();  // throws std::system_error
@@ -17,6 +17,7 @@ class event {
   // Readable while raised.
   int fd() const { return fd_; }
   void raise();
+  bool raised() const;
   // Lowers the flag; true when it was raised.
   bool take();
 
@@ -24,7 +25,8 @@ class event {
   int fd_;
 };
 
-// True when one of the two is raised within `time`; they may be the same.
+// Blocks until one of the two, which may be the same, is raised, at most for `time`. True when one
+// is.
 bool wait_for(const event& one, const event& other, std::chrono::milliseconds time);
 
 }  // namespace vexo::tools

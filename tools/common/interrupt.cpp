@@ -1,17 +1,15 @@
 #include "common/interrupt.h"
 
-#include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cassert>
 #include <cerrno>
 #include <csignal>
-#include <limits>
 #include <system_error>
-#include <thread>
+
+#include "common/poll_until.h"
 
 namespace vexo::tools {
 
@@ -36,7 +34,6 @@ int interrupt::count() noexcept {
 
 interrupt::wake interrupt::wait(std::initializer_list<int> fds,
                                 std::chrono::steady_clock::time_point deadline, int seen) noexcept {
-  constexpr std::chrono::milliseconds kNap{10};
   assert(fds.size() <= kMostFds);
   std::array<pollfd, kMostFds + 1> watched = {};
   nfds_t used = 0;
@@ -45,16 +42,11 @@ interrupt::wake interrupt::wait(std::initializer_list<int> fds,
   watched[signals] = {fd_, POLLIN, 0};
   for (;;) {
     const bool interrupted = count() > seen;
-    // Rounded up, so that a wait never spins through its last millisecond.
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    const int patience = static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(
-        left.count(), 0, std::numeric_limits<int>::max()));
-    const int ready = poll(watched.data(), used, interrupted ? 0 : patience);
+    const int ready = poll_until({watched.data(), used},
+                                 interrupted ? std::chrono::steady_clock::time_point() : deadline);
     if (ready > (watched[signals].revents != 0 ? 1 : 0)) return wake::ready;
     if (interrupted) return wake::interrupted;
-    if (left.count() <= 0) return wake::timeout;
-    if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kNap);  // short of kernel memory
+    if (ready == 0) return wake::timeout;
   }
 }
 

@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/child_process.h"
 #include "plugin_agent/file_system.h"
 #include "plugin_agent/memory_lock.h"
 #include "plugin_agent/survival.h"
@@ -275,7 +276,7 @@ void watch::run_due_hooks() noexcept {
     if (!hooks_[i].due) continue;
     hooks_[i].due = false;
     set_oom_score(hooks_oom_score_);
-    const pid_t pid = start_child(*hooks_[i].thaw, null_.get(), null_.get(), -1);
+    const pid_t pid = start_guarded_child(*hooks_[i].thaw, null_.get(), null_.get(), -1);
     set_oom_score(kGuardianOomScore);
     if (pid < 0) continue;
     if (await_child(pid, steady_clock::now() + plan_.hook_timeout) || kill_child_group(pid)) {

@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <vector>
 
-#include "common/child_process.h"
 #include "common/unique_fd.h"
+#include "plugin_agent/guarded_child.h"
 
 namespace vexo::tools {
 

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "common/child_process.h"
+#include "plugin_agent/guarded_child.h"
 #include "plugin_agent/guardian.h"
 
 namespace vexo::tools {
@@ -45,17 +46,6 @@ std::string why_refused(const std::string& path) {
 
 bool has_control_character(const std::string& text) {
   return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; });
-}
-
-std::vector<std::string> with_own_environment(std::vector<std::string> added) {
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    const std::string text = *variable;
-    const auto same_name = [&, name = text.substr(0, text.find('=') + 1)](const auto& other) {
-      return other.starts_with(name);
-    };
-    if (std::none_of(added.begin(), added.end(), same_name)) added.push_back(text);
-  }
-  return added;
 }
 
 }  // namespace
@@ -90,7 +80,7 @@ hook_listing list_hooks(const std::string& directory) {
 }
 
 hook_runner::hook_runner(std::vector<std::string> environment)
-    : environment_(with_own_environment(std::move(environment))),
+    : environment_(merged_environment(std::move(environment))),
       null_(open("/dev/null", O_RDWR | O_CLOEXEC)) {
   if (!null_) throw std::system_error(errno, std::generic_category(), "/dev/null");
 }
@@ -109,8 +99,8 @@ hook_run hook_runner::run(const hook& which, const std::string& phase, milliseco
   // A guardian takes care of freeze hooks, and a thaw hook is to go on. Nobody else would end a
   // prepare hook that hangs when the agent has been killed.
   const pid_t pid =
-      start_child(image, null_.get(), output.fd(), watcher == nullptr ? -1 : watcher->announce_fd(),
-                  phase == "prepare");
+      start_guarded_child(image, null_.get(), output.fd(),
+                          watcher == nullptr ? -1 : watcher->announce_fd(), phase == "prepare");
   if (pid < 0)
     throw std::system_error(errno, std::generic_category(), "start of hook " + which.name);
 

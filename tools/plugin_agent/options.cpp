@@ -7,14 +7,15 @@
 #include <climits>
 #include <cmath>
 #include <iostream>
-#include <map>
 #include <stdexcept>
 
 #include "common/number_option.h"
+#include "common/plugin_type.h"
 #include "common/text.h"
 #include "plugin_agent/file_system.h"
 #include "plugin_agent/freeze_turn.h"
 #include "plugin_agent/hooks.h"
+#include "plugin_agent/options_file.h"
 
 namespace vexo::tools {
 
@@ -48,8 +49,8 @@ milliseconds from_seconds(double seconds) { return milliseconds(std::llround(sec
 
 // The words as given on the command line; checked and converted afterwards.
 struct words {
+  std::optional<std::string> config;
   std::vector<std::string> appliances;
-  std::string type = "unknown";
   std::optional<std::string> hooks_dir;
   double max_freeze = 30;
   double poll = 1;
@@ -59,18 +60,16 @@ struct words {
 
 void declare(CLI::App& app, agent_options& options, words& given) {
   app.set_version_flag("--version", "plugin_agent " VEXO_TOOLS_VERSION);
-  app.set_config("--config", "", "Read these options from a TOML or INI file: lun = [\"...\"]")
-      ->type_name("FILE");
-  app.allow_config_extras(CLI::config_extras_mode::error);
+  app.add_option("--config", given.config, "Read these options from a TOML file: lun = [\"...\"]")
+      ->type_name("FILE")
+      ->configurable(false);
   app.footer(kExamples);
   app.add_option("--appliance", given.appliances,
                  "HOST[:PORT] of an appliance to serve, reached by IPv4 (repeatable)");
   app.add_option("--plugin-id", options.plugin_id,
                  "Name to subscribe under, one for each agent of an appliance")
       ->capture_default_str();
-  app.add_option("--type", given.type, "Kind of host to subscribe as")
-      ->check(CLI::IsMember({"vmware", "windows", "unknown"}))
-      ->capture_default_str();
+  add_type_option(app, options.type, "Kind of host to subscribe as");
   app.add_option("--lun", options.luns,
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
                  "\"any\" takes part in every snapshot");
@@ -81,20 +80,20 @@ void declare(CLI::App& app, agent_options& options, words& given) {
   app.add_option("--max-freeze", given.max_freeze,
                  "Seconds after which the host is thawed whatever the appliance does")
       ->check(number_between(0.1, kLongestFreeze))
-      ->type_name("SECONDS")
+      ->type_name(kSeconds)
       ->capture_default_str();
   app.add_option("--poll", given.poll, "Seconds between two questions to the appliance")
       ->check(number_between(0.05, 60.0))
-      ->type_name("SECONDS")
+      ->type_name(kSeconds)
       ->capture_default_str();
   app.add_option("--hook-timeout", given.hook_timeout, "Seconds that one hook may take")
       ->check(number_between(0.1, 600.0))
-      ->type_name("SECONDS")
+      ->type_name(kSeconds)
       ->capture_default_str();
   app.add_option("--max-mirror", given.max_mirror,
                  "Seconds after which a mirror that is never done is given up")
       ->check(number_between(1.0, 86400.0 * 30))
-      ->type_name("SECONDS")
+      ->type_name(kSeconds)
       ->capture_default_str();
   app.add_option("--run-dir", options.run_dir, "Where the record of a freeze is kept; on a tmpfs")
       ->type_name("DIR")
@@ -137,19 +136,25 @@ void check_mount_point(const std::string& path, const agent_options& options) {
   }
 }
 
+template <class Check>
+void name_option_in_error(const std::string& option, Check check) {
+  try {
+    check();
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(option + ": " + error.what());
+  }
+}
+
 void check_freeze(const agent_options& options) {
   if (!options.freezes()) return;
-  make_run_directory(options.run_dir);
+  name_option_in_error("--run-dir", [&] { make_run_directory(options.run_dir); });
   for (const auto& mount_point : options.mount_points) check_mount_point(mount_point, options);
-  if (!options.hooks_dir.empty()) list_hooks(options.hooks_dir);
+  if (!options.hooks_dir.empty()) {
+    name_option_in_error("--hooks", [&] { list_hooks(options.hooks_dir); });
+  }
 }
 
 void convert(agent_options& options, const words& given) {
-  static const std::map<std::string, scsiplugin::PluginClient::Type> types = {
-      {"unknown", scsiplugin::PluginClient::UNKNOWN},
-      {"vmware", scsiplugin::PluginClient::VMWARE},
-      {"windows", scsiplugin::PluginClient::WINDOWS}};
-  options.type = types.at(given.type);
   options.max_freeze = from_seconds(given.max_freeze);
   options.poll = from_seconds(given.poll);
   options.hook_timeout = from_seconds(given.hook_timeout);
@@ -185,22 +190,6 @@ bool agent_options::concerns(const scsiplugin::InitSnapshotReq& request) const {
   });
 }
 
-namespace {
-
-// An option that is not on the command line stands in the file, if there is one: what is wrong is
-// then looked for there.
-std::string complaint(const std::string& what, const CLI::App& app, int argc, char** argv) {
-  const auto* const config = app.get_config_ptr();
-  if (config->count() == 0) return what;
-  const std::string option = what.substr(0, what.find_first_of(" :"));
-  const bool on_command_line = std::any_of(argv, argv + argc, [&](const std::string word) {
-    return word == option || word.starts_with(option + "=");
-  });
-  return on_command_line ? what : config->as<std::string>() + ": " + what;
-}
-
-}  // namespace
-
 std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_code& end) {
   CLI::App app(
       "Takes part in an appliance's snapshots as a host: brings the host's applications and file\n"
@@ -210,14 +199,16 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   options.plugin_id = host_name();
   words given;
   declare(app, options, given);
+  options_file file;
   const auto complain = [&](const std::exception& error, exit_code why) {
-    std::cerr << "plugin_agent: " << printable(complaint(error.what(), app, argc, argv))
+    std::cerr << "plugin_agent: " << printable(file.located(error.what(), app))
               << "\nRun with --help for more information.\n";
     end = why;
     return std::nullopt;
   };
   try {
     app.parse(argc, argv);
+    if (given.config) file.read(*given.config, app);
     convert(options, given);
     return options;
   } catch (const CLI::Success& help_or_version) {

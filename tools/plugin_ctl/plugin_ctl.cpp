@@ -114,7 +114,6 @@ int run(int argc, char** argv) {
   add_publish_verbs(app, with);
   add_snapshot_verb(app, with);
   add_probe_verb(app, with);
-  add_guard_verbs(app, with);
 
   try {
     app.parse(argc, argv);

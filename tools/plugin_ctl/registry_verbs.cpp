@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "common/plugin_type.h"
 #include "verbs.h"
 
 namespace vexo::tools {
@@ -81,26 +82,6 @@ PluginClientList list_plugins(session& with) {
   std::sort(plugins.mutable_list()->begin(), plugins.mutable_list()->end(),
             [](const auto& a, const auto& b) { return a.plugin_id() < b.plugin_id(); });
   return plugins;
-}
-
-std::string plugin_type_name(PluginClient::Type type) {
-  switch (type) {
-    case PluginClient::UNKNOWN:
-      return "unknown";
-    case PluginClient::VMWARE:
-      return "vmware";
-    case PluginClient::WINDOWS:
-      return "windows";
-    default:
-      return std::to_string(type);
-  }
-}
-
-PluginClient::Type plugin_type_of(const std::string& name) {
-  for (const auto type : {PluginClient::VMWARE, PluginClient::WINDOWS}) {
-    if (plugin_type_name(type) == name) return type;
-  }
-  return PluginClient::UNKNOWN;
 }
 
 void add_registry_verbs(CLI::App& app, session& with) {

@@ -1,8 +1,6 @@
 #ifndef TOOLS_PLUGIN_CTL_REGISTRY_VERBS_H_
 #define TOOLS_PLUGIN_CTL_REGISTRY_VERBS_H_
 
-#include <string>
-
 #include "plugin_cmd.pb.h"
 #include "session.h"
 
@@ -10,10 +8,6 @@ namespace vexo::tools {
 
 // The plugins whose connection is alive, in the order of their ids. Throws as session::ask.
 scsiplugin::PluginClientList list_plugins(session& with);
-
-// "vmware", and back; the number of a type that is not in the schema, UNKNOWN for another name.
-std::string plugin_type_name(scsiplugin::PluginClient::Type type);
-scsiplugin::PluginClient::Type plugin_type_of(const std::string& name);
 
 }  // namespace vexo::tools
 

@@ -17,7 +17,6 @@ void add_lun_verbs(CLI::App& app, session& with);
 void add_publish_verbs(CLI::App& app, session& with);
 void add_snapshot_verb(CLI::App& app, session& with);
 void add_probe_verb(CLI::App& app, session& with);
-void add_guard_verbs(CLI::App& app, session& with);
 
 // A verb whose help ends with `example`, one or more command lines. `run` may hold the verb's
 // options, which are filled in by then.

@@ -12,6 +12,7 @@ SOURCE = pathlib.Path(__file__).resolve().parents[3]
 BUILD = pathlib.Path(os.environ["SCSI_PLUGIN_BUILD"])
 SCSI_PLUGIN_SERVER = BUILD / "plugin_server/scsi_plugin_server"
 PLUGIN_CTL = BUILD / "tools/plugin_ctl/plugin_ctl"
+PLUGIN_GUARD = BUILD / "tools/plugin_guard/plugin_guard"
 PLUGIN_AGENT = BUILD / "tools/plugin_agent/plugin_agent"
 SANITIZED = BUILD.name in ("asan", "tsan")
 
