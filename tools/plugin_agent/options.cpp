@@ -71,7 +71,7 @@ void declare(CLI::App& app, agent_options& options, words& given) {
                  "HOST[:PORT] of an appliance to serve, reached by IPv4 (repeatable)");
   app.add_option("--plugin-id", options.plugin_id,
                  "Name to subscribe under, one for each agent of an appliance")
-      ->capture_default_str();
+      ->default_str("this host's name");
   add_type_option(app, options.type, "Kind of host to subscribe as");
   app.add_option("--lun", options.luns,
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
