@@ -7,6 +7,7 @@ import signal
 import time
 
 import pytest
+from google.protobuf.empty_pb2 import Empty
 
 from plugin_cmd_pb2 import PluginClient, PluginClientList, PluginCmd
 from plugin_service_pb2_grpc import PluginServiceServicer
@@ -261,13 +262,20 @@ class ForgetfulDaemon(PluginServiceServicer):
     """It has forgotten its first subscriber, as after an UnSubscribe that came between its registering
     of the stream and its waiting on it."""
 
-    subscriptions = 0
+    def __init__(self):
+        self.subscriptions = 0
+        self.connected = []  # at each UnSubscribe, whether the stream was still open
 
     def Subscribe(self, request, context):
         self.subscriptions += 1
+        self.stream = context
         while context.is_active():
             time.sleep(0.005)
         yield from ()
+
+    def UnSubscribe(self, request, context):
+        self.connected.append(self.stream.is_active())
+        return Empty()
 
     def PluginConnList(self, request, context):
         return PluginClientList(list=[PluginClient(plugin_id="host")] if self.subscriptions > 1 else [])
@@ -278,4 +286,6 @@ def test_subscribes_again_when_it_is_connected_but_not_listed(start_agent):
     serve(service)
     agent = start_agent()
     assert service.subscriptions == 2
+    # The daemon has to forget a subscriber before it vanishes, and one that it registers late after that.
+    assert service.connected[0] and len(service.connected) == 2
     assert "does not list this host" in agent.err
