@@ -70,20 +70,34 @@ def test_replaces_a_stale_socket_file(start_daemon):
     assert start_daemon(directory=None).call.ids() == []
 
 
-@pytest.mark.parametrize("method, request_bytes, status", [
-    ("LunOp", b"\x52\x04\x1a\x02\xc3\x28", grpc.StatusCode.INTERNAL),  # bad UTF-8 in start_mirror_req
-    ("Publish", b"\x1a\x01\xff\x2a", grpc.StatusCode.INTERNAL),
-    ("UnSubscribe", b"\x0a\x7f", grpc.StatusCode.INTERNAL),  # cut short
-    ("Unsubscribe", b"", grpc.StatusCode.UNIMPLEMENTED),
-    ("PluginConnList", b"", grpc.StatusCode.OK),
-    ("PluginConnList", b"\x0a\x01x", grpc.StatusCode.OK),  # an unknown field
-])
-def test_what_is_no_request_reaches_no_handler(log, daemon, method, request_bytes, status):
-    call = channel_to(TCP).unary_unary(f"/vexo.scsiplugin.PluginService/{method}").future(
-        request_bytes, timeout=PATIENCE, wait_for_ready=True)
-    assert call.code() == status
-    assert status != grpc.StatusCode.OK or call.result() == b""
-    assert log.lines() == LISTENING
+def test_only_what_is_handled_and_can_be_read_is_carried_out(log, daemon):
+    """Requests byte by byte, as another program may send them."""
+    ok, cancelled, internal = (grpc.StatusCode[name] for name in ("OK", "CANCELLED", "INTERNAL"))
+    empty_bodies = [(method, bytes([number << 3 | 2, 0]), ok if number in handled else cancelled, None)
+                    for method, handled in (("LunOp", (4, 5, 6, 10)), ("Publish", (4, 5, 6, 7)))
+                    for number in range(3, 13)]
+    channel = channel_to(TCP)
+    for method, request, status, logged in [
+            *empty_bodies,
+            ("LunOp", b"", cancelled, []),
+            ("Publish", b"\x08\xff\xff\xff\xff\x0f\x1a\x01x", cancelled, []),
+            # The last of two bodies counts. Unknown fields are skipped; so is an unknown LunType.
+            ("LunOp", b"\x52\x03\x1a\x01K2\x03\x1a\x01K", ok, [182, 185]),
+            ("Publish", b"\x1a\x01K*\x00\x98\x06\x01\xa2\x06\x02hi", ok, [234, 237]),
+            ("LunOp", b"\"\x05\x08\x63\x12\x01K", ok, [104, 111]),
+            ("LunOp", b"\x52\x04\x1a\x02\xc3\x28", internal, []),  # no UTF-8
+            ("Publish", b"\x1a\x01\xff\x2a", internal, []),
+            ("UnSubscribe", b"\x0a\x7f", internal, []),  # cut short
+            ("Unsubscribe", b"", grpc.StatusCode.UNIMPLEMENTED, []),
+            ("PluginConnList", b"\x0a\x01x", ok, [])]:
+        log.clear()
+        call = channel.unary_unary(f"/vexo.scsiplugin.PluginService/{method}").future(
+            request, timeout=PATIENCE, wait_for_ready=True)
+        assert call.code() == status, (method, request)
+        assert status != cancelled or call.details() == ""
+        lines = [int(line.text.split(":")[2]) for line in log.lines()]
+        assert lines == logged or logged is None, (method, request)
+        assert method != "PluginConnList" or call.result() == b""
 
 
 def test_reflects_its_service_and_schema(daemon):
