@@ -1,5 +1,6 @@
 # The real daemon, seen from outside.
 
+import pathlib
 import resource
 import signal
 import socket
@@ -10,7 +11,7 @@ from google.protobuf.descriptor_pb2 import FileDescriptorSet
 from google.protobuf.empty_pb2 import Empty
 
 from plugin_cmd_pb2 import PluginClient
-from support.calls import (LUN, REPLICA_LUN, TCP, UNIX, UNSUPPORTED_LUN, Caller, channel_to,
+from support.calls import (LUN, REPLICA_LUN, TCP, UNIX, UNSUPPORTED_LUN, Caller, Host, channel_to,
                            depart_done, depart_relation, init_snapshot, is_lun_support,
                            is_mirror_done, mirror_done, start_mirror, wait_for_depart)
 from support.log import Line
@@ -98,6 +99,23 @@ def test_only_what_is_handled_and_can_be_read_is_carried_out(log, daemon):
         lines = [int(line.text.split(":")[2]) for line in log.lines()]
         assert lines == logged or logged is None, (method, request)
         assert method != "PluginConnList" or call.result() == b""
+
+
+@pytest.mark.parametrize("target", [UNIX, "[::1]:3265"])
+def test_pushes_to_ipv4_peers_only(log, daemon, target):
+    if target != UNIX and not pathlib.Path("/proc/net/if_inet6").exists():
+        pytest.skip("no IPv6 here")
+    log.clear()
+    host = Host("h", target=target)
+    wait_until(lambda: [entry.ip for entry in daemon.call.list()] == ["Unknown"])
+    daemon.call.both_sides()
+    daemon.call.unsubscribe("h")
+    assert host.end() == grpc.StatusCode.OK
+    assert host.waiting == 0
+    assert [line for line in log.lines() if "plugin_server_ctrl" not in line.text] == [
+        Line(6, "scsi_plugin:plugin_service_impl:32:Subscribe Connected: Plugin ID=h IP=Unknown"),
+        Line(6, "scsi_plugin:plugin_client:31:push_cmd Unknown ip address, plugin_id=h"),
+        Line(6, "scsi_plugin:plugin_service_impl:37:Subscribe Disconnect: Plugin ID=h IP=Unknown")]
 
 
 def test_reflects_its_service_and_schema(daemon):
