@@ -35,10 +35,10 @@ listing find_listed(service_stub& stub, const std::string& plugin_id, millisecon
   return found;
 }
 
-subscribe_call::subscribe_call(service_stub& stub, const PluginClient& self, milliseconds timeout,
+subscribe_call::subscribe_call(service_stub& stub, PluginClient self, milliseconds timeout,
                                on_command receive, on_end end)
     : stub_(stub),
-      self_(self),
+      self_(std::move(self)),
       timeout_(timeout),
       reader_([this, receive = std::move(receive), end = std::move(end)] {
         const auto stream = stub_.Subscribe(&context_, self_);
