@@ -18,7 +18,7 @@ namespace {
 
 // How long a daemon that answers may take to list a host that has just subscribed.
 constexpr milliseconds kListedWithin{2000};
-// How often a daemon is asked that does not answer. Each unanswered call occupies one of its threads.
+// How often to ask a daemon that does not answer. Each unanswered call occupies a thread of it.
 constexpr int kListTries = 4;
 
 }  // namespace
