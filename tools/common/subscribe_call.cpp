@@ -63,8 +63,8 @@ listing subscribe_call::confirm(milliseconds patience, const event* stop) {
   const auto deadline = steady_clock::now() + patience;
   listing found;
   for (milliseconds pause = kFirstPause;; pause *= kPauseGrowth) {
-    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-    if (wait_for(ended_, stop != nullptr ? *stop : ended_, std::min(pause, left))) return found;
+    const auto time = std::min<steady_clock::duration>(pause, deadline - steady_clock::now());
+    if (wait_for(ended_, stop != nullptr ? *stop : ended_, time)) return found;
     found = find_listed(stub_, self_.plugin_id(), timeout_);
     if (found.entry || steady_clock::now() >= deadline) return found;
   }

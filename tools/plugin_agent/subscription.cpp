@@ -16,7 +16,7 @@ using std::chrono::steady_clock;
 
 namespace {
 
-// For how long the list of a daemon that answers need not have a host that has just subscribed.
+// How long a daemon that answers may take to list a host that has just subscribed.
 constexpr milliseconds kListedWithin{2000};
 
 }  // namespace
