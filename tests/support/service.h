@@ -22,8 +22,8 @@ bool is_held(std::mutex& mutex);
 // Fails the test, saying `what`, when it is not `reached` in kPatience.
 void wait_until(const std::string& what, const std::function<bool()>& reached);
 
-// The real service behind a real server in the test's own process, with a new controller and an IPv4
-// port of its own; over the fake configuration and the captured syslog.
+// The real service behind a real server in the test's own process, with a new controller and an
+// IPv4 port of its own; over the fake configuration and the captured syslog.
 class service_host {
  public:
   service_host();
