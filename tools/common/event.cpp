@@ -14,15 +14,18 @@ event::event() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 }
 
 void event::raise() {
+  was_raised_ = true;
   // Adds 1 to the counter. It fails only when the counter is at its maximum, so it is raised then.
   [[maybe_unused]] const int result = eventfd_write(fd(), 1);
 }
 
-bool event::raised() const { return wait_for(*this, *this, std::chrono::milliseconds(0)); }
+bool event::raised() const {
+  return wait_for(*this, *this, std::chrono::milliseconds(0)) && was_raised_;
+}
 
 bool event::take() {
   eventfd_t count = 0;
-  return eventfd_read(fd(), &count) == 0;
+  return eventfd_read(fd(), &count) == 0 && was_raised_;
 }
 
 bool wait_for(const event& one, const event& other, std::chrono::steady_clock::duration time) {

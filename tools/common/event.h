@@ -1,6 +1,7 @@
 #ifndef TOOLS_COMMON_EVENT_H_
 #define TOOLS_COMMON_EVENT_H_
 
+#include <atomic>
 #include <chrono>
 
 #include "common/unique_fd.h"
@@ -8,7 +9,7 @@
 namespace vexo::tools {
 
 // A flag that another thread raises and that poll() can watch. What a thread has written before
-// raise() can be read by the thread that saw the flag raised.
+// raise() can be read by a thread after its raised() or take() has returned true.
 class event {
  public:
   event();  // throws std::system_error
@@ -22,6 +23,9 @@ class event {
 
  private:
   unique_fd fd_;
+  // Set before fd_ is written to and read after fd_ has been looked at, because system calls do not
+  // order the memory accesses of two threads.
+  std::atomic<bool> was_raised_ = false;
 };
 
 // Blocks until one of the two, which may be the same, is raised, at most for `time`. True when one
