@@ -39,7 +39,6 @@ TEST(PeerAddress, IsTheTextOfAnIpv4PeerWithAPort) {
       {"ipv4:192.168.1.20:51544", "192.168.1.20"},
       {"ipv4:192.168.1.20", "Unknown"},
       {"ipv4:192.168.1.20:", "Unknown"},
-      {"ipv4:192.168.1.20:port", "Unknown"},
       {"ipv4:10.0.0.1: -7", "10.0.0.1"},
       {"ipv4:10.0.0.1:+", "Unknown"},
       {"ipv4:10.0.0.1:99999999999999999999", "10.0.0.1"},
@@ -47,10 +46,7 @@ TEST(PeerAddress, IsTheTextOfAnIpv4PeerWithAPort) {
       {std::string("ipv4:10.0.0.1\0:1", 16), "Unknown"},
       {"ipv4::51544", "Unknown"},
       {" ipv4:10.0.0.1:1", "Unknown"},
-      {"ipv6:[::1]:40000", "Unknown"},
-      {"ipv6:%5B::1%5D:40000", "Unknown"},
       {"unix:", "Unknown"},
-      {"unix:/tmp/iscsi/plugin_server.sock", "Unknown"},
       {"", "Unknown"},
       {"ipv4:" + std::string(63, '1') + ":1", std::string(63, '1')},
       {"ipv4:" + std::string(64, '1') + ":1", "Unknown"},
@@ -85,6 +81,9 @@ TEST(RegistryDeathTest, ReleasingAllNeverComesToTheSecond) {
 }
 
 TEST_F(Registry, UnSubscribeEndsTheMatchingCallOnlyAndThenForgetsIt) {
+  const auto looking = captured_syslog().watch([](const log_line& logged) {
+    EXPECT_TRUE(logged != line(32, "one", "127.0.0.1") || !ctrl().client_map.find("one")) << logged;
+  });
   const auto one = subscribe("one");
   const auto two = subscribe("two");
   call->unsubscribe("nobody");

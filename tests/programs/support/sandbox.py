@@ -49,6 +49,7 @@ def _keep(item, kept, file):
     _call(_libc.prctl, _PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     _call(_libc.prctl, _PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)
     signal.signal(signal.SIGINT, signal.SIG_IGN)  # the test gets it too
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)  # nohup has it ignored, and programs inherit that
     test = os.fork()
     if test == 0:
         _do_and_exit(lambda: _test(item, kept, file))
