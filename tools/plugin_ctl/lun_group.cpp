@@ -29,12 +29,11 @@ using google::protobuf::util::JsonStringToMessage;
                     "[{\"src_lun_p80\": \"...\"}, {\"src_lun_p80\": \"...\"}]"});
 }
 
-// What the JSON library says of a text: the reason, and the line with the place below it.
-std::string in_one_line(std::string reason) {
-  const auto end = reason.find('\n');
-  if (end == std::string::npos) return reason;
-  const auto near = reason.substr(end + 1, reason.find('\n', end + 1) - end - 1);
-  return reason.substr(0, end) + " Near: " + near;
+// What the JSON library says of a malformed text: the reason, and in a line of its own the place.
+std::string in_one_line(const std::string& complaint) {
+  const auto end = std::min(complaint.find('\n'), complaint.size());
+  const auto place = complaint.substr(end, complaint.find('\n', end + 1) - end);
+  return complaint.substr(0, end) + (place.size() > 1 ? " Near: " + place.substr(1) : "");
 }
 
 GroupLun as_message(const handshake& lun) {
@@ -82,24 +81,25 @@ lun_group read_lun_group(const std::string& file) {
     throw tool_error({exit_code::failed, "--group " + file, std::generic_category().message(errno),
                       "name a file that can be read"});
   }
-  // First as any array, so that a place in a malformed text is a place in the file.
+  if (text.find_first_not_of(" \t\r\n") != text.find('[')) refuse(file, "it is no JSON array");
   google::protobuf::ListValue array;
   if (const auto status = JsonStringToMessage(text, &array); !status.ok()) {
     refuse(file, in_one_line(std::string(status.message())));
   }
-  LunGroup group;
-  if (const auto status = JsonStringToMessage("{\"luns\":" + text + "}", &group); !status.ok()) {
-    refuse(file, in_one_line(std::string(status.message())));
-  }
   lun_group luns;
   std::set<std::string> known;
-  for (const auto& message : group.luns()) {
+  for (const auto& value : array.values()) {
     const std::string place = "luns[" + std::to_string(luns.size()) + "]: ";
-    if (message.src_lun_p80().empty()) refuse(file, place + "src_lun_p80 is missing");
-    if (!known.insert(message.src_lun_p80()).second) {
-      refuse(file, place + "the LUN " + message.src_lun_p80() + " is there already");
+    GroupLun lun;
+    if (!value.has_struct_value()) refuse(file, place + "it is no object");
+    if (const auto status = JsonStringToMessage(to_json(value).str(), &lun); !status.ok()) {
+      refuse(file, place + in_one_line(std::string(status.message())));
     }
-    luns.push_back(as_handshake(message));
+    if (lun.src_lun_p80().empty()) refuse(file, place + "src_lun_p80 is missing");
+    if (!known.insert(lun.src_lun_p80()).second) {
+      refuse(file, place + "the LUN " + lun.src_lun_p80() + " is there already");
+    }
+    luns.push_back(as_handshake(lun));
   }
   if (luns.empty()) refuse(file, "the array is empty");
   return luns;

@@ -20,7 +20,8 @@ lun_group read_lun_group(const std::string& file);
 // group's order, separated by spaces, "-" for one that is not known.
 std::vector<std::string> group_environment(const lun_group& luns);
 
-// The group as a file of JSON, as read_lun_group() takes it, for VEXO_GROUP. Removed with the object.
+// The group as a file of JSON, as read_lun_group() takes it, for VEXO_GROUP. Removed with the
+// object.
 class group_file {
  public:
   explicit group_file(const lun_group& luns);  // throws std::system_error

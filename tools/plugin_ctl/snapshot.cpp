@@ -38,9 +38,7 @@ bool contains(const std::vector<std::string>& all, const std::string& one) {
 }  // namespace
 
 snapshot::snapshot(session& with, snapshot_options options)
-    : with_(with),
-      options_(std::move(options)),
-      report_(with.format, options_.luns.size() > 1) {
+    : with_(with), options_(std::move(options)), report_(with.format, options_.luns.size() > 1) {
   for (const auto& lun : options_.luns) members_.push_back({lun});
 }
 
@@ -110,9 +108,9 @@ void snapshot::call_step(const std::string& name, const std::function<ask()>& pr
         steps[i].set_reason("no host takes part");
       }
     }
-    const auto results = call_all<PluginCmd, PluginCmdResp>(
-        with_.stub(), &service_stub::Publish, commands, with_.stop, asked.options,
-        asked.is_failure);
+    const auto results =
+        call_all<PluginCmd, PluginCmdResp>(with_.stub(), &service_stub::Publish, commands,
+                                           with_.stop, asked.options, asked.is_failure);
     for (std::size_t i = 0; i < places.size(); ++i) {
       steps[places[i]].set_seconds(results[i].took.count());
       asked.judge(steps[places[i]], members_[places[i]], results[i]);
@@ -325,9 +323,9 @@ void snapshot::connect() {
   if (with_.stop.requested()) {
     throw tool_error(with_.interrupted(tried, "nothing is left behind: call it again"));
   }
-  throw tool_error(call_problem(
-      tried, with_.where,
-      grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time")));
+  throw tool_error(
+      call_problem(tried, with_.where,
+                   grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time")));
 }
 
 std::optional<std::vector<std::string>> snapshot::list_hosts(milliseconds timeout) {

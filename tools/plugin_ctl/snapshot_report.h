@@ -12,8 +12,8 @@
 
 namespace vexo::tools {
 
-// Tells how a snapshot goes: a line or a JSON object on stdout for each step as it ends, and one for
-// the verdict; on a terminal, meanwhile, how long a wait has taken and may still take.
+// Tells how a snapshot goes: a line or a JSON object on stdout for each step as it ends, and one
+// for the verdict; on a terminal, meanwhile, how long a wait has taken and may still take.
 class snapshot_report {
  public:
   // `of_several`: the lines say which LUN they are about.

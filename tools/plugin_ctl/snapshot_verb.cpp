@@ -42,8 +42,8 @@ lun_group luns_of(const command_line& given) {
   lun_group luns;
   if (!given.group.empty()) luns = read_lun_group(given.group);
   for (const auto& p80 : given.p80) {
-    const bool known = std::any_of(luns.begin(), luns.end(),
-                                   [&](const handshake& lun) { return lun.p80 == p80; });
+    const bool known =
+        std::any_of(luns.begin(), luns.end(), [&](const handshake& lun) { return lun.p80 == p80; });
     if (known) refuse("--p80 " + p80 + " is given twice", "name each LUN once");
     luns.emplace_back().p80 = p80;
   }
@@ -62,7 +62,8 @@ void add_snapshot_verb(CLI::App& app, session& with) {
   CLI::App* const verb = add_verb(
       app, with, "snapshot",
       "Takes a snapshot of one LUN, or of several at one moment, as the local caller does:\n"
-      "announces it to the hosts, runs the mirror command, waits until the hosts are at rest, runs\n"
+      "announces it to the hosts, runs the mirror command, waits until the hosts are at rest, "
+      "runs\n"
       "the split command, has it confirmed that they were at rest until then, and ends the\n"
       "handshake, also when something fails or Ctrl-C ends it. Exit code 0 means that the copy is\n"
       "good. The commands are run by /bin/sh with the LUNs' identifiers in VEXO_SRC_LUN_P80,\n"
