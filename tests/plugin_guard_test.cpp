@@ -25,29 +25,29 @@ enum last_look { kTcp, kUnix, kList, kNotCured };
 
 TEST(GuardFindings, OnlyWhatTheProcessDoesIsCuredByItsEnd) {
   const auto now = clock::now();
-  using change = std::function<void(sighting&)>;
+  using change = std::function<void(observation&)>;
   const auto endpoint_is = [](std::size_t at, condition is, bool by_process) -> change {
-    return [=](sighting& seen) {
+    return [=](observation& seen) {
       seen.endpoints[at].is = is;
       seen.endpoints[at].by_process = by_process;
     };
   };
   const auto list_is = [&](grpc::StatusCode code) -> change {
-    return [=](sighting& seen) {
+    return [=](observation& seen) {
       seen.registry.error = "text";
       seen.registry.error_code = code;
       seen.registry.error_since = now;
     };
   };
   const auto unanswered_for = [&](clock::duration time) -> change {
-    return [=](sighting& seen) { seen.registry.unanswered_since = now - time; };
+    return [=](observation& seen) { seen.registry.unanswered_since = now - time; };
   };
   const change tcp_gone = endpoint_is(kTcp, condition::refused, true);
   const change unix_gone = endpoint_is(kUnix, condition::refused, true);
   const change tcp_refused = endpoint_is(kTcp, condition::refused, false);
   const change unix_refused = endpoint_is(kUnix, condition::refused, false);
   const change exhausted = list_is(grpc::StatusCode::RESOURCE_EXHAUSTED);
-  const change ended = [](sighting& seen) { seen.process_runs = false; };
+  const change ended = [](observation& seen) { seen.process_runs = false; };
   const struct {
     std::vector<change> changes;
     GuardStatus::State state;
@@ -74,7 +74,7 @@ TEST(GuardFindings, OnlyWhatTheProcessDoesIsCuredByItsEnd) {
   int number = 0;
   for (const auto& [changes, state, cured] : cases) {
     SCOPED_TRACE("case " + std::to_string(number++));
-    sighting seen;
+    observation seen;
     seen.registry.has_asked = true;
     for (auto& endpoint : seen.endpoints) endpoint.is = condition::serving;
     seen.process_runs = true;

@@ -8,6 +8,7 @@ import random
 import re
 import resource
 import signal
+import socket
 import time
 
 import grpc
@@ -159,7 +160,11 @@ def test_gives_a_stalled_host_its_twenty_seconds(supervisor, start_guard, start_
 
 
 def test_follows_a_daemon_that_comes_and_goes(supervise, start_guard):
-    guard = start_guard("--fail-after", "2", "--timeout", "0.5", serves=False)
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as service_manager:
+        service_manager.bind("/tmp/notify")
+        guard = start_guard("--fail-after", "2", "--timeout", "0.5", serves=False,
+                            environment={"NOTIFY_SOCKET": "/tmp/notify"})
+        assert [service_manager.recv(99) for _ in range(3)] == [b"WATCHDOG=1", b"READY=1", b"WATCHDOG=1"]
     guard.wait_for_err("no daemon is running")
     assert guard_status().status == 3
     time.sleep(2)  # the absence, however long, is not held against the daemon that comes

@@ -19,10 +19,50 @@ from support.waiting import wait_until
 CONFIG = pathlib.Path("/tmp/agent.toml")
 
 
-def test_reads_the_same_keys_from_a_file(daemon):
-    CONFIG.write_text(f'appliance = ["127.0.0.1:3265"]\nlun = ["{OTHER_LUN}", "{LUN}"]\n'
-                      'plugin-id = "filed"\ntype = "windows"\npoll = 0.05\n')
-    agent = Program(PLUGIN_AGENT, "--config", CONFIG)
+def test_says_what_is_wrong_with_its_options():
+    for options, complaint in (
+            ("--lun L", "--appliance is required"),
+            ("--appliance nas", "--lun is required"),
+            ("--appliance [::1] --lun L", "IPv4 peers only"),
+            ("--appliance unix:///tmp/s --lun L", "IPv4 peers only"),
+            ("--appliance nas:70000 --lun L", "port"),
+            ("--type os2", "--type: os2 not in"),
+            ("--max-freeze inf", "--max-freeze: \"inf\" is no number from 0.1 to 60"),
+            ("--max-mirror nan", "is no number from"),
+            ("--hook-timeout -1", "is no number from"),
+            ("--config /none", "/none cannot be read: No such file or directory"),
+            ("--config /tmp", "/tmp cannot be read: Is a directory")):
+        refused = run(PLUGIN_AGENT, *options.split())
+        assert refused.status == 2 and complaint in refused.err, refused.err
+
+
+def test_says_what_is_wrong_with_its_file_and_in_which_line():
+    for text, complaint in (
+            ('lun = [\n"L"\n', ":2: Error while parsing array"),  # no closing bracket
+            ('lun = "L\nverbose = true\n', ":1: Error while parsing string"),
+            ('lun = "L"\nlun = "M"\n', ":2: Error while parsing key-value pair: cannot redefine"),
+            ("# \udcff", ":1: Encountered invalid utf-8"),
+            ('\n[agent]\nlun = "L"\n', ':2: "agent" is a section'),
+            ('\n\nappliances = "nas"\n', ':3: no option is called "appliances"'),
+            ('config = "x"\n', ':1: no option is called "config"'),
+            ('poll = "1"\n', ":1: poll must be a number, not of type string"),
+            ('lun = [\n"L",\n5]\n', ":3: lun must be a string, not of type integer"),
+            ('hooks = ["/h"]\n', ":1: hooks must be a string, not of type array"),
+            ("verbose = 1\n", ":1: verbose must be true or false, not of type integer"),
+            ("\npoll = nan\n", ':2: --poll: "nan" is no number from'),
+            ('type = "os2"\n', ":1: --type: os2 not in"),
+            ('lun = [\n""]\nappliance = "nas"\n', ":1: --lun is empty"),
+            ('lun = "L"\nappliance = "::1"\n', ":2: --appliance ::1: commands are pushed to IPv4"),
+            ('appliance = "nas"\nlun = []\n', ": --lun is required")):
+        CONFIG.write_text(text, errors="surrogateescape")
+        refused = run(PLUGIN_AGENT, "--config", CONFIG)
+        assert refused.status == 2 and f"plugin_agent: {CONFIG}{complaint}" in refused.err, refused.err
+
+
+def test_reads_a_file_where_the_command_line_says_nothing(daemon):
+    CONFIG.write_text(f'appliance = "127.0.0.1:3265"\nlun = [ # all\n"{OTHER_LUN}",\n"{LUN}",\n]\n'
+                      'plugin-id = "filed"\ntype = "windows"\npoll = 60\nmax-freeze = 5e-1\n')
+    agent = Program(PLUGIN_AGENT, "--config", CONFIG, "--poll", "0.05")
     agent.wait_for_err("subscribed to")
     host, = daemon.call.list()
     assert (host.plugin_id, host.type) == ("filed", PluginClient.WINDOWS)
@@ -105,11 +145,11 @@ def test_freezes_one_lun_at_a_time(daemon, hooks, start_agent):
     agent = start_agent("--hooks", hooks.path, lun="any")
     for request in (init_snapshot, mirror_done):
         assert daemon.call.ask(request(LUN)) and daemon.call.ask(request(OTHER_LUN))
-    other = daemon.call.begin(wait_for_depart(OTHER_LUN))
-    assert daemon.call.ask(wait_for_depart(LUN))
-    assert daemon.call.ask(depart_done(LUN))
-    assert other.result().success
-    assert daemon.call.ask(depart_done(OTHER_LUN))
+    waits = {lun: daemon.call.begin(wait_for_depart(lun)) for lun in (LUN, OTHER_LUN)}
+    wait_until(lambda: any(wait.done() for wait in waits.values()))
+    for lun in sorted(waits, key=lambda lun: not waits[lun].done()):
+        assert waits[lun].result().success
+        assert daemon.call.ask(depart_done(lun))
     assert [agent.record(index)["verdict"] for index in (0, 1)] == 2 * ["application-consistent"]
     assert hooks.take_runs() == 2 * ["10-a prepare"] + 2 * ["10-a freeze", "10-a thaw"]
 

@@ -3,6 +3,8 @@
 
 #include <chrono>
 
+#include "common/unique_fd.h"
+
 namespace vexo::tools {
 
 // A flag that another thread raises and that poll() can watch. What a thread has written before
@@ -10,19 +12,16 @@ namespace vexo::tools {
 class event {
  public:
   event();  // throws std::system_error
-  ~event();
-  event(const event&) = delete;
-  event& operator=(const event&) = delete;
 
   // Readable while raised.
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   void raise();
   bool raised() const;
   // Lowers the flag; true when it was raised.
   bool take();
 
  private:
-  int fd_;
+  unique_fd fd_;
 };
 
 // Blocks until one of the two, which may be the same, is raised, at most for `time`. True when one

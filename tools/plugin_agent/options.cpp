@@ -45,18 +45,21 @@ std::string host_name() {
   return gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
-milliseconds from_seconds(double seconds) { return milliseconds(std::llround(seconds * 1000)); }
-
 // The words as given on the command line; checked and converted afterwards.
 struct words {
   std::optional<std::string> config;
   std::vector<std::string> appliances;
   std::optional<std::string> hooks_dir;
-  double max_freeze = 30;
-  double poll = 1;
-  double hook_timeout = 10;
-  double max_mirror = 3600;
 };
+
+void add_seconds(CLI::App& app, const std::string& name, milliseconds& time, double least,
+                 double most, const std::string& description) {
+  const auto set = [&time](double seconds) { time = milliseconds(std::llround(seconds * 1000)); };
+  app.add_option_function<double>(name, set, description)
+      ->check(number_between(least, most))
+      ->type_name(kSeconds)
+      ->default_str(std::to_string(time.count() / 1000));
+}
 
 void declare(CLI::App& app, agent_options& options, words& given) {
   app.set_version_flag("--version", "plugin_agent " VEXO_TOOLS_VERSION);
@@ -68,7 +71,7 @@ void declare(CLI::App& app, agent_options& options, words& given) {
                  "HOST[:PORT] of an appliance to serve, reached by IPv4 (repeatable)");
   app.add_option("--plugin-id", options.plugin_id,
                  "Name to subscribe under, one for each agent of an appliance")
-      ->capture_default_str();
+      ->default_str("this host's name");
   add_type_option(app, options.type, "Kind of host to subscribe as");
   app.add_option("--lun", options.luns,
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
@@ -77,24 +80,14 @@ void declare(CLI::App& app, agent_options& options, words& given) {
   app.add_option("--fs", options.mount_points,
                  "Mount point of a file system that the agent freezes itself (repeatable)")
       ->type_name("DIR");
-  app.add_option("--max-freeze", given.max_freeze,
-                 "Seconds after which the host is thawed whatever the appliance does")
-      ->check(number_between(0.1, kLongestFreeze))
-      ->type_name(kSeconds)
-      ->capture_default_str();
-  app.add_option("--poll", given.poll, "Seconds between two questions to the appliance")
-      ->check(number_between(0.05, 60.0))
-      ->type_name(kSeconds)
-      ->capture_default_str();
-  app.add_option("--hook-timeout", given.hook_timeout, "Seconds that one hook may take")
-      ->check(number_between(0.1, 600.0))
-      ->type_name(kSeconds)
-      ->capture_default_str();
-  app.add_option("--max-mirror", given.max_mirror,
-                 "Seconds after which a mirror that is never done is given up")
-      ->check(number_between(1.0, 86400.0 * 30))
-      ->type_name(kSeconds)
-      ->capture_default_str();
+  add_seconds(app, "--max-freeze", options.max_freeze, 0.1, kLongestFreeze,
+              "Seconds after which the host is thawed whatever the appliance does");
+  add_seconds(app, "--poll", options.poll, 0.05, 60,
+              "Seconds between two questions to the appliance");
+  add_seconds(app, "--hook-timeout", options.hook_timeout, 0.1, 600,
+              "Seconds that one hook may take");
+  add_seconds(app, "--max-mirror", options.max_mirror, 1, 86400 * 30,
+              "Seconds after which a mirror that is never done is given up");
   app.add_option("--run-dir", options.run_dir, "Where the record of a freeze is kept; on a tmpfs")
       ->type_name("DIR")
       ->capture_default_str();
@@ -155,10 +148,6 @@ void check_freeze(const agent_options& options) {
 }
 
 void convert(agent_options& options, const words& given) {
-  options.max_freeze = from_seconds(given.max_freeze);
-  options.poll = from_seconds(given.poll);
-  options.hook_timeout = from_seconds(given.hook_timeout);
-  options.max_mirror = from_seconds(given.max_mirror);
   if (options.thaw_and_exit) return;
 
   if (given.appliances.empty()) throw std::invalid_argument("--appliance is required");

@@ -79,8 +79,7 @@ void snapshot::step(const std::string& name, std::size_t lines,
   } catch (const tool_error& error) {
     for (auto& it : steps) fail(it, SnapshotStep::FAILED, error.why.came_back, error.why);
   } catch (const std::exception& error) {
-    // Of this machine's making (no more processes, no more files); the steps that put things in
-    // order must still follow.
+    // This machine refused something, as a process or a file. depart_done must still follow.
     for (auto& it : steps) {
       fail(it, SnapshotStep::FAILED, error.what(),
            {exit_code::failed, name, error.what(), "see to this machine's limits"});
@@ -125,19 +124,19 @@ void snapshot::fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std
   if (!failure_) failure_ = failure{step.step(), step.task_id(), std::move(why)};
 }
 
-// Which answers mean that a task is left in the daemon has to be told from the answers alone: the
-// response has no field for it. The daemon says
-//   yes         when a host answered: the task is there, and ours to end;
-//   no, at once when it refused, since nobody is subscribed or since a task of the same LUN is
-//               there already. That one is somebody else's, and depart_done would take it from
-//               them;
-//   no, late    when no host answered in 60 s. It has removed the task itself, and one that is
-//               there now is somebody else's again.
-// So no no is ever followed by depart_done. A call that ends without an answer (its deadline, a
-// signal, a broken connection) is different: a refusal would have come at once, so what the daemon
-// was doing is waiting, or still telling the hosts, and the task is there. That conclusion is only
-// as good as "at once": hence neither a signal nor a short --timeout nor another LUN's failure ends
-// the call within kRefusalTime, counted from when the daemon was connected.
+// Whether the daemon now holds a task of this run has to be concluded from its answer, which has no
+// field for it:
+//   yes            A host answered. The task is there, and this run has to end it.
+//   no, at once    The daemon refused: no host is subscribed, or there is a task of this LUN
+//                  already. That one is somebody else's, and depart_done would end it.
+//   no, later      No host answered in 60 s, and the daemon has removed the task. If there is one
+//                  now, it is somebody else's.
+//   no answer      The call ended by its deadline, a signal or a broken connection. A refusal would
+//                  have come at once, so the daemon is still telling the hosts or waiting for one:
+//                  the task is there.
+// So depart_done never follows a no. For the last conclusion a refusal must have had the time to
+// arrive: neither a signal nor a short --timeout nor another LUN's failure ends the call within
+// kRefusalTime, which begins when there is a connection.
 snapshot::ask snapshot::init_snapshot() {
   connect();
   hosts_ = list_hosts(with_.limits().timeout);
@@ -168,8 +167,8 @@ void snapshot::judge_init(SnapshotStep& step, member& of, const answer& result) 
   }
   judge(step, result, next_after_refused_init(of.lun, result.took));
   if (!result.answered() && failure_) {
-    // Its handler cannot be called back: it waits on for a task that depart_done has removed, and
-    // when its time is up removes whatever task the LUN then has.
+    // The daemon's handler cannot be cancelled. It waits on after depart_done has removed the task,
+    // and at the end of its 60 s it removes any task that the LUN has then.
     const auto left = std::chrono::ceil<std::chrono::seconds>(kHostWait - result.took).count();
     const std::string later = "begin the next snapshot of this LUN in " +
                               std::to_string(std::max<decltype(left)>(left, 1)) +
@@ -186,8 +185,8 @@ snapshot::ask snapshot::mirror_done() {
   asked.options = with_.limits();
   asked.judge = [this](SnapshotStep& step, member&, const answer& result) {
     if (result.answered() && !result.response.success()) {
-      // Where no mirror is run for a LUN, the host's own question after it has moved the handshake
-      // on, perhaps to its departure already. If it was ended instead, the next step says so.
+      // For a LUN that needs no mirror, the host's is_mirror_done has moved the handshake on
+      // already. If somebody has ended the handshake instead, the next step says so.
       step.set_outcome(SnapshotStep::SKIPPED);
       step.set_reason("the daemon's answer is no: a host has gone on without it");
     } else {
@@ -209,7 +208,7 @@ snapshot::ask snapshot::wait_for_depart() {
 
 void snapshot::judge_wait(SnapshotStep& step, member& of, const answer& result) {
   if (judge(step, result, "") || !result.answered()) return;
-  // A no at once is the answer for a task that is not there; late, for one whose host did not come.
+  // A no at once means that there is no such task; a later one, that its host did not depart.
   const bool is_gone = result.took <= kRefusalTime;
   of.owes_depart = !is_gone;
   failure_->why.next =
@@ -252,7 +251,11 @@ snapshot::ask snapshot::depart_done() {
   const std::int32_t result = failure_ ? failed_result_ : 0;
   ask asked;
   asked.concerns = [](const member& of) { return of.owes_depart; };
-  asked.command = [result](const member& of) { return of.lun.depart_done(result); };
+  asked.command = [result](const member& of) {
+    handshake lun = of.lun;
+    lun.result = result;
+    return lun.depart_done();
+  };
   asked.options = with_.limits();
   // A second Ctrl-C does not leave the task behind, nor does a connection that comes back in time.
   asked.options.undisturbed = asked.options.timeout;
@@ -313,7 +316,7 @@ void snapshot::connect() {
     const auto state = with_.channel().GetState(true);
     if (state == GRPC_CHANNEL_READY) return;
     if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-      // Ends at once with the reason, which the channel tells only by way of a call.
+      // The channel does not tell why it failed, but a call on it ends at once with the reason.
       const auto list = call<Empty, PluginClientList>(with_.stub(), &service_stub::PluginConnList,
                                                       Empty(), with_.stop);
       if (!list.answered()) throw tool_error(call_problem(tried, with_.where, list.status));

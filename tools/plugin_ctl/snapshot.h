@@ -23,14 +23,14 @@ struct snapshot_options {
 };
 
 // The local caller's side of one snapshot of one or more LUNs, from its announcement to its end.
-// All or nothing: whatever fails or interrupts it, the daemon is told the end of every handshake
-// that this run began, and of no other.
+// All or nothing. Also after a failure or a signal, every handshake that this run began is ended in
+// the daemon, and no other is.
 class snapshot {
  public:
   snapshot(session& with, snapshot_options options);
 
-  // Runs it to its end; once per object. Failures are told on stderr, the verdict at the end of the
-  // report and in the system log.
+  // Runs it to its end; once per object. Failures are written to stderr, the verdict to the end of
+  // the report and to the system log.
   exit_code run();
 
  private:
@@ -94,7 +94,7 @@ class snapshot {
   snapshot_report report_;
   const clock::time_point start_ = clock::now();
   std::optional<failure> failure_;  // the first one
-  // What depart_done tells the hosts: the exit status of the command that failed, else 1.
+  // What depart_done tells the hosts after a failure: the exit status of the command, else 1.
   std::int32_t failed_result_ = 1;
   std::optional<std::vector<std::string>> hosts_;  // listed at the announcement
   clock::time_point all_at_rest_;

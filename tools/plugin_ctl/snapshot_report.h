@@ -12,15 +12,15 @@
 
 namespace vexo::tools {
 
-// Tells how a snapshot goes: a line or a JSON object on stdout for each step as it ends, and one
-// for the verdict; on a terminal, meanwhile, how long a wait has taken and may still take.
+// Reports a snapshot: on stdout a line or a JSON object for each step when it ends, and one for the
+// verdict; on a terminal also how long a wait has taken and may still take.
 class snapshot_report {
  public:
   // `of_several`: the lines say which LUN they are about.
   snapshot_report(output_format format, bool of_several)
       : format_(format), of_several_(of_several) {}
 
-  // These never throw: a reader that has gone away must not keep a handshake from being ended, see
+  // These never throw: the handshake has to be ended also when nobody reads stdout any more, see
   // output_error().
   void ended(const SnapshotStep& step);
   void verdict(const SnapshotVerdict& verdict);

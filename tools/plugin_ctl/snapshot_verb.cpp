@@ -89,11 +89,8 @@ void add_snapshot_verb(CLI::App& app, session& with) {
                    "The LUNs as a JSON array of objects: src_lun_p80, and where known src_lun_p83, "
                    "src_lun_uuid, dst_lun_uuid, dst_lun_p80, dst_lun_p83, is_for_replica")
       ->type_name("FILE");
-  given->common.add_source_options(*verb);
-  given->common.add_destination_uuid_option(*verb);
-  given->common.add_destination_page_options(*verb);
-  given->common.add_replica_option(*verb);
-  given->common.add_serial_options(*verb);
+  given->common.add_options(*verb, {"--p83", "--uuid", "--dst-uuid", "--dst-p80", "--dst-p83",
+                                    "--replica", "--cmd-sn", "--qel-sn"});
   verb->add_option("--mirror", given->options.mirror, "Shell command that mirrors the LUNs")
       ->type_name("CMD");
   verb->add_option("--split", given->options.split, "Shell command that splits the mirrors")

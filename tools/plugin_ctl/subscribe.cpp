@@ -2,12 +2,10 @@
 #include <array>
 #include <ctime>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "common/command_fields.h"
 #include "common/event.h"
@@ -69,7 +67,7 @@ class subscriber {
                   [this](const PluginCmd& command) { receive(command); });
     try {
       confirm();
-      return print_commands();
+      return wait_for_end();
     } catch (const tool_error&) {
       leave();
       throw;
@@ -113,26 +111,19 @@ class subscriber {
 
   // On the call's thread.
   void receive(const PluginCmd& command) {
-    const std::lock_guard lock(mutex_);
-    commands_.push_back(command);
-    arrived_.raise();
-  }
-
-  exit_code print_commands() {
-    for (;;) {
-      // Looked at first: all commands have arrived before the call ends.
-      const bool ended = call_->ended().raised();
-      arrived_.take();
-      for (const PluginCmd& command : take_commands()) print_command(command);
-      if (ended) return after_end(call_->status());
-      if (with_.stop.requested()) return leave();
-      with_.stop.wait({arrived_.fd(), call_->ended().fd()}, clock::time_point::max());
+    try {
+      if (!not_printed_) print_command(command);
+    } catch (const tool_error& error) {
+      not_printed_ = error;
+      failed_.raise();
     }
   }
 
-  std::vector<PluginCmd> take_commands() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(commands_, {});
+  exit_code wait_for_end() {
+    with_.stop.wait({call_->ended().fd(), failed_.fd()}, clock::time_point::max());
+    const bool ended = call_->ended().raised();  // looked at first: nothing is printed after that
+    if (failed_.raised()) throw tool_error(*not_printed_);
+    return ended ? after_end(call_->status()) : leave();
   }
 
   void print_command(const PluginCmd& command) {
@@ -179,10 +170,9 @@ class subscriber {
 
   session& with_;
   const PluginClient self_;
-  bool heading_printed_ = false;
-  event arrived_;
-  std::mutex mutex_;
-  std::vector<PluginCmd> commands_;     // under mutex_
+  bool heading_printed_ = false;           // by the call's thread
+  std::optional<tool_error> not_printed_;  // written by the call's thread before failed_ is raised
+  event failed_;
   std::optional<subscribe_call> call_;  // last: its thread uses the above
 };
 

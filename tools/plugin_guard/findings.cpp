@@ -9,13 +9,13 @@ using clock = std::chrono::steady_clock;
 
 namespace {
 
-bool all_are(const sighting& seen, condition what) {
+bool all_are(const observation& seen, condition what) {
   return std::all_of(seen.endpoints.begin(), seen.endpoints.end(),
                      [&](const auto& one) { return one.is == what; });
 }
 
 // Both endpoints refuse connections.
-finding no_daemon(const sighting& seen) {
+finding no_daemon(const observation& seen) {
   const auto since = std::max(seen.endpoints[0].since, seen.endpoints[1].since);
   const auto until = std::min(seen.endpoints[0].until, seen.endpoints[1].until);
   if (!seen.process_runs) {
@@ -31,7 +31,7 @@ finding no_daemon(const sighting& seen) {
 }
 
 // For one endpoint that does not serve.
-finding endpoint_finding(std::size_t at, const sighting& seen) {
+finding endpoint_finding(std::size_t at, const observation& seen) {
   const watch::view& one = seen.endpoints[at];
   const std::string& name = one.where.text;
   const bool cures = one.by_process && seen.process_runs;
@@ -66,13 +66,13 @@ finding endpoint_finding(std::size_t at, const sighting& seen) {
 
 }  // namespace
 
-bool is_complete(const sighting& seen) {
+bool is_complete(const observation& seen) {
   return std::all_of(seen.endpoints.begin(), seen.endpoints.end(),
                      [](const auto& one) { return one.is != condition::not_looked_at; }) &&
          (seen.registry.has_asked || seen.endpoints[1].is != condition::serving);
 }
 
-std::vector<finding> findings(const sighting& seen, clock::time_point now) {
+std::vector<finding> findings(const observation& seen, clock::time_point now) {
   std::vector<finding> found;
   const std::string not_cured =
       seen.process_runs ? "" : " (not restarted: its process is not seen from here)";

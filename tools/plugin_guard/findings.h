@@ -21,11 +21,11 @@ struct finding {
   std::chrono::steady_clock::time_point since;
   std::chrono::steady_clock::time_point last_seen;
   bool restart_cures;                        // the daemon's process is the cause
-  std::optional<std::size_t> endpoint = {};  // of sighting::endpoints; empty for the registry
+  std::optional<std::size_t> endpoint = {};  // of observation::endpoints; empty for the registry
 };
 
 // What sweeper and watch have seen.
-struct sighting {
+struct observation {
   sweeper::view registry;
   std::array<watch::view, 2> endpoints;
   bool process_runs = false;           // the process at the unix socket
@@ -34,9 +34,9 @@ struct sighting {
 
 // Whether both endpoints have been looked at and, if the unix socket serves, the list was asked
 // for.
-bool is_complete(const sighting& seen);
+bool is_complete(const observation& seen);
 // Empty when all is well.
-std::vector<finding> findings(const sighting& seen, std::chrono::steady_clock::time_point now);
+std::vector<finding> findings(const observation& seen, std::chrono::steady_clock::time_point now);
 
 }  // namespace vexo::tools
 

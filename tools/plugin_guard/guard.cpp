@@ -62,7 +62,7 @@ void guard::run() {
   while (!stop_.requested()) {
     watch_.step();
     follow_process();
-    const sighting seen = look();
+    const observation seen = look();
     if (is_complete(seen)) {
       const auto found = findings(seen, clock::now());
       judge(found);
@@ -76,7 +76,7 @@ void guard::run() {
   if (!options_.status_file.empty()) std::remove(options_.status_file.c_str());
 }
 
-sighting guard::look() const {
+observation guard::look() const {
   const auto& process = watch_.process();
   auto registry = sweeper_->look();
   const bool runs = process && process->alive();

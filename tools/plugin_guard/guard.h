@@ -38,7 +38,7 @@ class guard {
  private:
   using clock = std::chrono::steady_clock;
 
-  sighting look() const;
+  observation look() const;
   void judge(std::vector<finding> found);
   // A failure that will have lasted for fail_after at the end of one more look, with which the
   // daemon is then to be ended. Empty when there is none.

@@ -93,7 +93,7 @@ void declare(CLI::App& app, words& given) {
   app.set_version_flag("--version", "plugin_guard " VEXO_TOOLS_VERSION);
 }
 
-// An option of the guard beside --status, or one of --status without it, is a mistake.
+// Refuses the options that only the guard uses beside --status, and those of --status without it.
 void refuse_without_meaning(const CLI::App& app, bool status) {
   const auto refuse = [&](const char* option, const char* why) {
     if (app.count(option) > 0) throw CLI::ValidationError(std::string(option) + " " + why);
@@ -116,7 +116,7 @@ guard::options checked_options(const words& given, bool status_file_given) {
         "--timeout is not shorter than --fail-after: leave time for more than one look, as with "
         "--timeout 5 --fail-after 25");
   }
-  // By hand, without an installation, nobody has made the default's directory.
+  // Only the guard's unit makes the default's directory: without it there is no status file.
   if (status_file_given ||
       access(std::filesystem::path(kStatusFile).parent_path().c_str(), W_OK) == 0) {
     options.status_file = given.status_file;
@@ -173,7 +173,7 @@ exit_code run(int argc, char** argv) {
     return exit_code::usage;
   }
   if (given.status) return show_status(given);
-  // The journal has the lines already when it reads this program's stderr.
+  // A journal that reads this program's stderr would have each line twice.
   const bool in_journal =
       std::getenv("JOURNAL_STREAM") != nullptr;  // NOLINT(concurrency-mt-unsafe)
   openlog("scsi-plugin-guard", in_journal ? 0 : LOG_PERROR, LOG_DAEMON);
