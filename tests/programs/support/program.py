@@ -13,6 +13,7 @@ BUILD = pathlib.Path(os.environ["SCSI_PLUGIN_BUILD"])
 SCSI_PLUGIN_SERVER = BUILD / "plugin_server/scsi_plugin_server"
 PLUGIN_CTL = BUILD / "tools/plugin_ctl/plugin_ctl"
 PLUGIN_AGENT = BUILD / "tools/plugin_agent/plugin_agent"
+PLUGIN_FREEZER = BUILD / "tools/plugin_agent/plugin_freezer"
 SANITIZED = BUILD.name in ("asan", "tsan")
 
 
