@@ -29,7 +29,8 @@ std::string freezer_path() {
     if (place.starts_with('/') && access((place + kName).c_str(), X_OK) == 0) return place + kName;
   }
   throw std::runtime_error(
-      "plugin_freezer, which freezes and thaws for the agent, is neither beside plugin_agent nor on "
+      "plugin_freezer, which freezes and thaws for the agent, is neither beside plugin_agent nor "
+      "on "
       "the PATH; install it");
 }
 
@@ -58,9 +59,13 @@ bool freezer_process::send(const FreezerRequest& request) const {
 std::optional<FreezerReport> freezer_process::receive(bool& gone) const {
   for (FreezerReport report;;) {
     switch (receive_packet(socket_.get(), report)) {
-      case packet::none: return std::nullopt;
-      case packet::closed: gone = true; return std::nullopt;
-      case packet::received: break;
+      case packet::none:
+        return std::nullopt;
+      case packet::closed:
+        gone = true;
+        return std::nullopt;
+      case packet::received:
+        break;
     }
     if (!report.has_line()) return report;
     agent_log().log(report.line().is_error() ? spdlog::level::err : spdlog::level::warn, "{}",

@@ -44,9 +44,7 @@ std::uint32_t count_of(milliseconds time) { return static_cast<std::uint32_t>(ti
 
 handshake::handshake(const agent_options& options, std::shared_ptr<const appliance> where,
                      scsiplugin::PluginCmd command)
-    : options_(options),
-      appliance_(std::move(where)),
-      command_(std::move(command)) {}
+    : options_(options), appliance_(std::move(where)), command_(std::move(command)) {}
 
 void handshake::run() {
   try {

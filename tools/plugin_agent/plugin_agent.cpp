@@ -29,7 +29,11 @@ namespace {
 // Becomes the freezer, for the emergency.
 [[noreturn]] void become_freezer(const agent_options& options) {
   std::string arguments[] = {
-      freezer_path(), "--thaw", "--run-dir", options.run_dir, "--hook-timeout",
+      freezer_path(),
+      "--thaw",
+      "--run-dir",
+      options.run_dir,
+      "--hook-timeout",
       fmt::format("{:g}", std::chrono::duration<double>(options.hook_timeout).count())};
   std::vector<char*> pointers;
   for (auto& text : arguments) pointers.push_back(text.data());

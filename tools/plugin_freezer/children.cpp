@@ -35,6 +35,7 @@ pipe_ends make_pipe() {
 }
 
 unique_fd watch_children() {
+  std::signal(SIGCHLD, SIG_DFL);  // it may be ignored by whoever became this program
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGCHLD);
@@ -60,8 +61,8 @@ void drain(child& from) {
   char buffer[4096];
   ssize_t size = 0;
   while ((size = read(from.pipe.get(), buffer, sizeof buffer)) > 0) {
-    from.output.append(buffer, std::min(static_cast<std::size_t>(size),
-                                        kOutputKept - from.output.size()));
+    from.output.append(buffer,
+                       std::min(static_cast<std::size_t>(size), kOutputKept - from.output.size()));
   }
   if (size == 0) from.pipe.reset();
 }
@@ -102,7 +103,8 @@ child& children::start(const std::vector<std::string>& arguments,
   return added;
 }
 
-child& children::fork_call(const std::function<int()>& call, const std::function<void(pid_t)>& recorded) {
+child& children::fork_call(const std::function<int()>& call,
+                           const std::function<void(pid_t)>& recorded) {
   auto gate = make_pipe();
   const pid_t pid = fork();
   if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
@@ -114,12 +116,12 @@ child& children::fork_call(const std::function<int()>& call, const std::function
   }
   auto& added = add(pid);
   recorded(pid);
-  if (write(gate.write.get(), "", 1) != 1) throw std::system_error(errno, std::generic_category(), "pipe");
+  if (write(gate.write.get(), "", 1) != 1)
+    throw std::system_error(errno, std::generic_category(), "pipe");
   return added;
 }
 
 void children::wait(const std::vector<int>& others, clock::time_point until) {
-  reap();
   std::vector<pollfd> watched = {{child_ended_.get(), POLLIN, 0}};
   for (const int fd : others) watched.push_back({fd, POLLIN, 0});
   for (const auto& one : all_) {

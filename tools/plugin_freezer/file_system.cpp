@@ -91,8 +91,8 @@ std::vector<file_system> open_file_systems(const std::vector<std::string>& mount
     opened.root = unique_fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!opened.root) throw std::runtime_error(given + " cannot be frozen: " + errno_text());
     const int id = mount_id_of(opened.root.get());
-    const auto mount = std::find_if(table.begin(), table.end(),
-                                    [&](const auto& entry) { return entry.id == id; });
+    const auto mount =
+        std::find_if(table.begin(), table.end(), [&](const auto& entry) { return entry.id == id; });
     if (mount == table.end() || mount->mount_point != path) {
       throw std::runtime_error(given + " cannot be frozen: nothing is mounted there");
     }

@@ -14,7 +14,8 @@ outside::outside(int socket) : report(socket) {
   sigset_t set;
   sigfillset(&set);
   // What a fault of this program raises must not be blocked.
-  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) sigdelset(&set, fault);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
+    sigdelset(&set, fault);
   sigprocmask(SIG_SETMASK, &set, nullptr);
   sigemptyset(&set);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, signal);

@@ -60,8 +60,9 @@ class other_freezer {
     const auto record = turn_.record();
     const bool is_known = record && record->boot_id() == boot_id();
     if (is_known && record->phase() == RestRecord::WATCHING) {
-      say(pid, "waits for processes of an earlier rest that may freeze something yet; no other rest "
-               "of this host begins before");
+      say(pid,
+          "waits for processes of an earlier rest that may freeze something yet; no other rest "
+          "of this host begins before");
       return false;
     }
     if (!is_known && !is_emergency_) return true;
@@ -69,7 +70,8 @@ class other_freezer {
     const auto until = is_to_react ? since_ : from_ms(record->until());
     const auto left = std::chrono::ceil<milliseconds>(until + kPatience - steady_clock::now());
     if (left.count() > 0) {
-      if (!is_to_react) say(pid, "has this host at rest; waiting for at most " + seconds_text(left));
+      if (!is_to_react)
+        say(pid, "has this host at rest; waiting for at most " + seconds_text(left));
     } else if (std::exchange(killed_, pid) != pid) {
       world_.report.warn("freezer " + std::to_string(pid) + " hangs; it is killed");
       kill(pid, SIGKILL);
@@ -155,9 +157,11 @@ void thaw_now(outside& world, const std::string& run_dir, milliseconds hook_time
 }
 
 exit_code run(int argc, char** argv) {
-  CLI::App app("Brings this host to rest for plugin_agent, which starts it for each snapshot, and thaws it.\n"
-               "By hand it is of use with --thaw only.",
-               "plugin_freezer");
+  CLI::App app(
+      "Brings this host to rest for plugin_agent, which starts it for each snapshot, and thaws "
+      "it.\n"
+      "By hand it is of use with --thaw only.",
+      "plugin_freezer");
   bool thaw = false;
   std::string run_dir = "/run/plugin_agent";
   double hook_timeout = 10;
@@ -182,8 +186,8 @@ exit_code run(int argc, char** argv) {
   }
   int type = 0;
   socklen_t size = sizeof type;
-  const bool has_socket = getsockopt(STDIN_FILENO, SOL_SOCKET, SO_TYPE, &type, &size) == 0 &&
-                          type == SOCK_SEQPACKET;
+  const bool has_socket =
+      getsockopt(STDIN_FILENO, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_SEQPACKET;
   if (!thaw && !has_socket) {
     std::cerr << "plugin_freezer: plugin_agent starts this program. To thaw this host now: "
                  "plugin_freezer --thaw\n";

@@ -30,9 +30,12 @@ void reporter::say(const std::string& text, bool is_error) {
 std::optional<FreezerRequest> reporter::receive(bool& closed) {
   FreezerRequest request;
   switch (receive_packet(socket_, request)) {
-    case packet::received: return request;
-    case packet::none: return std::nullopt;
-    case packet::closed: break;
+    case packet::received:
+      return request;
+    case packet::none:
+      return std::nullopt;
+    case packet::closed:
+      break;
   }
   closed = true;
   return std::nullopt;

@@ -121,8 +121,9 @@ void rest::run() {
 }
 
 rest::clock::time_point rest::limit() const {
-  const bool any_command = std::any_of(record_.members().begin(), record_.members().end(),
-                                       [](const auto& member) { return member.command_size() > 0; });
+  const bool any_command =
+      std::any_of(record_.members().begin(), record_.members().end(),
+                  [](const auto& member) { return member.command_size() > 0; });
   return deadline() - (any_command ? std::min(kCommandTime, max_freeze() / 4) : milliseconds(0));
 }
 
@@ -183,7 +184,8 @@ child& rest::start_hook(int index, const std::string& phase, clock::duration tim
 void rest::report_hook(int index, const std::string& phase, const child& run) {
   const auto& hook = record_.plan().hooks(index);
   if (!is_ours_) {
-    world_.report.warn("ran hook " + hook.name() + " " + phase + " after an earlier agent: exit code " +
+    world_.report.warn("ran hook " + hook.name() + " " + phase +
+                       " after an earlier agent: exit code " +
                        std::to_string(run.killed ? 128 + SIGKILL : *run.exit_code));
     return;
   }
@@ -228,9 +230,8 @@ void rest::freeze_hooks() {
 void rest::freeze_file_systems() {
   for (auto& one : volumes_) {
     check();
-    child& call = world_.programs.fork_call(
-        [&] { return freeze_file_system(one.root.get()); },
-        [&](pid_t pid) { write_processes({look_at(pid)}); });
+    child& call = world_.programs.fork_call([&] { return freeze_file_system(one.root.get()); },
+                                            [&](pid_t pid) { write_processes({look_at(pid)}); });
     one.may_be_frozen = true;
     one.freezing = freezing_ = &call;
     await_freezing(call);

@@ -91,7 +91,9 @@ void rest::run_commands() {
                                                  environment_, kCommandTime));
   }
   const auto until = std::min(clock::now() + kCommandTime, deadline());
-  const auto is_running = [](const auto& one) { return !one.second->ended() && !one.second->killed; };
+  const auto is_running = [](const auto& one) {
+    return !one.second->ended() && !one.second->killed;
+  };
   while (std::any_of(commands.begin(), commands.end(), is_running) && clock::now() < until) {
     world_.wait(until);
   }
@@ -162,7 +164,9 @@ void rest::settle(volume& one) {
 std::vector<int> rest::thaw_hooks(const std::vector<int>& which) {
   const milliseconds timeout(record_.plan().hook_timeout_ms());
   std::vector<std::pair<int, child*>> runs;
-  const auto is_running = [](const auto& one) { return !one.second->ended() && !one.second->killed; };
+  const auto is_running = [](const auto& one) {
+    return !one.second->ended() && !one.second->killed;
+  };
   for (auto index = which.rbegin(); index != which.rend(); ++index) {
     const auto& path = record_.plan().hooks(*index).path();
     if (access(path.c_str(), X_OK) != 0 && !is_ours_) {
@@ -196,7 +200,8 @@ void rest::watch() {
     for (const auto& one : left) ids.append(" ").append(std::to_string(one.pid));
     world_.report.warn(
         "killed, and not gone: what may freeze something yet is waited for, and no other rest of "
-        "this host begins (process" + ids + ")");
+        "this host begins (process" +
+        ids + ")");
     record_.set_phase(RestRecord::WATCHING);
     record_.set_until(0);
     certain_ = false;
@@ -221,7 +226,8 @@ void rest::watch() {
   }
   if (!is_late_) return;
   for (auto& one : volumes_) {
-    one.may_be_frozen = one.may_be_frozen || !is_ours_ || std::exchange(one.freezing, nullptr) != nullptr;
+    one.may_be_frozen =
+        one.may_be_frozen || !is_ours_ || std::exchange(one.freezing, nullptr) != nullptr;
   }
   thaw_file_systems();
   if (record_.hooks_started() > 0) thaw_hooks({record_.hooks_started() - 1});

@@ -40,8 +40,7 @@ int thaw_unmounted(const RestRecord::FileSystem& wanted, const std::string& run_
   if (errno != EBUSY) return ENODEV;
   const std::string directory = run_dir + "/thaw";
   mkdir(directory.c_str(), 0700);
-  if (unshare(CLONE_NEWNS) != 0 ||
-      mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     return ENODEV;
   }
   for (const unsigned long flags : {0UL, static_cast<unsigned long>(MS_RDONLY)}) {

@@ -25,11 +25,11 @@ class Program:
 
     started = []  # all of this test
 
-    def __init__(self, *command, environment=None, stdout=None):
+    def __init__(self, *command, environment=None, stdout=None, stdin=subprocess.DEVNULL):
         self._out, self._err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
         self.command = [str(word) for word in command]
         self._process = subprocess.Popen(
-            self.command, stdin=subprocess.DEVNULL, stdout=stdout or self._out, stderr=self._err,
+            self.command, stdin=stdin, stdout=stdout or self._out, stderr=self._err,
             env={**os.environ, **(environment or {})})
         Program.started.append(self)
 
