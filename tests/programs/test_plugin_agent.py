@@ -143,15 +143,17 @@ def test_a_thaw_hook_that_fails_is_run_again(daemon, hooks, start_agent):
 
 def test_freezes_one_lun_at_a_time(daemon, hooks, start_agent):
     agent = start_agent("--hooks", hooks.path, lun="any")
+    for request in (init_snapshot, mirror_done, wait_for_depart):
+        assert daemon.call.ask(request(LUN))
     for request in (init_snapshot, mirror_done):
-        assert daemon.call.ask(request(LUN)) and daemon.call.ask(request(OTHER_LUN))
-    waits = {lun: daemon.call.begin(wait_for_depart(lun)) for lun in (LUN, OTHER_LUN)}
-    wait_until(lambda: any(wait.done() for wait in waits.values()))
-    for lun in sorted(waits, key=lambda lun: not waits[lun].done()):
-        assert waits[lun].result().success
-        assert daemon.call.ask(depart_done(lun))
+        assert daemon.call.ask(request(OTHER_LUN))
+    other = daemon.call.begin(wait_for_depart(OTHER_LUN))
+    assert daemon.call.ask(depart_done(LUN))
+    assert other.result().success
+    assert daemon.call.ask(depart_done(OTHER_LUN))
     assert [agent.record(index)["verdict"] for index in (0, 1)] == 2 * ["application-consistent"]
-    assert hooks.take_runs() == 2 * ["10-a prepare"] + 2 * ["10-a freeze", "10-a thaw"]
+    assert hooks.take_runs() == ["10-a prepare", "10-a freeze", "10-a prepare", "10-a thaw", "10-a freeze",
+                                 "10-a thaw"]
 
 
 @pytest.mark.parametrize("result, verdict, reason", [

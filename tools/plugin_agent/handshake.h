@@ -12,7 +12,6 @@
 #include "common/event.h"
 #include "lun_cmd.pb.h"
 #include "plugin_agent/appliance.h"
-#include "plugin_agent/freeze_turn.h"
 #include "plugin_agent/hooks.h"
 #include "plugin_agent/options.h"
 #include "plugin_agent/quiesce.h"
@@ -60,7 +59,7 @@ class handshake {
   void prepare();
   void start_mirror();
   void wait_for_mirror();
-  std::optional<freeze_turn> wait_for_turn();
+  void come_to_rest(quiesce& rest);
   void hold(quiesce& rest);
   void depart(quiesce& rest);
   std::string verdict() const;
@@ -68,24 +67,26 @@ class handshake {
 
   scsiplugin::LunCmd lun_command() const;
   appliance::answer ask_start_mirror();
-  appliance::answer ask_depart(const quiesce& rest);
+  appliance::answer ask_depart(quiesce& rest);
 
   // Whether the connection was lost since the last time this was asked.
   bool connection_was_lost();
+
+  // The freezer goes on alone for as long as something may freeze yet; its news are for the log.
+  void hear_the_freezer_out();
 
   void tell(void (*change)(news_flags&));
   // Blocks until there is news, `fd` is readable, or `until`; then the news.
   news_flags wait(clock::time_point until, int fd = -1);
   // The same, for the time in which giving up costs nothing: throws when it is asked for.
-  void wait_or_give_up(std::chrono::milliseconds time);
+  void wait_or_give_up(clock::time_point until, int fd = -1);
 
   const agent_options& options_;
   const std::shared_ptr<const appliance> appliance_;
   const scsiplugin::PluginCmd command_;
   const clock::time_point start_ = clock::now();
-  hook_runner runner_;
   hook_listing hooks_;
-  quiesce_plan plan_;
+  FreezerPlan plan_;
   std::vector<hook_run> runs_;
   std::chrono::milliseconds frozen_for_{};
   unsigned losses_seen_ = appliance_->losses();
@@ -95,7 +96,9 @@ class handshake {
 
   event news_event_;
   std::mutex mutex_;
-  news_flags news_;  // under mutex_
+  // Both under mutex_.
+  news_flags news_;
+  std::shared_ptr<quiesce> rest_;  // what stop_now() ends; empty when there is none
 };
 
 }  // namespace vexo::tools

@@ -12,10 +12,10 @@
 #include "common/number_option.h"
 #include "common/plugin_type.h"
 #include "common/text.h"
-#include "plugin_agent/file_system.h"
-#include "plugin_agent/freeze_turn.h"
 #include "plugin_agent/hooks.h"
 #include "plugin_agent/options_file.h"
+#include "plugin_freezer/file_system.h"
+#include "plugin_freezer/run_directory.h"
 
 namespace vexo::tools {
 
@@ -111,19 +111,19 @@ void check_mount_point(const std::string& path, const agent_options& options) {
     throw std::invalid_argument("--fs " + path + " has control characters");
   }
   if (!path.starts_with('/')) throw std::invalid_argument("--fs " + path + " is no absolute path");
-  dev_t device = 0;
+  mount_entry mount;
   try {
-    device = open_file_systems({path}).front().device;
+    mount = open_file_systems({path}).front().mount;
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("--fs " + std::string(error.what()) +
                              "; mount it first, or name a mount point as findmnt shows it");
   }
-  if (device == device_of(options.run_dir)) {
+  if (mount.device == superblock_of(options.run_dir)) {
     throw std::invalid_argument("--run-dir " + options.run_dir + " lies on " + path +
                                 ", which is to be frozen; name a directory on a tmpfs");
   }
-  if (const auto type = type_that_cannot_be_frozen(path); !type.empty()) {
-    throw std::invalid_argument("--fs " + path + ": a file system of type " + type +
+  if (cannot_be_frozen(mount.type)) {
+    throw std::invalid_argument("--fs " + path + ": a file system of type " + mount.type +
                                 " cannot be frozen; leave it out, and bring what is on it to rest "
                                 "with a hook");
   }

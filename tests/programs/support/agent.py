@@ -42,13 +42,13 @@ class Agent(Program):
         self.signal(signal.SIGTERM)
         assert self.wait() == 0, self.err
 
-    def guardian(self):
-        """The process id of its guardian."""
+    def freezer(self):
+        """The process id of its freezer."""
         for children in pathlib.Path(f"/proc/{self.pid}/task").glob("*/children"):
             for child in children.read_text().split():
-                if pathlib.Path(f"/proc/{child}/comm").read_text() == "agent_guardian\n":
+                if pathlib.Path(f"/proc/{child}/comm").read_text() == "plugin_freezer\n":
                     return int(child)
-        raise AssertionError("no guardian")
+        raise AssertionError("no freezer")
 
 
 def go_to(step, call, hooks):

@@ -5,12 +5,13 @@ import fcntl
 import itertools
 import os
 import pathlib
+import signal
 import threading
 import time
 
 import pytest
 
-from support.program import run
+from support.program import Program, run
 from support.waiting import wait_until
 
 _FIFREEZE, _FITHAW = 0xC0045877, 0xC0045878
@@ -20,15 +21,24 @@ _FROZEN = 0.15  # seconds; longer than a write takes on a busy machine
 class Volume:
     """ext4 on an image, mounted by loop, and a writer that has every write on the disk before the next.
 
-    Skips the test where there can be none. Whoever makes one ends it with close().
+    Skips the test where there can be none. Whoever makes one ends it with close(). With `stalling` the
+    image lies where stall() can hold up whatever is written to it, until resume().
     """
 
-    def __init__(self, path):
+    def __init__(self, path, stalling=False):
         if os.geteuid() != 0 or pathlib.Path("/proc/self/uid_map").read_text().split()[2] == "1":
             pytest.skip("only root can mount and freeze file systems")
         self.path = pathlib.Path(path)
         self.path.mkdir()
         image = f"{path}.image"
+        if stalling:
+            for folder in (f"{path}.below", f"{path}.image"):
+                pathlib.Path(folder).mkdir()
+            self._storage = Program("bindfs", "-f", f"{path}.below", image)
+            wait_until(lambda: os.path.ismount(f"{path}.image") or not self._storage.alive)
+            if not self._storage.alive:
+                pytest.skip(f"bindfs: {self._storage.err}")
+            image += "/image"
         for command in (["truncate", "--size", "16M", image], ["mkfs.ext4", "-q", image],
                         ["mount", "-o", "loop", image, self.path]):
             tried = run(*command)
@@ -40,6 +50,12 @@ class Volume:
         self._longest = 0
         self._writer = threading.Thread(target=self._write_on, daemon=True)
         self._writer.start()
+
+    def stall(self):
+        self._storage.stop()
+
+    def resume(self):
+        self._storage.signal(signal.SIGCONT)
 
     def close(self):
         left_frozen = self.thaw() == 0
