@@ -99,7 +99,7 @@ def test_thaws_at_the_limit_when_the_split_takes_longer(daemon, volume, start_fr
     daemon.call.go_to_split()
     record = agent.record()
     assert (record["verdict"], record["reason"]) == ("failed", "the host was thawed at the limit of 1 s")
-    assert record["frozen_ms"] >= 1000 * LIMIT
+    assert record["frozen_ms"] >= 700 * LIMIT  # its last quarter is for taking the departure back
     assert volume.longest_stall() < LONGEST_STALL
 
 

@@ -16,6 +16,7 @@
 #include "handshake_record.pb.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
+#include "plugin_agent/withdrawal.h"
 
 namespace vexo::tools {
 
@@ -23,6 +24,22 @@ using scsiplugin::LunCmd;
 using std::chrono::milliseconds;
 
 namespace {
+
+// The first pauses between two questions, about the mirror and about the split.
+constexpr milliseconds kFirstMirrorPoll{50};
+constexpr milliseconds kFirstDepartPoll{10};
+// How often those that gather, and a freezer that goes on alone, are looked at.
+constexpr milliseconds kGatherLook{5};
+constexpr milliseconds kFreezerLook{200};
+constexpr char kOf[] = " of ";  // in the name of a member of a rest: the LUN, then the appliance
+constexpr int kMostTries = 3;   // to come to rest, each with a freezer of its own
+
+// A tenth of the time so far, so that what is over is noticed after a tenth more.
+milliseconds growing_pause(std::chrono::steady_clock::duration so_far, milliseconds first,
+                           milliseconds most) {
+  return std::clamp(std::chrono::duration_cast<milliseconds>(so_far / 10), std::min(first, most),
+                    most);
+}
 
 // Ends the handshake; the reason of its verdict.
 class given_up : public std::runtime_error {
@@ -42,9 +59,12 @@ std::uint32_t count_of(milliseconds time) { return static_cast<std::uint32_t>(ti
 
 }  // namespace
 
-handshake::handshake(const agent_options& options, std::shared_ptr<const appliance> where,
-                     scsiplugin::PluginCmd command)
-    : options_(options), appliance_(std::move(where)), command_(std::move(command)) {}
+handshake::handshake(const agent_options& options, host_rests& rests,
+                     std::shared_ptr<const appliance> where, scsiplugin::PluginCmd command)
+    : options_(options),
+      rests_(rests),
+      appliance_(std::move(where)),
+      command_(std::move(command)) {}
 
 void handshake::run() {
   try {
@@ -84,30 +104,33 @@ void handshake::take_part() {
   }
   plan_.set_max_freeze_ms(options_.max_freeze.count());
   plan_.set_hook_timeout_ms(options_.hook_timeout.count());
-  plan_.mutable_member()->set_name(lun());
+  auto& member = *plan_.mutable_member();
+  member.set_name(lun() + kOf + appliance_->name());
+  for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
+    member.add_command(word);
+  }
   prepare();
   start_mirror();
   wait_for_mirror();
 
-  const auto rest = std::make_shared<quiesce>(plan_);
-  {
-    const std::lock_guard lock(mutex_);
-    rest_ = rest;
-  }
+  gather();
+  enter_rest();
+  const std::string& name = plan_.member().name();
   const auto take_figures = [&] {
-    frozen_for_ = rest->frozen_for();
-    for (auto& run : rest->runs()) runs_.push_back(std::move(run));
+    frozen_for_ = rest_->frozen_for();
+    for (auto& run : rest_->runs()) runs_.push_back(std::move(run));
   };
   try {
-    come_to_rest(*rest);
-    depart(*rest);
-    hold(*rest);
-    rest->end();
+    come_to_rest();
+    depart();
+    hold();
+    rest_->end(name);
     take_figures();
     verdict_ = verdict();
   } catch (const std::runtime_error&) {
+    if (may_count_on_rest_) withdraw(*appliance_->stub(), lun(), options_.plugin_id);
     try {
-      rest->end();
+      rest_->end(name);
     } catch (const quiesce_error&) {
       // The first reason is the one to tell.
     }
@@ -157,11 +180,12 @@ void handshake::wait_for_mirror() {
   body.set_task_id(command_.task_id());
   body.set_type(scsiplugin::LUN_TYPE_80);
   body.set_src_lun_id(lun());
-  const auto deadline = clock::now() + options_.max_mirror;
+  const auto start = clock::now();
+  const host_rests::mirror_wait waiting(rests_, news_event_);
+  // Not at once: the yes for a LUN that needs no mirror moves the task on, and must not do so
+  // before the local caller has seen that the mirror may start.
+  while (clock::now() < start + kFirstMirrorPoll) wait_or_give_up(start + kFirstMirrorPoll);
   for (;;) {
-    // Before the first time too: the yes for a LUN that needs no mirror moves the task on, and must
-    // not do so before the local caller has seen that the mirror may start.
-    wait_or_give_up(clock::now() + options_.poll);
     const auto answer = appliance_->lun_op(question, kCallTimeout);
     if (answer.yes) return;
     if (answer.status.ok() && connection_was_lost()) {
@@ -172,43 +196,90 @@ void handshake::wait_for_mirror() {
         throw given_up("the appliance has forgotten the handshake: its daemon was started anew");
       }
     }
-    if (clock::now() >= deadline) throw given_up("the mirror was not done in time (--max-mirror)");
+    const auto now = clock::now();
+    if (now >= start + options_.max_mirror) {
+      throw given_up("the mirror was not done in time (--max-mirror)");
+    }
+    wait_or_give_up(now + (rests_.is_gathering()
+                               ? host_rests::kGatherPoll
+                               : growing_pause(now - start, kFirstMirrorPoll, options_.poll)));
   }
 }
 
-void handshake::come_to_rest(quiesce& rest) {
-  while (!rest.at_rest()) wait_or_give_up(rest.deadline(), rest.fd());
+void handshake::gather() {
+  rests_.gather();
+  while (!rests_.has_gathered()) wait_or_give_up(clock::now() + kGatherLook);
 }
 
-void handshake::depart(quiesce& rest) {
+void handshake::enter_rest() {
+  auto rest = rests_.enter(plan_, news_event_, options_.hold);
+  const std::lock_guard lock(mutex_);
+  rest_ = std::move(rest);
+}
+
+bool handshake::is_at_rest() { return rest_->at_rest(plan_.member().name()); }
+
+void handshake::come_to_rest() {
+  for (int tries = 1;; ++tries) {
+    try {
+      while (!is_at_rest()) wait_or_give_up(rest_->deadline());
+      return;
+    } catch (const rest_missed&) {
+      if (tries == kMostTries) throw;
+      rest_->end(plan_.member().name());
+      enter_rest();
+    }
+  }
+}
+
+void handshake::depart() {
   connection_was_lost();  // what was before does not matter any more
   for (;;) {
-    const auto news = wait(clock::now(), rest.fd());
+    const auto news = wait(clock::now());
     if (news.stop) throw given_up("the agent was told to stop");
     if (news.superseded || news.departed) throw given_up("the appliance has given up");
-    rest.check();
-    const auto answer = ask_depart(rest);
+    is_at_rest();
+    const auto left = std::chrono::duration<double>(rest_->deadline() - clock::now());
+    const auto hold = std::chrono::duration<double>(options_.hold);
+    if (left < hold) {
+      throw given_up(
+          fmt::format("the freeze took so long that {:.1f} s of --max-freeze were left, less than "
+                      "--hold {:g} s; "
+                      "make the freeze shorter, --max-freeze longer or --hold shorter",
+                      left.count(), hold.count()));
+    }
+    may_count_on_rest_ = true;
+    const auto answer = ask_depart();
     if (answer.yes) return;
-    if (answer.status.ok()) throw given_up("the appliance no longer waits for the frozen host");
-    wait(std::min(clock::now() + options_.poll, rest.deadline()), rest.fd());
+    if (answer.status.ok()) {
+      may_count_on_rest_ = false;
+      throw given_up("the appliance no longer waits for the frozen host");
+    }
+    wait(std::min(clock::now() + options_.poll, rest_->deadline()));
   }
 }
 
-void handshake::hold(quiesce& rest) {
+// The pauses cost the appliance fewer than 80 of these questions in 30 s, with a line of its log
+// each.
+void handshake::hold() {
   for (;;) {
-    const auto news = wait(std::min(clock::now() + options_.poll, rest.deadline()), rest.fd());
-    rest.check();
+    const auto now = clock::now();
+    const auto pause = growing_pause(now - rest_->since(), kFirstDepartPoll, options_.poll);
+    const auto news = wait(std::min(now + pause, rest_->deadline()));
+    is_at_rest();
     if (news.departed) {
+      may_count_on_rest_ = false;
       if (*news.departed == 0) break;
       throw given_up("the appliance reports result " + std::to_string(*news.departed) +
                      " of the split");
     }
     if (news.superseded) break;
     if (news.stop_now) throw given_up("the agent was told to stop before the split was over");
-    const auto answer = ask_depart(rest);
+    const auto answer = ask_depart();
     if (answer.status.ok() && !answer.yes) break;
   }
-  rest.check();
+  may_count_on_rest_ = false;
+  is_at_rest();
   if (connection_was_lost()) {
     throw given_up(
         "the connection to the appliance was lost while the host was frozen, so it is "
@@ -252,6 +323,11 @@ void handshake::write_record() {
     hook.set_timed_out(run.timed_out());
     hook.set_ms(static_cast<std::uint32_t>(run.ms()));
   }
+  if (rest_) {
+    for (const auto& other : rest_->others(plan_.member().name())) {
+      record.add_shared_with(other.substr(0, other.find(kOf)));
+    }
+  }
   for (const auto& refusal : hooks_.refused) record.add_refused_hooks(printable(refusal.name));
   log_record(to_json(record));
 }
@@ -271,14 +347,14 @@ appliance::answer handshake::ask_start_mirror() {
   return appliance_->lun_op(question, kCallTimeout);
 }
 
-appliance::answer handshake::ask_depart(quiesce& rest) {
+appliance::answer handshake::ask_depart() {
   LunCmd question = lun_command();
   auto& body = *question.mutable_depart_relation_req();
   body.set_task_id(command_.task_id());
   body.set_type(scsiplugin::LUN_TYPE_80);
   body.set_src_lun_id(lun());
   // Never later than the thaw: an agent that was stopped in between must not promise a quiet host.
-  const auto left = std::chrono::ceil<milliseconds>(rest.deadline() - clock::now());
+  const auto left = std::chrono::ceil<milliseconds>(rest_->deadline() - clock::now());
   return appliance_->lun_op(question, std::min(kCallTimeout, left));
 }
 
@@ -336,7 +412,7 @@ void handshake::wait_or_give_up(clock::time_point until, int fd) {
 void handshake::hear_the_freezer_out() {
   if (!rest_) return;
   while (!rest_->over()) {
-    const auto news = wait(clock::time_point::max(), rest_->fd());
+    const auto news = wait(clock::now() + kFreezerLook);
     if (news.stop || news.superseded) break;
   }
 }

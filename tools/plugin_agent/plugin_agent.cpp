@@ -14,12 +14,14 @@
 #include <system_error>
 #include <vector>
 
+#include "common/channel.h"
 #include "common/exit_codes.h"
 #include "common/interrupt.h"
 #include "plugin_agent/agent.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
 #include "plugin_agent/options.h"
+#include "plugin_agent/withdrawal.h"
 #include "plugin_freezer/file_system.h"
 #include "plugin_freezer/survival.h"
 
@@ -44,6 +46,12 @@ namespace {
 
 exit_code run(const agent_options& options, interrupt& stop) {
   if (options.verbose) agent_log().set_level(spdlog::level::debug);
+  if (!options.withdraw.empty()) {
+    const auto daemon =
+        scsiplugin::PluginService::NewStub(make_channel(options.appliances.front()));
+    return withdraw(*daemon, options.withdraw, options.plugin_id) ? exit_code::done
+                                                                  : exit_code::unreachable;
+  }
   if (options.freezes()) {
     freezer_path();
     recover(options.run_dir, options.hook_timeout, stop.fd());

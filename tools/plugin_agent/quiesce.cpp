@@ -21,10 +21,12 @@ std::chrono::steady_clock::time_point from_ms(std::int64_t time) {
 
 }  // namespace
 
-quiesce::quiesce(const FreezerPlan& plan) : plan_(plan) {
+quiesce::quiesce(const FreezerPlan& plan, event& news) : plan_(plan) {
+  members_[plan.member().name()] = {&news, true};
   if (plan.mount_points().empty() && plan.hooks().empty()) {
     frozen_ = true;
-    deadline_ = clock::now() + milliseconds(plan.max_freeze_ms());
+    frozen_at_ = clock::now();
+    deadline_ = frozen_at_ + milliseconds(plan.max_freeze_ms());
     return;
   }
   FreezerRequest request;
@@ -34,27 +36,36 @@ quiesce::quiesce(const FreezerPlan& plan) : plan_(plan) {
 }
 
 quiesce::~quiesce() {
-  try {
-    end();
-  } catch (const quiesce_error&) {
-    // Whoever is interested has called end().
-  }
   left_.raise();
   if (thread_.joinable()) thread_.join();
 }
 
-bool quiesce::at_rest() {
-  changed_.take();
+bool quiesce::join(const RestMember& who, event& news, milliseconds hold) {
   const std::lock_guard lock(mutex_);
-  if (thawing_ || gone_) {
-    throw quiesce_error(reason_.empty() ? "the agent was told to stop before the split was over"
-                                        : reason_);
-  }
+  const bool is_over = !freezer_ || thawing_ || gone_;
+  // The time that is left is known once the freezer has begun.
+  if (is_over || (begun_ && deadline_ - clock::now() < hold)) return false;
+  FreezerRequest request;
+  *request.mutable_join() = who;
+  if (members_.contains(who.name()) || !freezer_->send(request)) return false;
+  members_[who.name()] = {&news, false};
+  return true;
+}
+
+void quiesce::check(const member& one) const {
+  if ((thawing_ || gone_) && (!one.joined || (reason_.empty() && !begun_))) throw rest_missed();
+  if (thawing_ || gone_) throw quiesce_error(reason_);
   if (clock::now() >= deadline_) {
     throw quiesce_error(fmt::format("the host was thawed at the limit of {:g} s",
                                     static_cast<double>(plan_.max_freeze_ms()) / 1000));
   }
-  return frozen_;
+}
+
+bool quiesce::at_rest(const std::string& who) {
+  const std::lock_guard lock(mutex_);
+  const member& one = members_.at(who);
+  check(one);
+  return frozen_ && one.joined;
 }
 
 void quiesce::thaw_now() {
@@ -63,18 +74,23 @@ void quiesce::thaw_now() {
   if (freezer_) freezer_->send(request);
 }
 
-void quiesce::end() {
-  if (std::exchange(ended_, true) || !freezer_) return;
-  FreezerRequest request;
-  request.set_leave(plan_.member().name());
-  freezer_->send(request);
+void quiesce::end(const std::string& who) {
   std::unique_lock lock(mutex_);
+  member& one = members_.at(who);
+  if (std::exchange(one.news, nullptr) == nullptr || !freezer_) return;
+  const bool was_thawed = thawing_ || gone_;
+  FreezerRequest request;
+  request.set_leave(who);
+  freezer_->send(request);
   on_thawed_.wait(lock, [&] { return thawed_; });
-  if (!reason_.empty()) throw quiesce_error(reason_);
+  if (was_thawed || was_asked_) {
+    if (!reason_.empty()) throw quiesce_error(reason_);
+  } else if (!disturbed_.empty()) {
+    throw quiesce_error("somebody else has thawed " + disturbed_);
+  }
 }
 
 bool quiesce::over() {
-  changed_.take();
   const std::lock_guard lock(mutex_);
   return gone_ || !freezer_;
 }
@@ -82,6 +98,11 @@ bool quiesce::over() {
 quiesce::clock::time_point quiesce::deadline() {
   const std::lock_guard lock(mutex_);
   return deadline_;
+}
+
+quiesce::clock::time_point quiesce::since() {
+  const std::lock_guard lock(mutex_);
+  return frozen_at_;
 }
 
 milliseconds quiesce::frozen_for() {
@@ -92,6 +113,21 @@ milliseconds quiesce::frozen_for() {
 std::vector<hook_run> quiesce::runs() {
   const std::lock_guard lock(mutex_);
   return runs_;
+}
+
+std::vector<std::string> quiesce::others(const std::string& who) {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> names;
+  for (const auto& [name, one] : members_) {
+    if (name != who && one.joined) names.push_back(name);
+  }
+  return names;
+}
+
+void quiesce::raise_all() {
+  for (const auto& [name, one] : members_) {
+    if (one.news != nullptr) one.news->raise();
+  }
 }
 
 void quiesce::listen() {
@@ -113,7 +149,7 @@ void quiesce::listen() {
     died = begun_ && !thawed_;
     gone_ = true;
     if (died && reason_.empty()) reason_ = "the freezer has died";
-    changed_.raise();
+    raise_all();
     begun = begun_at_;
   }
   if (died) {
@@ -146,16 +182,24 @@ void quiesce::take(const FreezerReport& report) {
       break;
     case FreezerReport::kFrozen:
       frozen_ = true;
+      frozen_at_ = clock::now();
+      break;
+    case FreezerReport::kJoined:
+      if (const auto one = members_.find(report.joined()); one != members_.end()) {
+        one->second.joined = true;
+      }
       break;
     case FreezerReport::kThawing:
       thawing_ = true;
       thawing_until_ = from_ms(report.thawing().until());
       reason_ = report.thawing().reason();
+      was_asked_ = reason_.empty();
       break;
     case FreezerReport::kThawed:
       thawing_ = thawed_ = true;
       frozen_for_ = milliseconds(report.thawed().frozen_ms());
       reason_ = report.thawed().reason();
+      disturbed_ = report.thawed().disturbed();
       hold_.reset();
       no_core_dump_.reset();
       on_thawed_.notify_all();
@@ -163,7 +207,7 @@ void quiesce::take(const FreezerReport& report) {
     default:
       break;
   }
-  changed_.raise();
+  raise_all();
 }
 
 quiesce::clock::time_point quiesce::next_report() {

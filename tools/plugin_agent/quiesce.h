@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -26,65 +27,86 @@ class quiesce_error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// One rest of the host, as the freezer that brings it about tells of it. A thread of its own
-// listens: it notices at once that the freezer has died, or hangs, and has another one undo what
-// that has frozen. The log is held while the host is at rest. Used by one thread but for
-// thaw_now().
+// This rest was over, or never began, before the member had joined. Another one may do.
+class rest_missed : public std::runtime_error {
+ public:
+  rest_missed() : std::runtime_error("the freezer has died") {}
+};
+
+// One rest of the host, shared by its members, the handshakes that need it. It ends when the last
+// member leaves, or at its limit, which is counted from the first freeze. A thread of its own
+// listens to the freezer: it notices at once that the freezer has died, or hangs, and has another
+// one undo what that has frozen. The log is held while the host is at rest. Any thread may call.
 class quiesce {
  public:
   using clock = std::chrono::steady_clock;
 
-  // Starts the freezer, which waits for its turn. A plan of nothing is at rest at once, and for as
-  // long as any. Throws std::runtime_error.
-  explicit quiesce(const FreezerPlan& plan);
-  ~quiesce();  // end()
+  // Starts the freezer, which waits for its turn, with plan.member() as the first member. Each
+  // member's `news` is raised when one of its questions may have another answer; it must live until
+  // end(). A plan of nothing is at rest at once, and for as long as any. Throws std::runtime_error.
+  quiesce(const FreezerPlan& plan, event& news);
+  ~quiesce();
   quiesce(const quiesce&) = delete;
   quiesce& operator=(const quiesce&) = delete;
 
-  // Whether everything is frozen. Throws quiesce_error when it cannot be, or is no longer.
-  bool at_rest();
-  // Throws quiesce_error when the host is, or may be, no longer at rest.
-  void check() { at_rest(); }
-  // Readable when at_rest() may have news.
-  int fd() const { return changed_.fd(); }
+  // False when the rest is over, or when less than `hold` is left of it.
+  bool join(const RestMember& who, event& news, std::chrono::milliseconds hold);
 
-  // Ends the rest, and blocks until the host is thawed. Throws quiesce_error, when that is done, if
-  // it was not at rest all the time. Only the first call counts.
-  void end();
-  // Ends the rest without waiting. Any thread may call.
+  // Whether everything is frozen for this member. Throws quiesce_error when it cannot be, or is no
+  // longer, and rest_missed.
+  bool at_rest(const std::string& who);
+
+  // Leaves, and blocks until the host is thawed. Throws quiesce_error, when that is done, if the
+  // host was not at rest until this member left. Only its first call counts.
+  void end(const std::string& who);
+  // Ends the rest of all members without waiting.
   void thaw_now();
   // Whether nothing is left to do, not even for processes that may freeze something yet.
   bool over();
 
   // When the rest ends at the latest; unknown, and far away, until the freezer has its turn.
   clock::time_point deadline();
-  // These two after end(). From the first step of the freeze to the last of the thaw.
+  // When everything was frozen; at_rest() has been true.
+  clock::time_point since();
+  // These after end(). From the first step of the freeze to the last of the thaw.
   std::chrono::milliseconds frozen_for();
   std::vector<hook_run> runs();
+  // The names of the others that have been members.
+  std::vector<std::string> others(const std::string& who);
 
  private:
+  struct member {
+    event* news = nullptr;  // null when it has left
+    bool joined = false;
+  };
+
   void listen();
   void take(const FreezerReport& report);
+  // Throws when the member is not at rest, or will not be.
+  void check(const member& one) const;
+  void raise_all();
   // The time by which the freezer has to say something.
   clock::time_point next_report();
 
   const FreezerPlan plan_;
   std::optional<freezer_process> freezer_;
-  bool ended_ = false;
-  event changed_;
   event left_;  // raised when nobody wants to hear any more
   std::mutex mutex_;
   std::condition_variable on_thawed_;
   // All under mutex_.
+  std::map<std::string, member> members_;
   bool begun_ = false;
   bool frozen_ = false;
   bool thawing_ = false;
   bool thawed_ = false;
   bool gone_ = false;
   clock::time_point begun_at_;
+  clock::time_point frozen_at_;
   clock::time_point deadline_ = clock::time_point::max();
   clock::time_point thawing_until_;
-  std::string reason_;
+  std::string reason_;      // why the host was not at rest until the last member left
+  bool was_asked_ = false;  // for the thaw, by the last member that left
+  std::string disturbed_;   // what somebody else has thawed
   std::chrono::milliseconds frozen_for_{};
   std::vector<hook_run> runs_;
   std::optional<log_hold> hold_;

@@ -155,7 +155,7 @@ bool rest::answer_requests(bool at_rest) {
         break;
       }
       default:
-        end = end || request.kind_case() == FreezerRequest::kEnd;
+        is_told_to_thaw_ = is_told_to_thaw_ || request.kind_case() == FreezerRequest::kEnd;
     }
   }
   return end;
@@ -163,6 +163,9 @@ bool rest::answer_requests(bool at_rest) {
 
 void rest::check() {
   if (answer_requests(true)) throw over("", true);
+  if (is_told_to_thaw_) {
+    throw over("the agent was told to stop before the split was over", false);
+  }
   if (world_.terminated) throw over("the freezer was told to thaw by a signal", false);
   if (world_.agent_gone) throw over("the agent has gone", false);
   if (clock::now() >= limit()) {

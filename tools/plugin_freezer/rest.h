@@ -85,11 +85,13 @@ class rest {
   RestRecord record_;
   std::vector<std::string> environment_;
   std::vector<volume> volumes_;
-  std::string reason_;         // why the host was not at rest all the time; empty when it was
-  bool certain_ = true;        // that everything is thawed
-  child* freezing_ = nullptr;  // the step under way
-  bool is_told_ = false;       // that the host is thawed
-  bool is_late_ = false;       // a killed step outlasts the thaw
+  std::string disturbed_;         // a mount point that somebody else has thawed
+  bool is_told_to_thaw_ = false;  // by the agent, whoever has joined
+  std::string reason_;            // why the host was not at rest all the time; empty when it was
+  bool certain_ = true;           // that everything is thawed
+  child* freezing_ = nullptr;     // the step under way
+  bool is_told_ = false;          // that the host is thawed
+  bool is_late_ = false;          // a killed step outlasts the thaw
   clock::time_point thawed_at_;
 };
 

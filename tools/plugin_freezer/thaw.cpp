@@ -147,6 +147,7 @@ void rest::settle(volume& one) {
       world_.report.warn(mount_point + " was left frozen by an earlier agent; thawed");
     }
   } else if (error == EINVAL) {
+    if (is_ours_) disturbed_ = mount_point;
     if (is_ours_ && reason_.empty()) reason_ = "somebody else has thawed " + mount_point;
   } else if (error == ENODEV) {
     certain_ = false;
@@ -243,6 +244,7 @@ void rest::tell_thawed() {
       std::chrono::ceil<milliseconds>(thawed_at_ - from_ms(record_.begun())).count());
   report.mutable_thawed()->set_reason(reason_);
   report.mutable_thawed()->set_certain(certain_);
+  report.mutable_thawed()->set_disturbed(disturbed_);
   world_.report.send(report);
 }
 
