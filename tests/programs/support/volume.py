@@ -48,6 +48,7 @@ class Volume:
         self._over = False
         self._began = time.monotonic()  # the last write
         self._longest = 0
+        self.writes = []  # when each began and ended that succeeded, on the monotonic clock
         self._writer = threading.Thread(target=self._write_on, daemon=True)
         self._writer.start()
 
@@ -104,6 +105,8 @@ class Volume:
             self._began = time.monotonic()
             os.pwrite(file, bytes([number % 256]), 0)
             os.fdatasync(file)
-            self._longest = max(self._longest, time.monotonic() - self._began)
+            ended = time.monotonic()
+            self.writes.append((self._began, ended))
+            self._longest = max(self._longest, ended - self._began)
             time.sleep(0.003)
         os.close(file)
