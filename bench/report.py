@@ -1,4 +1,4 @@
-"""Tables and plots of what scripts/bench has measured."""
+"""Tables and the plot of what scripts/bench has measured."""
 
 import os
 import pathlib
@@ -8,7 +8,7 @@ import statistics
 import subprocess
 import time
 
-# The daemon's ratio to the floor: what, which measure, "at most" or "at least".
+# The daemon's ratio to the baseline: what, which measure, "at most" or "at least".
 TARGETS = [
     *[(f"fan-out to the last of {n} hosts, µs", f"fanout/{n}/last_us", "<=", 1.0)
       for n in (16, 128, 512)],
@@ -26,7 +26,7 @@ TARGETS = [
     ("LUN lookups per second, 1024 LUNs", "lookup/1024/per_second", ">=", 2.5),
 ]
 IDLE = ("CPU at rest with 900 hosts, %", "hold/900/idle_cpu_percent", 0.1)
-SERVERS = ["daemon", "floor", "floor_only_log", "floor_bare", "mosquitto", "nats"]
+SERVERS = ["daemon", "baseline", "baseline_only_log", "baseline_bare", "mosquitto", "nats"]
 
 
 def machine():
@@ -39,7 +39,7 @@ def machine():
 def median_ratio(results, measure):
     """Round by round: what disturbed one of the two disturbed its neighbour too."""
     of = results.get(measure, {})
-    pairs = [a / b for a, b in zip(of.get("daemon", []), of.get("floor", [])) if b]
+    pairs = [a / b for a, b in zip(of.get("daemon", []), of.get("baseline", [])) if b]
     return statistics.median(pairs) if pairs else None
 
 
@@ -65,13 +65,13 @@ def target_rows(results):
         if ratio is None:
             continue
         met = ratio <= limit if way == "<=" else ratio >= limit
-        rows.append([what, cell(results, measure, "daemon"), cell(results, measure, "floor"),
+        rows.append([what, cell(results, measure, "daemon"), cell(results, measure, "baseline"),
                      f"{ratio:.2f}", f"{'≤' if way == '<=' else '≥'} {limit}",
                      "yes" if met else "NO"])
     what, measure, limit = IDLE
     if measure in results:
         used = statistics.median(results[measure]["daemon"])
-        rows.append([what, cell(results, measure, "daemon"), cell(results, measure, "floor"), "",
+        rows.append([what, cell(results, measure, "daemon"), cell(results, measure, "baseline"), "",
                      "nil", "yes" if used < limit else "NO"])
     return rows
 
@@ -98,61 +98,43 @@ def markdown_table(head, rows):
     return "".join("| " + " | ".join(line) + " |\n" for line in lines)
 
 
-def plot(path, settings, series):
-    """Each series is a title and its points, x and y."""
-    if not any(points for _, points in series):
-        return
-    series = [(title, points) for title, points in series if points]
-    data = "".join("".join(f"{x} {y}\n" for x, y in points) + "e\n" for _, points in series)
-    curves = ", ".join(f"'-' with linespoints lw 2 pt 7 ps 0.5 title '{title}'"
-                       for title, _ in series)
-    subprocess.run(["gnuplot"], input=(
-        f"set terminal svg size 760,420 dynamic font 'sans-serif,13' background 'white'\n"
-        f"set output '{path}'\nset grid lc rgb '#dddddd'\nset key left top\nset border 3\n"
-        f"set tics nomirror\n{settings}\nplot {curves}\n{data}"), text=True, check=True)
+def plot_fanout(results, path):
+    """The time to the last host, at the numbers of hosts at which all servers were measured."""
+    titles = {"daemon": "daemon", "baseline": "baseline: a bare gRPC server, with the same logging",
+              "baseline_bare": "baseline that logs nothing", "mosquitto": "mosquitto (MQTT)",
+              "nats": "NATS"}
+    curves, data = [], ""
+    for server, title in titles.items():
+        points = [(hosts, statistics.median(results[measure][server]) / 1e3)
+                  for hosts in (1, 10, 100, 500, 900)
+                  if server in results.get(measure := f"fanout/{hosts}/last_us", {})]
+        if points:
+            curves.append(f"'-' with linespoints lw 2 pt 7 ps 0.5 title '{title}'")
+            data += "".join(f"{x} {y}\n" for x, y in points) + "e\n"
+    if curves:
+        subprocess.run(["gnuplot"], input=(
+            "set terminal svg size 760,420 dynamic font 'sans-serif,13' background 'white'\n"
+            f"set output '{path}'\nset grid lc rgb '#dddddd'\nset key left top\nset border 3\n"
+            "set tics nomirror\nset logscale xy\nset xrange [0.9:1100]\nset xlabel 'hosts'\n"
+            "set ylabel 'ms from the announcement to the last host'\n"
+            f"plot {', '.join(curves)}\n{data}"), text=True, check=True)
 
 
-def points(results, pattern, server, scale):
-    found = []
-    for measure, of in results.items():
-        match = re.fullmatch(pattern, measure)
-        if match and server in of:
-            found.append((int(match.group(1)), statistics.median(of[server]) * scale))
-    return sorted(found)
-
-
-def write_plots(results, out):
-    log = "set logscale xy\nset xrange [0.9:1100]\nset xlabel 'hosts'\n"
-    titles = [("daemon", "daemon"), ("floor", "floor: a bare gRPC server, with the same logging"),
-              ("floor_bare", "floor that logs nothing"), ("mosquitto", "mosquitto (MQTT)"),
-              ("nats", "NATS")]
-    # The numbers of hosts at which all of them were measured.
-    plot(out / "fanout.svg", log + "set ylabel 'ms from the announcement to the last host'",
-         [(title, points(results, r"fanout/(10*|[59]00)/last_us", name, 1e-3))
-          for name, title in titles])
-    plot(out / "cpu.svg", log + "set ylabel 'server CPU time for each delivery, µs'",
-         [(title, points(results, r"fanout/(10*|[59]00)/cpu_us", name, 1))
-          for name, title in titles])
-    plot(out / "lookup.svg", "set logscale x 2\nset xlabel 'LUNs'\nset ylabel 'lookups per second'",
-         [(name, points(results, r"lookup/(\d+)/per_second", name, 1))
-          for name in ("daemon", "floor")])
-
-
-def write(document, out, readme_root):
+def write(document, out, root):
     results, where = document["results"], document["machine"]
     origin = (f"{where['date']}, {where['cores']} cores of {where['cpu']}, Linux {where['kernel']}, "
               f"{document['seconds']} s")
-    targets = ["Target", "Daemon", "Floor", "Ratio", "Wanted", "Met"]
+    targets = ["Target", "Daemon", "Baseline", "Ratio", "Wanted", "Met"]
     table = (text_table(targets, target_rows(results)) + "\n" +
              text_table(["All measures", "Ratio", *SERVERS], all_rows(results)) +
              f"\nMedians; in brackets the 99th percentile. {origin}\n")
     (out / "table.txt").write_text(table)
     print(table, end="")
-    write_plots(results, out)
-    if readme_root:
-        shutil.copy(out / "fanout.svg", readme_root / "docs/bench.svg")
-        readme = readme_root / "README.md"
+    plot_fanout(results, out / "fanout.svg")
+    if root:
+        shutil.copy(out / "fanout.svg", root / "docs/bench.svg")
+        manual = root / "docs/performance.md"
         between = r"(<!-- written by scripts/bench --readme -->\n).*?(<!-- end -->)"
         text = markdown_table(targets, target_rows(results)) + f"\n{origin}.\n"
-        readme.write_text(re.sub(between, lambda m: m[1] + text + m[2], readme.read_text(),
+        manual.write_text(re.sub(between, lambda m: m[1] + text + m[2], manual.read_text(),
                                  flags=re.S))

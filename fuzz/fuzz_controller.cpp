@@ -6,11 +6,14 @@
 // exception once it has examined that one again and again. Not played: two calls at work at the
 // very same time (tests/stress_test.cpp does that), and release_all_clients, which nothing calls.
 
+#include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -20,11 +23,12 @@
 
 #include "calls.h"
 #include "captured_syslog.h"
-#include "command_streams.h"
 #include "controller_model.h"
 #include "fake_conf.h"
 #include "log_lines.h"
 #include "made_up.h"
+#include "plugin_service.grpc.pb.h"
+#include "subscriber.h"
 
 namespace vexo::fuzz {
 namespace {
@@ -44,9 +48,53 @@ const std::pair<std::string, std::string> kPeers[] = {{"ipv4:10.0.0.9:4711", "10
 constexpr LunType kTypes[] = {LUN_TYPE_NONE, LUN_TYPE_80, LUN_TYPE_83, static_cast<LunType>(3)};
 constexpr std::chrono::seconds kSpans[] = {1s, 59s, 60s, 300s, -3600s};
 
+// Real Subscribe streams, one for each id, opened once and never ended, for subscriber records
+// whose calls are fake: what is written to one comes out at its other end.
+class command_streams : PluginService::Service {
+ public:
+  command_streams() {
+    int port = 0;
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+    builder.RegisterService(this);
+    server_ = builder.BuildAndStart();
+    stub_ = PluginService::NewStub(test::connect("127.0.0.1:" + std::to_string(port)));
+    PluginClient request;
+    for (std::size_t i = 0; i < std::size(kIds); ++i) {
+      request.set_type(static_cast<PluginClient::Type>(i));
+      contexts_[i].set_wait_for_ready(true);
+      readers_[i] = stub_->Subscribe(&contexts_[i], request);
+      writers_[i] = lent_[i].get_future().get();
+    }
+  }
+  grpc::ServerWriter<PluginCmd>* writer(std::size_t i) const { return writers_[i]; }
+  // The next command from stream `i`; blocks until there is one.
+  PluginCmd read(std::size_t i) {
+    PluginCmd cmd;
+    EXPECT_TRUE(readers_[i]->Read(&cmd));
+    return cmd;
+  }
+
+ private:
+  // Lends its writer, and stays open. The request's type is the number of the stream.
+  grpc::Status Subscribe(grpc::ServerContext* /*context*/, const PluginClient* request,
+                         grpc::ServerWriter<PluginCmd>* writer) override {
+    lent_[request->type()].set_value(writer);
+    std::promise<void>().get_future().wait();
+    return grpc::Status::OK;
+  }
+
+  std::unique_ptr<grpc::Server> server_;
+  std::unique_ptr<PluginService::Stub> stub_;
+  grpc::ClientContext contexts_[std::size(kIds)];
+  std::unique_ptr<grpc::ClientReader<PluginCmd>> readers_[std::size(kIds)];
+  std::promise<grpc::ServerWriter<PluginCmd>*> lent_[std::size(kIds)];
+  grpc::ServerWriter<PluginCmd>* writers_[std::size(kIds)];
+};
+
 // Never destroyed: their calls do not end.
 command_streams& streams() {
-  static command_streams& one_each = *new command_streams(std::size(kIds));
+  static command_streams& one_each = *new command_streams;
   return one_each;
 }
 

@@ -2,7 +2,7 @@
 #define VEXO_ISCSI_EP_H_
 
 // The part of the appliance's iSCSI configuration library, libvexoiscsiep.so.6, that the daemon
-// relies on. The library is closed: what is called opaque here is its own and is never looked at.
+// relies on. The library is closed: the members called opaque are its own and are never read.
 // Every offset and size below is its binary interface.
 
 // A C header, like the library. NOLINTBEGIN(modernize-deprecated-headers)
@@ -26,12 +26,12 @@ struct tag_iscsi_lun_ {
   uint8_t opaque0[40];
   uint32_t type_flags;
   uint8_t opaque1[41];
-  // The LUN's UUID text, NUL-terminated. The library may keep more behind the NUL.
+  // The LUN's UUID text, NUL-terminated. Bytes after the NUL may hold something else.
   char identifier[4395];
   struct list_head link;
 };
 
-// What one load fills; the caller owns it, zero-filled and with its three heads made empty.
+// Filled by one load. The caller owns it, zero-fills it and makes its three lists empty.
 struct conf_holder {
   uint8_t opaque[16];
   struct list_head luns;
@@ -63,8 +63,8 @@ static_assert(sizeof(struct load_request) == 80, "load request");
 VEXO_API int VEXOiSCSIConfGet(struct load_request* request, struct conf_holder* holder,
                               struct list_head* third, struct list_head* second);
 
-// Frees every record of the holder's lists. Due after every load, also a failed one, and harmless
-// on a holder that was never loaded, zero-filled or with empty heads.
+// Frees every record of the holder's lists. Must be called after every load, also after a failed
+// one. Harmless on a holder that was never loaded, whether zero-filled or with empty lists.
 VEXO_API void VEXOiSCSIConfFree(struct conf_holder* holder);
 
 #ifdef __cplusplus

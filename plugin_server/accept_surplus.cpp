@@ -1,11 +1,12 @@
-// The accept4 of this process, in the C library's place: it keeps gRPC's endpoints alive when there
-// are no file descriptors left.
+// Replaces the C library's accept4 in this process. It keeps gRPC's endpoints alive when there are
+// no file descriptors left.
 //
-// gRPC stops listening for the life of the process after one "too many open files", which the
-// kernel answers as soon as the table is full, also when nobody waits to be accepted. So
-// connections that are too many are accepted and closed: their hosts learn at once that they are
-// not served, and the endpoint serves again when others have gone. A few files are left to LUN
-// lookups, and one is kept in reserve to accept with when these have taken all the others.
+// gRPC stops listening for the life of the process after one "too many open files" error. The
+// kernel returns that error as soon as the table is full, even when no connection is waiting. So
+// surplus connections are accepted and closed: their hosts learn at once that they are not served,
+// and the endpoint serves again when other connections have ended. A few descriptors are left free
+// for LUN lookups. One more is kept in reserve: it is given up to accept a surplus connection when
+// the lookups have taken all the others.
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
@@ -20,27 +21,27 @@
 
 namespace {
 
-// How many files are kept for lookups; one that cannot read the configuration answers "not
-// supported". As many lookups at once find one under the daemon's own limit of 1024 files. A
-// process that may not raise a much lower limit needs its files for hosts.
+// How many descriptors are left free for LUN lookups: eight lookups at once under the daemon's own
+// limit of 1024. A lookup that gets none answers "not supported". A process that is not allowed to
+// raise a much lower limit needs its descriptors for hosts.
 rlim_t files_for_lookups(rlim_t limit) { return std::min<rlim_t>(8, limit / 16); }
 
-std::mutex g_mutex;  // one endpoint at a time, so that none takes what another one has just freed
-int g_reserve = -1;  // open only to be closed; negative while there is none to be had
+std::mutex g_mutex;  // one endpoint at a time, so that none takes what another has freed
+int g_reserve = -1;  // a descriptor that is open so that it can be given up; negative: none
 
 int system_accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
   return static_cast<int>(syscall(SYS_accept4, listener, address, length, flags));
 }
 
-// The kernel hands out the lowest number that is free.
+// The kernel hands out the lowest free number, so a high one means that few are left.
 bool is_too_many(int accepted) {
   rlimit files = {};
   return getrlimit(RLIMIT_NOFILE, &files) == 0 &&
          static_cast<rlim_t>(accepted) + files_for_lookups(files.rlim_cur) >= files.rlim_cur;
 }
 
-// Closes the first connection that waits. False when none does, and when the reserve was lost to
-// another user of files: then those that wait are seen to at the next call.
+// Accepts and closes the first waiting connection. False when none is waiting, or when another
+// thread has taken the reserve; then the next call handles the waiting connections.
 bool turn_one_away(int listener) {
   if (g_reserve < 0) return false;
   close(g_reserve);
@@ -52,7 +53,7 @@ bool turn_one_away(int listener) {
 
 }  // namespace
 
-// Any thread may call. A listener that blocks is not gRPC's, and gets what the C library gives.
+// Any thread may call. A blocking listener is not gRPC's: for it this is the plain system call.
 extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
   if ((fcntl(listener, F_GETFL) & O_NONBLOCK) == 0) {
     return system_accept4(listener, address, length, flags);
@@ -67,7 +68,7 @@ extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int f
     } else if (errno != EMFILE && errno != ENFILE) {
       return accepted;
     } else if (!turn_one_away(listener)) {
-      errno = EAGAIN;  // to gRPC: come back when the next one has arrived
+      errno = EAGAIN;  // gRPC tries again when the next connection arrives
       return -1;
     }
   }

@@ -3,8 +3,8 @@
 
 #include <mutex>
 
-// What clang's -Wthread-safety reads; nothing for other compilers. Prefixed, since gRPC's headers
-// define the bare names.
+// Annotations for clang's -Wthread-safety; empty for other compilers. The names have a prefix
+// because gRPC's headers define those without one.
 #ifdef __clang__
 #define PLUGIN_TS(attribute) __attribute__((attribute))
 #else
@@ -22,7 +22,7 @@
 
 namespace vexo::scsiplugin {
 
-// std::mutex, visible to the analysis.
+// A std::mutex that the analysis knows.
 class PLUGIN_CAPABILITY mutex : public std::mutex {
  public:
   void lock() PLUGIN_ACQUIRE() { std::mutex::lock(); }

@@ -9,7 +9,7 @@ namespace vexo::scsiplugin {
 inline constexpr char kUnknownAddress[] = "Unknown";
 
 // The address of a call's peer, given as grpc::ServerContext::peer() prints it: "192.168.1.20" for
-// "ipv4:192.168.1.20:51544", kUnknownAddress for whatever has not this form.
+// "ipv4:192.168.1.20:51544", kUnknownAddress for every other form.
 std::string peer_ipv4(const std::string& peer);
 
 }  // namespace vexo::scsiplugin

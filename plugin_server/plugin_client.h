@@ -22,12 +22,12 @@ class plugin_client {
                 grpc::ServerWriter<PluginCmd>* writer);
 
   // Writes `cmd` to the stream if the peer is IPv4; logs either way. Holds `write_mutex`, and
-  // blocks for as long as the transport takes no more, which a stalled host can make about 20 s.
-  // A write that fails is not noticed.
+  // blocks while the transport takes no more data: about 20 s when the host has stalled.
+  // A failed write is not noticed.
   void push_cmd(const PluginCmd& cmd) PLUGIN_EXCLUDES(write_mutex);
 
   // Wakes the waiting Subscribe handler. Takes `write_mutex`, so it waits for a write under way.
-  // The handler waits under `wait_mutex`: a release that comes before it waits is lost.
+  // The handler waits under `wait_mutex`: a release before that wait begins is lost.
   void release() PLUGIN_EXCLUDES(write_mutex);
 
   grpc::ServerContext* const context;
@@ -36,7 +36,7 @@ class plugin_client {
   const std::string peer;
   grpc::ServerWriter<PluginCmd>* const writer PLUGIN_PT_GUARDED_BY(write_mutex);
   mutex write_mutex;  // one write to the stream at a time; also held by every release
-  mutex wait_mutex;   // held by the Subscribe handler, but for its wait on `cond`
+  mutex wait_mutex;   // held by the Subscribe handler, except while it waits on `cond`
   std::condition_variable cond;
   bool running PLUGIN_GUARDED_BY(write_mutex) = true;  // false from the first release on
 };

@@ -50,9 +50,9 @@ void PluginServerCtrl::broadcast_cmd(const PluginCmd& cmd) {
   for (auto entry = client_map.begin(); entry != client_map.end();) {
     plugin_client& client = *entry->second;
     if (client.context->IsCancelled()) {
-      // The same entry again, not the next: a call once cancelled stays so, and nobody can remove
-      // the entry while client_mutex is held. A broadcast that meets a vanished subscriber ends
-      // with the process, which is for whoever supervises it to see to.
+      // Continues with the same entry, not with the next. A cancelled call stays cancelled, and
+      // nobody can remove the entry while client_mutex is held: a broadcast that meets a vanished
+      // subscriber never returns. A supervisor has to end the process.
       client.release();
       continue;
     }
@@ -146,8 +146,8 @@ void PluginServerCtrl::handle_cmd_is_mirror_done(const LunCmd& request, LunCmdRe
     response->set_success(true);
     return;
   }
-  // Read without the task's mutex: every setter but mirror_done's is kept out by task_mutex, and
-  // one that comes too late for this poll is seen by the next.
+  // Read without the task's mutex: task_mutex keeps out every writer except mirror_done, and a
+  // change that comes too late for this poll is seen by the next.
   if (task->state != TASK_MIRROR_DONE) {
     PLUGIN_LOG(LOG_INFO, 171, "mirroring ... [%s]", req.src_lun_id().c_str());
     response->set_success(false);
@@ -192,7 +192,7 @@ void PluginServerCtrl::handle_cmd_init_snapshot(const PluginCmd& request, Plugin
   cmd.set_task_id(key);
   broadcast_cmd(cmd);
 
-  // Looked up only now: a host may have answered, and somebody ended the handshake, meanwhile.
+  // Looked up only now: during the broadcast somebody may have ended the handshake.
   const auto task = find_task(key);
   if (task && task->wait_for(TASK_MIRROR_STARTED)) {
     PLUGIN_LOG(LOG_INFO, 220, "Init snapshots success(start mirror) [%s]", key.c_str());
@@ -201,7 +201,7 @@ void PluginServerCtrl::handle_cmd_init_snapshot(const PluginCmd& request, Plugin
     return;
   }
   PLUGIN_LOG(LOG_ERR, 224, "Init snapshots failed [%s]", key.c_str());
-  // What is under the key by now belongs to another announcement.
+  // A task that is under the key by now belongs to another announcement.
   if (!task) return response->set_success(false);
   response->set_success(false);
   const mutex_lock lock(task_mutex);
@@ -218,7 +218,8 @@ void PluginServerCtrl::handle_cmd_mirror_done(const PluginCmd& request, PluginCm
     response->set_success(false);
     return;
   }
-  // Checked, then set, without a lock around both: callers of one handshake come one at a time.
+  // No lock covers both the check and the change: a handshake has one local caller, which makes
+  // one call at a time.
   if (task->state != TASK_MIRROR_STARTED) {
     PLUGIN_LOG(LOG_ERR, 247, "Mirror done failed [%s]", key.c_str());
     response->set_success(false);
@@ -259,8 +260,7 @@ void PluginServerCtrl::handle_cmd_depart_done(const PluginCmd& request, PluginCm
     response->set_success(true);  // what is gone has departed
     return;
   }
-  // Without client_mutex, so that a broadcast to a slow host does not keep a handshake from
-  // ending.
+  // Without client_mutex, so that a broadcast to a slow host does not delay the handshake's end.
   if (const auto client = client_map.find(task->plugin_id)) client->push_cmd(request);
   const mutex_lock lock(task_mutex);
   del_task(key);

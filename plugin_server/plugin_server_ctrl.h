@@ -17,9 +17,9 @@ namespace vexo::scsiplugin {
 // The registry of subscribers, the table of handshakes, and the eight command handlers on them.
 // One per process; any thread may call anything.
 //
-// Lock order: client_mutex, then a client's write_mutex; task_mutex, then a task's mutex. The two
-// sides are never held together. What is said below to take no registry lock is never held up by a
-// broadcast to a slow host or by a slow configuration load.
+// Lock order: client_mutex, then a client's write_mutex; task_mutex, then a task's mutex. Locks of
+// subscribers and locks of tasks are never held together. A function that is documented below to
+// take no registry lock never waits for a slow host's broadcast or for a slow configuration load.
 class PluginServerCtrl {
  public:
   // --- Registry of subscribers, by plugin_id. All of these take client_mutex. ---
@@ -43,21 +43,21 @@ class PluginServerCtrl {
   // never returns once it meets a subscriber whose call was cancelled: see the definition.
   void broadcast_cmd(const PluginCmd& cmd) PLUGIN_EXCLUDES(client_mutex);
 
-  // Releases the first subscriber, over and over. Returns only when there is none. Nothing calls
-  // it.
+  // Releases the first subscriber again and again. Returns only when there is no subscriber.
+  // Nothing calls it.
   void release_all_clients() PLUGIN_EXCLUDES(client_mutex);
 
   // --- Table of handshakes, by task id. ---
 
-  // Creates a task. False, and nothing done, when a task with this id exists and is younger than
-  // TASK_EXPIRY; an older one is replaced. Takes task_mutex.
+  // Creates a task. Replaces one with the same id that is older than TASK_EXPIRY; when it is
+  // younger, does nothing and returns false. Takes task_mutex.
   bool add_task(const std::string& task_id) PLUGIN_EXCLUDES(task_mutex);
 
-  // The task, or an empty pointer. Takes no registry lock; a caller that needs the answer to stay
-  // true holds task_mutex.
+  // The task, or an empty pointer. Takes no registry lock; a caller that needs the task to stay in
+  // the table holds task_mutex.
   std::shared_ptr<plugin_task> find_task(const std::string& task_id) const;
 
-  // The number of tasks removed, 0 or 1. A handler that waits for it keeps waiting.
+  // The number of tasks removed, 0 or 1. A handler that waits on a removed task keeps waiting.
   std::size_t del_task(const std::string& task_id) PLUGIN_REQUIRES(task_mutex);
 
   // --- LunOp. Each sets `success`, and nothing else, in the response. ---

@@ -15,7 +15,7 @@ std::shared_ptr<PluginServerCtrl> g_plugin_server_ctrl = std::make_shared<Plugin
 
 grpc::Status PluginServiceImpl::Subscribe(grpc::ServerContext* context, const PluginClient* request,
                                           grpc::ServerWriter<PluginCmd>* writer) {
-  // The record borrows this call's objects: its deleter tells when nobody can reach them any more.
+  // The record borrows this call's objects. Its deleter signals that no thread can reach them.
   std::promise<void> destroyed;
   const std::future<void> gone = destroyed.get_future();
   std::shared_ptr<plugin_client> client(
@@ -29,8 +29,8 @@ grpc::Status PluginServiceImpl::Subscribe(grpc::ServerContext* context, const Pl
              client->peer.c_str());
   g_plugin_server_ctrl->add_client(client);
   {
-    // Once and without a predicate: any wake-up ends the subscription, and one that comes before
-    // the wait is lost.
+    // One wait, without a predicate: any wake-up ends the subscription, and a wake-up before the
+    // wait is lost.
     mutex_lock lock(client->wait_mutex);
     client->cond.wait(lock);  // NOLINT(bugprone-spuriously-wake-up-functions)
   }

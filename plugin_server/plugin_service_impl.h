@@ -13,12 +13,12 @@ namespace vexo::scsiplugin {
 extern std::shared_ptr<PluginServerCtrl> g_plugin_server_ctrl;
 
 // Turns each call into one or two calls of the controller. Runs on gRPC's threads, any number at
-// once, and holds no state and no lock of its own. The status is OK for whatever a handler took on,
-// also when its verdict is `success` false, and CANCELLED for a command that none handles.
+// once, and holds no state and no lock of its own. The status is OK for every command that has a
+// handler, also when the handler's verdict is `success` false, and CANCELLED for any other command.
 class PluginServiceImpl : public PluginService::Service {
  public:
-  // Blocks, on a thread of its own, until the subscriber is released and its record is gone. It is
-  // not woken by a subscriber that merely disconnects.
+  // Blocks, on a thread of its own, until the subscriber is released and its record is gone. A host
+  // that only disconnects does not wake it.
   grpc::Status Subscribe(grpc::ServerContext* context, const PluginClient* request,
                          grpc::ServerWriter<PluginCmd>* writer) override;
   grpc::Status UnSubscribe(grpc::ServerContext* context, const PluginClient* request,

@@ -20,24 +20,25 @@ enum task_state : std::uint32_t {
 
 // How long a handler waits for a host plugin to move its task on.
 inline constexpr std::chrono::seconds TASK_WAIT{60};
-// The age at which a task no longer keeps its id from being used again.
+// The age from which a new task with the same id may replace a task.
 inline constexpr std::chrono::seconds TASK_EXPIRY{300};
 
 // One handshake, from its announcement to every host until the relation has departed.
 // Shared by the table and by every handler working on it. A waiter keeps its own pointer, so a task
-// that is deleted meanwhile stays valid, and simply never moves again.
+// that is deleted meanwhile stays valid; its state then never changes again.
 class plugin_task {
  public:
-  // Moves to `next`, whatever the state is, and wakes every waiter. Takes `mutex`.
+  // Changes from any state to `next` and wakes every waiter. Takes `mutex`.
   void set_state(task_state next) PLUGIN_EXCLUDES(mutex);
 
-  // Blocks until the state is `target`, at most TASK_WAIT on the wall clock. Whether it was
-  // reached, be it at the last moment. A state that came and went unseen was not. Takes `mutex`.
+  // Blocks until the state is `target`, at most TASK_WAIT on the wall clock. True when the state is
+  // `target` at the end of the wait. False also when it was reached and left again before this
+  // thread looked. Takes `mutex`.
   bool wait_for(task_state target) PLUGIN_EXCLUDES(mutex);
 
-  std::atomic<std::uint32_t> state = TASK_CREATED;  // written under `mutex`; some read it without
+  std::atomic<std::uint32_t> state = TASK_CREATED;  // written under `mutex`; some read without it
   std::string task_id;    // its key in the table; set before the task is shared
-  std::string plugin_id;  // the subscriber that depart_done goes to; nothing sets it
+  std::string plugin_id;  // the subscriber that depart_done goes to; never set
   std::condition_variable cond;
   scsiplugin::mutex mutex;
   std::chrono::system_clock::time_point create_time;  // read and set under `task_mutex`

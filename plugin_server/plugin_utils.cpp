@@ -16,9 +16,9 @@ constexpr char kLogSource[] = "plugin_utils";
 constexpr std::uint32_t kLoadWhat = 0x7000;
 
 constexpr std::string_view kNaaPrefix = "6001405";  // NAA 6h, IEEE company id 001405h
-constexpr std::size_t kNaaIdentifierLength = 25;    // fills the 32 digits of an NAA
+constexpr std::size_t kNaaIdentifierLength = 25;    // 7 + 25: the 32 digits of an NAA identifier
 
-// Frees the configuration on every way out.
+// Frees the configuration on every return.
 struct loaded_conf : conf_holder {
   loaded_conf() : conf_holder() {}
   ~loaded_conf() { VEXOiSCSIConfFree(this); }

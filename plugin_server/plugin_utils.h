@@ -23,9 +23,9 @@ inline bool has_all_flags(const tag_iscsi_lun_& lun, std::uint32_t mask) {
   return (lun.type_flags & mask) == mask;
 }
 
-// Copies the first LUN, in the configuration's order, for which `pred` answers true into `out`, and
-// answers whether there was one. `out` stays as it is when there was none; a null `out` finds
-// nothing. Throws std::bad_function_call when `pred` is empty and there is a LUN to ask it about.
+// Copies the first LUN, in the configuration's order, for which `pred` returns true into `out`.
+// Returns whether there was one; if not, `out` is unchanged. A null `out` finds nothing. Throws
+// std::bad_function_call when `pred` is empty and the configuration has a LUN.
 bool GetLunConfByFunc(tag_iscsi_lun_* out, const std::function<bool(const tag_iscsi_lun_*)>& pred);
 
 // By page-83h identifier: "6001405" and the first 25 characters of the LUN's own identifier, with
@@ -35,7 +35,7 @@ bool GetLunConfByNAA(tag_iscsi_lun_* out, const std::string& naa);
 // By page-80h identifier: the LUN's own, exactly.
 bool GetLunConfByGUID(tag_iscsi_lun_* out, const std::string& guid);
 
-// By the identifier that `type` says; any other type finds nothing and loads nothing.
+// By the kind of identifier that `type` names. For any other type: false, and nothing is loaded.
 bool GetLunConf(tag_iscsi_lun_* out, const std::string& lun_id, LunType type);
 
 // Whether a host plugin can take part in snapshots of the LUN.

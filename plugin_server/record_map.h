@@ -12,9 +12,9 @@
 namespace vexo::scsiplugin {
 
 // A table of shared records that can be read without its registry lock. The registry lock
-// (`client_mutex`, `task_mutex`) makes a whole operation one step and is held for as long as that
-// takes; the lock in here is held only inside each call, so a reader that by contract takes no
-// registry lock is never blocked by a long operation and never meets a half-changed table.
+// (`client_mutex`, `task_mutex`) makes a whole operation atomic and is held during all of it. The
+// lock of this class is held only inside each call. So a reader that takes no registry lock is
+// never blocked by a long operation and never sees a half-changed table.
 //
 // Every writer holds the registry lock. Any thread may call the readers.
 template <typename Record>
@@ -35,13 +35,13 @@ class record_map {
     return table_.empty();
   }
 
-  // Stores `record` under `key`. Returns the record it takes the place of, or an empty pointer.
+  // Stores `record` under `key`. Returns the record that it replaces, or an empty pointer.
   pointer put(const std::string& key, pointer record) {
     const std::unique_lock lock(mutex_);
     return std::exchange(table_[key], std::move(record));
   }
 
-  // The number of records removed, 0 or 1. The record is dropped after the lock.
+  // The number of records removed, 0 or 1. The record is let go after unlocking.
   std::size_t erase(const std::string& key) {
     std::unique_lock lock(mutex_);
     const auto removed = table_.extract(key);
@@ -49,8 +49,8 @@ class record_map {
     return removed.empty() ? 0 : 1;
   }
 
-  // For a walk, in hash order, under the registry lock: it keeps every writer out, so no lock is
-  // taken here and other readers go on meanwhile.
+  // For iteration, in hash order. The caller holds the registry lock, which keeps every writer out,
+  // so no lock is taken here and other readers are not blocked.
   typename table::const_iterator begin() const { return table_.begin(); }
   typename table::const_iterator end() const { return table_.end(); }
 

@@ -3,11 +3,11 @@
 
 namespace vexo::scsiplugin {
 
-// Fits the allocator and the gRPC library's locks to a daemon whose threads mostly wait. For the
-// whole process, and only for what comes after it: the first statement of main, before any thread.
-// Changes nothing that a caller or a log reader could see. Thread stacks stay at the platform's
-// default: the appliance's library runs on these threads and starts its own, and was built for
-// that.
+// Tunes the allocator and gRPC's locks for a daemon whose threads mostly wait. Affects the whole
+// process, but nothing that was done before it: call it first in main, before any thread exists.
+// Callers and log readers see no difference. Thread stacks keep the platform's default size,
+// because the appliance's library runs on these threads, starts threads of its own, and was built
+// for that size.
 void tune_runtime();
 
 }  // namespace vexo::scsiplugin

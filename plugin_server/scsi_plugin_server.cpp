@@ -1,5 +1,5 @@
-// The process entry. The daemon takes no options, reads no configuration, detaches from nothing and
-// handles no signal: it serves until it is killed.
+// The process entry. The daemon takes no options, reads no configuration, stays in the foreground
+// and handles no signal: it serves until it is killed.
 
 #include <grpcpp/grpcpp.h>
 #include <sys/resource.h>
@@ -17,12 +17,12 @@ namespace vexo::scsiplugin {
 namespace {
 
 constexpr char kLogSource[] = "scsi_plugin_server";
-constexpr rlim_t kOpenFiles = 1024;  // the hard limit too, be it lowered or raised
+constexpr rlim_t kOpenFiles = 1024;  // soft and hard limit, whether lowered or raised
 
-// Should the closed library call exit() on a thread of its own, the main thread waits on the server
-// that the exit handlers are about to delete. Destroyed before it, this has the calls under way end
-// and the main thread leave the server first, and keeps that from exit(), which only one thread may
-// be in.
+// The closed library may call exit() on another thread, while the main thread waits in the server
+// that the exit handlers delete. This object is destroyed before the server. Its destructor ends
+// the calls under way, waits until the main thread has left the server, and keeps the main thread
+// from calling exit() as well, which only one thread may do.
 class exit_order {
  public:
   explicit exit_order(grpc::Server* server) : server_(server) {}
@@ -35,7 +35,8 @@ class exit_order {
     main_thread_.wait(has_to_stay);
   }
 
-  // For the main thread, when it has done with the server. Returns unless the process is ending.
+  // Called by the main thread when it no longer uses the server. Does not return when the process
+  // is ending.
   void leave() {
     if (main_thread_.exchange(has_left) != has_to_stay) return;
     main_thread_.notify_one();
@@ -53,8 +54,8 @@ class exit_order {
 void run_grpc_server() {
   const std::string server_address = "0.0.0.0:3265";
   const std::string unix_address = "unix:///tmp/iscsi/plugin_server.sock";
-  // In here, so that its destructor is registered after the controller's and runs before it: the
-  // handlers under way use the controller.
+  // Declared in this function, so that its destructor is registered after the controller's and runs
+  // before it: handlers under way use the controller.
   static std::unique_ptr<grpc::Server> g_server;
   PluginServiceImpl service;
   grpc::ServerBuilder builder;
@@ -64,9 +65,9 @@ void run_grpc_server() {
   g_server = builder.BuildAndStart();
   PLUGIN_LOG(LOG_INFO, 30, "Server listening on %s", server_address.c_str());
   PLUGIN_LOG(LOG_INFO, 31, "Server listening on %s", unix_address.c_str());
-  // There is no server when an endpoint could not be had. A supervisor must then see a crash, not a
-  // daemon without endpoints nor an orderly exit: the standard library's own assertion, on in this
-  // file, aborts here.
+  // There is no server when an endpoint could not be opened. The supervisor must then see a crash,
+  // not a daemon without endpoints and not an orderly exit: the standard library's assertion, which
+  // is enabled for this file, aborts here.
   static exit_order at_exit(&*g_server);
   g_server->Wait();
   PLUGIN_LOG(LOG_INFO, 34, "Server shutdown");

@@ -1,6 +1,6 @@
-# The target static_grpc: gRPC, protobuf and abseil as archives, for a program that carries them
-# within itself, and STATIC_GRPC_REFLECTION, the archive that has it reflect its schema. gRPC is the
-# form without TLS, which the daemon has no use for; c-ares and zlib stay shared libraries.
+# Defines the target static_grpc (gRPC without TLS, protobuf and abseil as archives, for a program
+# that links them statically) and STATIC_GRPC_REFLECTION, the archive of gRPC's schema reflection.
+# c-ares and zlib stay shared libraries.
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(GRPC_UNSECURE REQUIRED grpc++_unsecure protobuf)
 

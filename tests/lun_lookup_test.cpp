@@ -1,4 +1,4 @@
-// One LUN found in the configuration, over a configuration library of the test's own.
+// Finding one LUN in the configuration, with the test's own configuration library.
 
 #include <gtest/gtest.h>
 

@@ -18,8 +18,8 @@ namespace {
 
 using inventory = std::vector<std::pair<std::string, std::uint32_t>>;
 
-// Loads from the file, frees, and gives what the list held in between. One that is never loaded is
-// freed too.
+// Loads the file and frees what was loaded; `luns` gets the list. Also frees a holder that was
+// never loaded.
 int load(const std::string& path, inventory* luns) {
   setenv("VEXO_ISCSI_CONF", path.c_str(), 1);
   captured_syslog().clear();
@@ -44,7 +44,7 @@ class Standin : public testing::Test {
  protected:
   void TearDown() override { std::remove(path_.c_str()); }
 
-  // The file, with this text from now on.
+  // Writes the file; returns its path.
   std::string file(const std::string& text) const {
     std::ofstream(path_) << text;
     return path_;

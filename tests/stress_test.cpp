@@ -1,5 +1,5 @@
-// Subscribers that come, are replaced, unsubscribed and cancelled, while commands are pushed to
-// them, from many threads at once. It is the sanitizers that watch.
+// Many threads subscribe, replace, unsubscribe and cancel, while others push commands. The
+// sanitizers find the faults.
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -23,15 +23,14 @@ namespace {
 
 using namespace scsiplugin;
 
-// Each phase lasts this long, and until each thread has made this many rounds: fewer would be no
-// stress.
+// Each phase lasts at least this long, and until each thread has made this many rounds.
 constexpr std::chrono::seconds kDuration{3};
 constexpr int kRounds = 40;
 constexpr int kSubscriptions = 400;  // on each thread, at most
 
-// What a thread works with. The ids and keys are few, so that they are hit often.
+// What one thread works with. There are few ids and keys, so that threads often meet on one.
 struct worker {
-  // The empty one is where depart_done is pushed to.
+  // depart_done is pushed to the empty id.
   std::string id() { return std::vector<std::string>{"", "one", "two", "three"}[random() % 4]; }
   std::string key() { return std::vector<std::string>{"K0", "K1", "K2"}[random() % 3]; }
 
@@ -54,8 +53,8 @@ class stress : public service_host {
     }
   }
 
-  // Subscribes anew, over and over; older calls are cancelled if `vanish`, or else left to the
-  // server to end, since a broadcast must not meet a cancelled one.
+  // Subscribes again and again. With `vanish`, older calls are cancelled. Without it the server
+  // ends them: a broadcast must not meet a cancelled call.
   void subscribe_on_threads(int count, bool vanish) {
     on_threads(count, [this, vanish](worker* mine) {
       if (mine->rounds < kSubscriptions) mine->subscribed.emplace_back(dial(), mine->id());
@@ -64,7 +63,7 @@ class stress : public service_host {
     });
   }
 
-  // Waits until the time is over, lets go of every call, and starts the time anew.
+  // Waits until the phase is over, gives up every call, and begins the next phase.
   void run() {
     for (auto& thread : threads_) thread.join();
     threads_.clear();
@@ -88,7 +87,7 @@ class stress : public service_host {
 
 TEST(Stress, SubscribersAreReplacedAndVanishWhileCommandsArePushed) {
   // Never destroyed: a Subscribe call whose wake-up was lost stays open for ever, by contract, and
-  // a server waits for its calls when it ends. The process ends without asking it, in main.
+  // the server's destructor would wait for it. main ends the process without that destructor.
   static stress& s = *new stress;
   the_conf().set({{"K0", 0xF}, {"K1", 0x103}});
 

@@ -1,8 +1,8 @@
 #include <unistd.h>
 
-#include "audience.h"
 #include "connection.h"
 #include "modes.h"
+#include "subscribers.h"
 
 namespace vexo::bench {
 
@@ -13,7 +13,7 @@ struct samples {
   std::vector<double> release_us;
 };
 
-void announce_once(audience* hosts, int count, useconds_t pause, samples* into) {
+void announce_once(subscribers* hosts, int count, useconds_t pause, samples* into) {
   hosts->delivered = 0;
   hosts->released = false;
   const auto begin = clock::now();
@@ -32,7 +32,7 @@ struct side {
   explicit side(const server& at, int count) : of(at), hosts(gather(at, count)) {}
 
   server of;
-  std::unique_ptr<audience> hosts;
+  std::unique_ptr<subscribers> hosts;
   samples all;
   std::vector<double> last_us;  // the median of each block
   std::vector<double> release_us;

@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "grpc_audience.h"
+#include "grpc_subscribers.h"
 #include "modes.h"
 
 namespace vexo::bench {
@@ -22,8 +22,8 @@ class callers_and_host {
     }
     PluginClient self;
     self.set_plugin_id("host-0");
-    host_.call(
-        "Subscribe", self, [this](const std::string& bytes) { take_cmd(bytes); }, [] {});
+    const auto take = [this](const std::string& bytes) { take_cmd(bytes); };
+    host_.call("Subscribe", self, take, [] {});
     wait_until_listed(1, callers_[0].get());
   }
 

@@ -1,7 +1,7 @@
 #include <unistd.h>
 
 #include "connection.h"
-#include "grpc_audience.h"
+#include "grpc_subscribers.h"
 #include "modes.h"
 
 namespace vexo::bench {
@@ -18,7 +18,7 @@ void print_memory(const server& of, const std::string& prefix) {
 void hold(int hosts, const std::vector<server>& servers) {
   constexpr unsigned kUntilItIsQuiet = 1;
   constexpr unsigned kIdleSeconds = 2;
-  std::vector<std::unique_ptr<audience>> all;
+  std::vector<std::unique_ptr<subscribers>> all;
   for (const auto& at : servers) {
     if (hosts > 0) all.push_back(gather(at, hosts));
   }
@@ -45,7 +45,7 @@ void reconnects(const std::vector<server>& servers) {
   constexpr int kTimes = 3;
   constexpr unsigned kUntilItIsQuiet = 1;
   for (const auto& of : servers) {
-    for (int i = 0; i < kTimes; ++i) grpc_audience(of, kHosts).leave();
+    for (int i = 0; i < kTimes; ++i) grpc_subscribers(of, kHosts).leave();
     sleep(kUntilItIsQuiet);
     print_memory(of, "reconnects/" + std::to_string(kTimes * kHosts) + "/");
   }

@@ -121,7 +121,7 @@ std::unique_ptr<broker_connection> connect_to(const server& at, int number,
 
 }  // namespace
 
-broker_audience::broker_audience(const server& at, int hosts)
+broker_subscribers::broker_subscribers(const server& at, int hosts)
     : local_(connect_to(at, -1, kAnswerTopic)) {
   local_->on_message = [this] { released = true; };
   for (int i = 0; i < hosts; ++i) {
@@ -131,7 +131,7 @@ broker_audience::broker_audience(const server& at, int hosts)
 }
 
 // The sizes of the daemon's messages.
-void broker_audience::announce() { local_->publish(kCmdTopic, std::string(84, 'x')); }
-void broker_audience::answer() { hosts_[0]->publish(kAnswerTopic, std::string(42, 'x')); }
+void broker_subscribers::announce() { local_->publish(kCmdTopic, std::string(84, 'x')); }
+void broker_subscribers::answer() { hosts_[0]->publish(kAnswerTopic, std::string(42, 'x')); }
 
 }  // namespace vexo::bench

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "audience.h"
 #include "connection.h"
+#include "subscribers.h"
 
 namespace vexo::bench {
 
@@ -22,9 +22,9 @@ class broker_connection : public connection {
 
 // Hosts that listen to one topic, and a caller that announces there and waits for the answer on
 // another one.
-class broker_audience : public audience {
+class broker_subscribers : public subscribers {
  public:
-  broker_audience(const server& at, int hosts);
+  broker_subscribers(const server& at, int hosts);
 
   void announce() override;
   void answer() override;

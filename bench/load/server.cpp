@@ -15,8 +15,7 @@ namespace vexo::bench {
 
 server::server(const std::string& text) {
   std::string words = text;
-  std::replace_if(
-      words.begin(), words.end(), [](char c) { return c == '=' || c == ':'; }, ' ');
+  for (const char mark : {'=', ':'}) std::replace(words.begin(), words.end(), mark, ' ');
   std::istringstream in(words);
   if (!(in >> name >> protocol >> port >> pid)) give_up("not NAME=PROTOCOL:PORT:PID: " + text);
 }

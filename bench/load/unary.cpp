@@ -3,7 +3,7 @@
 #include <functional>
 #include <memory>
 
-#include "grpc_audience.h"
+#include "grpc_subscribers.h"
 #include "modes.h"
 
 namespace vexo::bench {
@@ -118,9 +118,9 @@ std::vector<method> all_methods() {
 
 void unary(const blocks& how, const std::vector<server>& servers) {
   // A handshake for the calls to find.
-  std::vector<std::unique_ptr<grpc_audience>> hosts;
+  std::vector<std::unique_ptr<grpc_subscribers>> hosts;
   for (const auto& at : servers) {
-    hosts.push_back(std::make_unique<grpc_audience>(at, 1));
+    hosts.push_back(std::make_unique<grpc_subscribers>(at, 1));
     hosts.back()->announce();
     connection::run_until([&] { return hosts.back()->delivered == 1; });
     hosts.back()->answer();

@@ -27,11 +27,11 @@ namespace dom = simdjson::dom;
 
 constexpr char kConfVariable[] = "VEXO_ISCSI_CONF";
 constexpr char kDefaultConf[] = "/etc/vexo/iscsi_luns.json";
-constexpr std::uint32_t kDefaultTypeFlags = 0xF;  // a plain LUN: a target's own file names none
+constexpr std::uint32_t kDefaultTypeFlags = 0xF;  // a plain LUN: target tools write no flags
 
 using lun_list = std::vector<std::unique_ptr<tag_iscsi_lun_>>;
 
-// Why a load failed, in words for the log; empty when it did not.
+// Why a load failed, as text for the log; empty when it succeeded.
 using failure = std::string;
 
 failure read_identifier(const dom::object& object, tag_iscsi_lun_* lun) {
@@ -129,7 +129,7 @@ int VEXOiSCSIConfGet(load_request* /*request*/, conf_holder* holder, list_head* 
 }
 
 void VEXOiSCSIConfFree(conf_holder* holder) {
-  // The stand-in fills this list only. A holder that was never loaded has a null link in its head.
+  // The stand-in fills only this list. The head of a zero-filled holder has null links.
   list_head* const head = &holder->luns;
   list_head* link = head->next;
   while (link != nullptr && link != head) {

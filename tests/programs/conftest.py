@@ -1,8 +1,8 @@
 # Tests of whole programs: the daemon, plugin_ctl, plugin_agent, and the examples.
 #
-# Each test runs in a process of its own, in namespaces of its own (support/sandbox.py): nothing but it
-# sees port 3265, /tmp, /run and /dev/log, so it may use them as it likes and need not clean up.
-# Whatever it has started ends with it. When it fails, what its programs printed and logged is shown.
+# Each test runs in a process of its own, in namespaces of its own (support/sandbox.py): port 3265,
+# /tmp, /run and /dev/log are the test's own, so it may use them freely and need not clean up. All that
+# it has started ends with it. When it fails, the output and the log of its programs are shown.
 #
 # How to write one: ask for the fixtures of support/fixtures.py that it needs, most often
 #
@@ -54,7 +54,8 @@ def preset_environment(build):
 
 
 def pytest_collection_modifyitems(config, items):
-    """Rows of the table that take long run only for it. Other slow tests begin first, and apart."""
+    """Slow rows of the table of faults run only with --faults. Other slow tests begin first, on
+    different workers."""
     def is_wanted(item):
         is_fault, is_slow = (item.get_closest_marker(each) for each in ("fault", "slow"))
         return is_fault if config.getoption("--faults") else not (is_fault and is_slow)

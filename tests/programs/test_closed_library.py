@@ -44,7 +44,7 @@ def test_the_library_is_the_loaders_choice_and_has_the_platforms_stacks(
 
 
 def test_a_library_that_calls_exit_has_the_calls_under_way_finished(log, over_the_library):
-    """Then the process ends, with the library's status."""
+    """The process ends, with the library's exit status."""
     daemon, call = over_the_library, over_the_library.call
     daemon.may_end = True
     host = daemon.subscribe("host")

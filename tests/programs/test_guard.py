@@ -1,4 +1,4 @@
-# plugin_ctl guard beside the real daemon, which keeps what it has always done: it notices no vanished
+# plugin_guard beside the real daemon, which keeps what it has always done: it notices no vanished
 # host, and stops for nobody.
 
 import concurrent.futures
@@ -8,6 +8,7 @@ import random
 import re
 import resource
 import signal
+import socket
 import time
 
 import grpc
@@ -16,7 +17,7 @@ import pytest
 from support.calls import LUN, TCP, Caller, Host, init_snapshot
 from support.guard import STATUS_FILE, guard_status, reported
 from support.network import connect, is_served
-from support.program import PLUGIN_CTL, run
+from support.program import PLUGIN_GUARD, run
 from support.waiting import wait_until
 
 
@@ -159,7 +160,11 @@ def test_gives_a_stalled_host_its_twenty_seconds(supervisor, start_guard, start_
 
 
 def test_follows_a_daemon_that_comes_and_goes(supervise, start_guard):
-    guard = start_guard("--fail-after", "2", "--timeout", "0.5", serves=False)
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as service_manager:
+        service_manager.bind("/tmp/notify")
+        guard = start_guard("--fail-after", "2", "--timeout", "0.5", serves=False,
+                            environment={"NOTIFY_SOCKET": "/tmp/notify"})
+        assert [service_manager.recv(99) for _ in range(3)] == [b"WATCHDOG=1", b"READY=1", b"WATCHDOG=1"]
     guard.wait_for_err("no daemon is running")
     assert guard_status().status == 3
     time.sleep(2)  # the absence, however long, is not held against the daemon that comes
@@ -180,6 +185,16 @@ def test_ends_no_daemon_if_it_may_not(supervisor, start_guard):
     assert supervisor.restarts == 0
 
 
+def test_refuses_options_that_do_not_fit_together():
+    for options, complaint in (("--fail-after 5 --timeout 5", "--timeout is not shorter"),
+                               ("--interval 0", "--interval"),
+                               ("-o json", "--output is for --status only"),
+                               ("--status --no-kill", "--no-kill is for the guard itself")):
+        ended = run(PLUGIN_GUARD, *options.split())
+        assert (options, ended.status) == (options, 2)
+        assert complaint in ended.err
+
+
 @pytest.mark.parametrize("text, age, status, err", [
     ('{"state":"OK","sweeps":3}', 0, 0, ""),
     ('{"state":"DEGRADED","error":"127.0.0.1:3265 is full"}', 0, 1, "is full"),
@@ -193,6 +208,6 @@ def test_ends_no_daemon_if_it_may_not(supervisor, start_guard):
 def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err):
     pathlib.Path(STATUS_FILE).write_text(text)
     os.utime(STATUS_FILE, 2 * (time.time() - age,))
-    ended = run(PLUGIN_CTL, "guard-status", "--status-file", STATUS_FILE)
+    ended = run(PLUGIN_GUARD, "--status", "--status-file", STATUS_FILE)
     assert ended.status == status
     assert err in ended.err

@@ -11,7 +11,7 @@ from plugin_cmd_pb2 import PluginClient
 from plugin_service_pb2_grpc import PluginServiceStub
 from support.calls import TCP, channel_to
 from support.guard import guard_status, reported
-from support.program import PLUGIN_CTL, SCSI_PLUGIN_SERVER, Program, run
+from support.program import PLUGIN_GUARD, SCSI_PLUGIN_SERVER, Program, run
 from support.waiting import wait_until
 
 FAIL_AFTER = 1.5
@@ -46,7 +46,7 @@ def test_a_firewall_is_not_the_daemons_doing(daemon, start_guard, fault, told):
 
 def test_another_network_is_not_the_daemons_doing(daemon):
     guard = Program("unshare", "--net", "sh", "-c", "ip link set lo up; exec \"$@\"", "sh",
-                    PLUGIN_CTL, "guard", *QUICK)
+                    PLUGIN_GUARD, *QUICK)
     guard.wait_for_err("127.0.0.1:3265 cannot be looked at: the daemon is in another network")
     assert outlives_the_guard(daemon), guard.err
 
@@ -119,7 +119,7 @@ def test_goes_on_without_a_status_file(supervisor):
     full.mkdir()
     assert run("mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", full).status == 0
     (full / "filled").write_bytes(bytes(os.statvfs(full).f_bavail * os.statvfs(full).f_frsize))
-    guard = Program(PLUGIN_CTL, "guard", *QUICK, "--status-file", full / "status.json")
+    guard = Program(PLUGIN_GUARD, *QUICK, "--status-file", full / "status.json")
     guard.wait_for_err("going on without the status file, which cannot be written")
     guard.wait_for_err("No space left on device")
     guard.wait_for_err("the daemon serves on both endpoints")

@@ -97,7 +97,7 @@ def test_unsubscribes_when_nobody_reads_it_any_more(daemon, watch, expect_empty_
 
 def test_says_that_it_may_stay_behind_when_it_cannot_unsubscribe(daemon, watch):
     """A daemon that does not answer the UnSubscribe must not keep the tool from ending."""
-    watcher = watch("w", "-t", "127.0.0.1", "--timeout", "5")
+    watcher = watch("w", "-t", "127.0.0.1", "--timeout", "3")
     daemon.stop()
     watcher.signal(signal.SIGINT)
     assert watcher.wait() == 3

@@ -1,5 +1,6 @@
 #include "calls.h"
 
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -8,58 +9,40 @@ namespace vexo::test {
 
 using namespace scsiplugin;
 
+namespace {
+
+// The message that protobuf's text format describes.
+template <typename Message>
+Message from_text(const std::string& text) {
+  Message message;
+  EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &message)) << text;
+  return message;
+}
+
+LunCmd lun_cmd(const std::string& body, const std::string& lun, const std::string& more = "") {
+  return from_text<LunCmd>(body + " { src_lun_id: '" + lun + "' " + more + " }");
+}
+
+PluginCmd plugin_cmd(const std::string& body, const std::string& key) {
+  return from_text<PluginCmd>("task_id: '" + key + "' " + body + " {}");
+}
+
+}  // namespace
+
 LunCmd is_lun_support(const std::string& lun, LunType type) {
-  LunCmd cmd;
-  cmd.mutable_is_lun_support_req()->set_src_lun_id(lun);
-  cmd.mutable_is_lun_support_req()->set_type(type);
-  return cmd;
+  return lun_cmd("is_lun_support_req", lun, "type: " + std::to_string(type));
 }
-
 LunCmd is_mirror_done(const std::string& lun, LunType type) {
-  LunCmd cmd;
-  cmd.mutable_is_mirror_done_req()->set_src_lun_id(lun);
-  cmd.mutable_is_mirror_done_req()->set_type(type);
-  return cmd;
+  return lun_cmd("is_mirror_done_req", lun, "type: " + std::to_string(type));
 }
-
-LunCmd start_mirror(const std::string& lun) {
-  LunCmd cmd;
-  cmd.mutable_start_mirror_req()->set_src_lun_id(lun);
-  return cmd;
-}
-
-LunCmd depart_relation(const std::string& lun) {
-  LunCmd cmd;
-  cmd.mutable_depart_relation_req()->set_src_lun_id(lun);
-  return cmd;
-}
-
+LunCmd start_mirror(const std::string& lun) { return lun_cmd("start_mirror_req", lun); }
+LunCmd depart_relation(const std::string& lun) { return lun_cmd("depart_relation_req", lun); }
 PluginCmd init_snapshot(const std::string& key) {
-  PluginCmd cmd;
-  cmd.mutable_init_snapshot_req()->set_src_lun_p80(key);
-  return cmd;
+  return from_text<PluginCmd>("init_snapshot_req { src_lun_p80: '" + key + "' }");
 }
-
-PluginCmd mirror_done(const std::string& key) {
-  PluginCmd cmd;
-  cmd.set_task_id(key);
-  cmd.mutable_mirror_done_req();
-  return cmd;
-}
-
-PluginCmd wait_for_depart(const std::string& key) {
-  PluginCmd cmd;
-  cmd.set_task_id(key);
-  cmd.mutable_wait_for_depart_req();
-  return cmd;
-}
-
-PluginCmd depart_done(const std::string& key) {
-  PluginCmd cmd;
-  cmd.set_task_id(key);
-  cmd.mutable_depart_done_req();
-  return cmd;
-}
+PluginCmd mirror_done(const std::string& key) { return plugin_cmd("mirror_done_req", key); }
+PluginCmd wait_for_depart(const std::string& key) { return plugin_cmd("wait_for_depart_req", key); }
+PluginCmd depart_done(const std::string& key) { return plugin_cmd("depart_done_req", key); }
 
 caller::caller(const std::shared_ptr<grpc::Channel>& channel)
     : stub_(PluginService::NewStub(channel)) {}

@@ -19,18 +19,18 @@ class log_sink {
   std::vector<log_line> lines() const;
   std::size_t count(const log_line& line) const;
 
-  // Calls `look` with each line, one at a time, on the thread that logs it and before that goes
-  // on, until the result is destroyed. `look` must not log. One watch at a time.
+  // Calls `look` with each line, one at a time, on the thread that logs it, until the result is
+  // destroyed. That thread continues after `look`. `look` must not log. One watch at a time.
   std::shared_ptr<void> watch(std::function<void(const log_line&)> look);
 
  private:
   mutable std::mutex mutex_;
   std::vector<log_line> lines_;
-  std::mutex look_mutex_;  // held while looking, so that a watch ends after that
+  std::mutex look_mutex_;  // held during `look_`: a watch does not end during it
   std::function<void(const log_line&)> look_;
 };
 
-// Whatever this process passes to syslog: linking this file takes the C library's place.
+// Everything that this process passes to syslog: this file replaces the C library's function.
 log_sink& captured_syslog();
 
 }  // namespace vexo::test

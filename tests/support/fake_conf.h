@@ -13,15 +13,15 @@
 
 namespace vexo::test {
 
-// The configuration library of a test process: linking this file takes the closed library's place.
+// The configuration library of a test process: this file replaces the closed library.
 class fake_conf {
  public:
   using luns = std::vector<std::pair<std::string, std::uint32_t>>;  // identifier, type flags
 
-  // No LUNs, nothing counted, no load failing or interrupted.
+  // No LUNs, counters at zero, and no load fails or is interrupted.
   void reset();
   void set(luns inventory);
-  // Called within the next load, and in none after it.
+  // `interruption` is called within the next load, once.
   void in_next_load(std::function<void()> interruption);
 
   std::atomic<bool> fails = false;  // each load

@@ -2,7 +2,6 @@
 #define TESTS_SUPPORT_SERVICE_H_
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <functional>
 #include <memory>
@@ -18,13 +17,13 @@ namespace vexo::test {
 
 // How many threads sleep on a lock or a condition variable.
 int sleepers(const void* object, std::size_t size);
-// Whether anybody holds it, the caller too.
+// Whether any thread holds it, this one included.
 bool is_held(std::mutex& mutex);
 // Fails the test, saying `what`, when it is not `reached` in kPatience.
 void wait_until(const std::string& what, const std::function<bool()>& reached);
 
-// The real service behind a real server in the test's own process, with a new controller, an IPv4
-// port of its own and a unix socket; over the fake configuration and the captured syslog.
+// The real service behind a real server in the test's own process, with a new controller and an
+// IPv4 port of its own; over the fake configuration and the captured syslog.
 class service_host {
  public:
   service_host();
@@ -40,13 +39,13 @@ class service_host {
       const std::string& plugin_id,
       scsiplugin::PluginClient::Type type = scsiplugin::PluginClient::UNKNOWN);
   // Waits until the handler of the registered Subscribe call sleeps on its record's condition
-  // variable, which is the moment from which a release reaches it.
+  // variable. Only from then on does a release wake it.
   static void wait_until_waiting(const std::string& plugin_id);
   // Waits until the server has noticed that the subscriber's call was cancelled.
   static void wait_until_cancelled(const std::string& plugin_id);
 
-  // A host that takes no data: a push to it blocks, as in a write, and so does its release, until
-  // the lock is given back.
+  // Makes the host one that takes no data: a push to it blocks, and so does its release, until the
+  // result is unlocked.
   static std::unique_lock<std::mutex> stall(const std::string& plugin_id);
   // Waits until a thread sleeps because it needs this lock.
   static void wait_until_needed(const std::unique_lock<std::mutex>& held);
@@ -54,9 +53,6 @@ class service_host {
   static scsiplugin::PluginServerCtrl& ctrl() { return *scsiplugin::g_plugin_server_ctrl; }
 
   std::string ipv4_target;
-  std::string ipv6_target;  // empty where there is no IPv6
-  // Without a file, which a process that ends without its destructors would leave.
-  const std::string unix_target = "unix-abstract:plugin_server_test." + std::to_string(getpid());
   std::unique_ptr<caller> call;
 
  private:
@@ -64,7 +60,7 @@ class service_host {
   std::unique_ptr<grpc::Server> server_;
 };
 
-// A test over a service of its own.
+// A test with its own service.
 class service : public testing::Test, protected service_host {};
 
 }  // namespace vexo::test

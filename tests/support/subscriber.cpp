@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 namespace vexo::test {
 
 using scsiplugin::PluginClient;
@@ -41,7 +43,7 @@ PluginCmd subscriber::next_cmd() {
     ADD_FAILURE() << "no command came";
     return {};
   }
-  const PluginCmd cmd = cmds_.front();
+  PluginCmd cmd = std::move(cmds_.front());
   cmds_.pop_front();
   return cmd;
 }

@@ -23,8 +23,8 @@ inline constexpr std::chrono::seconds kPatience{30};
 // A channel with a connection of its own.
 std::shared_ptr<grpc::Channel> connect(const std::string& target);
 
-// A host plugin's open Subscribe call. Whoever sends an UnSubscribe for it, or replaces it, does so
-// only when the server has it waiting: a wake-up before that is lost.
+// A host plugin's open Subscribe call. Wait until the server has it waiting before you send an
+// UnSubscribe for it or replace it: an earlier wake-up is lost.
 class subscriber {
  public:
   subscriber(const std::shared_ptr<grpc::Channel>& channel, const std::string& plugin_id,
@@ -33,7 +33,7 @@ class subscriber {
   subscriber(const subscriber&) = delete;
   subscriber& operator=(const subscriber&) = delete;
 
-  // The client side of a host that is switched off: the server sees a cancelled call.
+  // What the server sees when a host is switched off: a cancelled call.
   void cancel();
 
   // The next command pushed, waiting for it. Fails the test when none came.

@@ -2,8 +2,10 @@
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
+#include <google/protobuf/text_format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace vexo::tools {
 
@@ -14,25 +16,13 @@ using google::protobuf::Message;
 
 command_field scalar_field(const Message& message, const FieldDescriptor* field) {
   const auto* const access = message.GetReflection();
-  switch (field->cpp_type()) {
-    case FieldDescriptor::CPPTYPE_BOOL: {
-      const bool value = access->GetBool(message, field);
-      return {field->name(), value ? "true" : "false", !value};
-    }
-    case FieldDescriptor::CPPTYPE_INT32: {
-      const auto value = access->GetInt32(message, field);
-      return {field->name(), std::to_string(value), value == 0};
-    }
-    case FieldDescriptor::CPPTYPE_UINT32: {
-      const auto value = access->GetUInt32(message, field);
-      return {field->name(), std::to_string(value), value == 0};
-    }
-    default: {  // no command has a field of another kind
-      std::string value = access->GetString(message, field);
-      const bool is_zero = value.empty();
-      return {field->name(), std::move(value), is_zero};
-    }
+  std::string value;
+  if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
+    value = access->GetString(message, field);
+  } else {
+    google::protobuf::TextFormat::PrintFieldValueToString(message, field, -1, &value);
   }
+  return {field->name(), std::move(value), !access->HasField(message, field)};
 }
 
 void append_scalars(const Message& message, std::vector<command_field>& fields) {

@@ -12,7 +12,7 @@
 
 namespace vexo::tools {
 
-// Why a tool could not do what it was asked to, in the three sentences a user needs.
+// Why a tool failed, in the three sentences that a user needs.
 struct problem {
   exit_code code = exit_code::failed;
   std::string tried;      // "PluginConnList at unix:///tmp/iscsi/plugin_server.sock"
@@ -32,14 +32,13 @@ class tool_error : public std::runtime_error {
   shown_text text;
 };
 
-// `done` for OK. CANCELLED counts as any other status here: that a signal was the cause is known
-// only to whoever watched it.
+// `done` for OK, `failed` for CANCELLED: only the caller knows whether a signal was the cause.
 exit_code exit_code_of(const grpc::Status& status);
 
-// "DEADLINE_EXCEEDED: Deadline Exceeded", in the other side's words.
+// "DEADLINE_EXCEEDED: Deadline Exceeded": the code's name, and the text that came with it.
 std::string status_text(const grpc::Status& status);
 
-// A call that did not end with OK. `what` names it as the user knows it.
+// For a call that did not end with OK. `what` names it in the user's words.
 problem call_problem(const std::string& what, const endpoint& where, const grpc::Status& status);
 
 }  // namespace vexo::tools

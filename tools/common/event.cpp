@@ -1,7 +1,6 @@
 #include "common/event.h"
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
@@ -11,22 +10,22 @@
 namespace vexo::tools {
 
 event::event() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  if (!fd_) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
-
-event::~event() { close(fd_); }
 
 void event::raise() {
-  // Fails only when it has been raised 2^64 - 2 times unseen, and is then raised anyway.
-  [[maybe_unused]] const int result = eventfd_write(fd_, 1);
+  // Adds 1 to the counter. It fails only when the counter is at its maximum, so it is raised then.
+  [[maybe_unused]] const int result = eventfd_write(fd(), 1);
 }
+
+bool event::raised() const { return wait_for(*this, *this, std::chrono::milliseconds(0)); }
 
 bool event::take() {
   eventfd_t count = 0;
-  return eventfd_read(fd_, &count) == 0;
+  return eventfd_read(fd(), &count) == 0;
 }
 
-bool wait_for(const event& one, const event& other, std::chrono::milliseconds time) {
+bool wait_for(const event& one, const event& other, std::chrono::steady_clock::duration time) {
   pollfd watched[] = {{one.fd(), POLLIN, 0}, {other.fd(), POLLIN, 0}};
   return poll_until(watched, std::chrono::steady_clock::now() + time) > 0;
 }

@@ -3,29 +3,30 @@
 
 #include <chrono>
 
+#include "common/unique_fd.h"
+
 namespace vexo::tools {
 
-// A flag that another thread raises and that poll() can watch. Everything written before raise()
-// is seen by whoever saw it raised.
+// A flag that another thread raises and that poll() can watch. What a thread has written before
+// raise() can be read by the thread that saw the flag raised.
 class event {
  public:
   event();  // throws std::system_error
-  ~event();
-  event(const event&) = delete;
-  event& operator=(const event&) = delete;
 
   // Readable while raised.
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   void raise();
+  bool raised() const;
   // Lowers the flag; true when it was raised.
   bool take();
 
  private:
-  int fd_;
+  unique_fd fd_;
 };
 
-// True when one of the two is raised within `time`; they may be the same.
-bool wait_for(const event& one, const event& other, std::chrono::milliseconds time);
+// Blocks until one of the two, which may be the same, is raised, at most for `time`. True when one
+// is.
+bool wait_for(const event& one, const event& other, std::chrono::steady_clock::duration time);
 
 }  // namespace vexo::tools
 

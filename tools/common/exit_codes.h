@@ -3,10 +3,10 @@
 
 namespace vexo::tools {
 
-// What a tool tells its caller by ending. Scripts and monitoring depend on the numbers.
+// How a tool ends. Scripts and monitoring depend on the numbers.
 enum class exit_code : int {
   done = 0,
-  refused = 1,      // the daemon answered, and its answer was no (`success` false); a degraded one
+  refused = 1,      // the daemon answered, and its answer was no (`success` false)
   usage = 2,        // the command line does not say what to do
   unreachable = 3,  // no connection, or no answer before the deadline
   failed = 4,       // any other gRPC status, or a failure on this side

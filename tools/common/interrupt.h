@@ -7,9 +7,9 @@
 
 namespace vexo::tools {
 
-// SIGINT, SIGTERM and SIGHUP as something that a wait can watch instead of something that strikes.
-// One per process, made in main before the first thread (gRPC's included): threads inherit that
-// the signals are blocked, and so do children unless their spawner unblocks them.
+// SIGINT, SIGTERM and SIGHUP, delivered through a signalfd instead of a handler, so that a wait can
+// watch them. One per process, made in main before the first thread, gRPC's included: the signals
+// are blocked, which threads inherit, and children too unless whoever starts them unblocks them.
 // Used by one thread.
 class interrupt {
  public:
@@ -18,17 +18,16 @@ class interrupt {
   interrupt(const interrupt&) = delete;
   interrupt& operator=(const interrupt&) = delete;
 
-  // How many signals have come so far, counting those that have come together once.
+  // How many signals have come so far. Signals of the same kind that come together count once.
   int count() noexcept;
   bool requested() noexcept { return count() > 0; }
   // Readable while a signal has come that count() has not taken yet.
   int fd() const noexcept { return fd_; }
 
   enum class wake { ready, interrupted, timeout };
-  // Blocks until one of `fds` (at most kMostFds) is readable, more than `seen` signals have come
-  // since the start, or `deadline` passes. `ready` wins when several hold. A signal is never lost
-  // between two waits: it counts for every one that has not seen it. Never fails, since whoever
-  // waits for a call under way cannot leave it.
+  // Blocks until one of `fds` (at most kMostFds) is readable, until more than `seen` signals have
+  // come since the start, or until `deadline`. `ready` when several are true. A signal that comes
+  // between two waits ends the next one. Never fails: a caller with a call under way has to wait.
   static constexpr std::size_t kMostFds = 3;
   wake wait(std::initializer_list<int> fds, std::chrono::steady_clock::time_point deadline,
             int seen = 0) noexcept;

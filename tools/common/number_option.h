@@ -8,8 +8,8 @@
 
 namespace vexo::tools {
 
-// For an option's check(): a number from `least` to `most`, both included, and nothing else. The
-// parser's own range lets "nan" through.
+// For an option's check(): a number from `least` to `most`, both included. CLI11's own range check
+// accepts "nan".
 inline CLI::Validator number_between(double least, double most) {
   std::ostringstream range;
   range << least << " to " << most;

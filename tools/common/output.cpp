@@ -37,7 +37,7 @@ shown_text to_json(const google::protobuf::Message& message) {
   return already_escaped(std::move(json));
 }
 
-bool is_lively(int fd) {
+bool takes_escapes(int fd) {
   const char* const no_color = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe)
   return isatty(fd) == 1 && (no_color == nullptr || *no_color == '\0');
 }

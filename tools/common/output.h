@@ -13,20 +13,19 @@ namespace vexo::tools {
 
 enum class output_format { table, json };
 
-// One line without a newline: members named as in the schema, zero values included, and text as the
-// JSON library escapes it.
+// One line without a newline. Members are named as in the schema, and zero values are included.
 shown_text to_json(const google::protobuf::Message& message);
 
-// Whether colour, moving lines and repainting are welcome on this descriptor: a terminal, and
-// NO_COLOR unset or empty.
-bool is_lively(int fd);
+// Whether text on this descriptor may use escape sequences: it is a terminal, and NO_COLOR is unset
+// or empty.
+bool takes_escapes(int fd);
 
 // Columns for people.
 class table {
  public:
   explicit table(std::vector<std::string> headings) : rows_{std::move(headings)} {}
 
-  // As many cells as headings. They are shown through printable(), an empty one as "".
+  // As many cells as headings. Each is shown as printable() makes it, an empty one as "".
   void add(std::vector<std::string> cells);
   std::size_t size() const { return rows_.size() - 1; }
   // Every line ends with a newline.
@@ -36,8 +35,8 @@ class table {
   std::vector<std::vector<std::string>> rows_;
 };
 
-// Writes to stdout and flushes. Throws tool_error when stdout takes no more (closed pipe, full
-// disk), so that nobody mistakes half a result for a whole one.
+// Writes to stdout and flushes. Throws tool_error when that fails (closed pipe, full disk), so that
+// no incomplete result ends with exit code 0.
 void print(const shown_text& text);
 
 }  // namespace vexo::tools

@@ -1,5 +1,7 @@
 #include "common/text.h"
 
+#include <simdjson.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <utility>
@@ -8,32 +10,14 @@ namespace vexo::tools {
 
 namespace {
 
-// Length of the well-formed UTF-8 sequence that `text` begins with, 0 when there is none.
+// Length of the valid UTF-8 sequence that `text`, which is not empty, begins with; 0 without one.
 std::size_t utf8_length(std::string_view text) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byte(0);
-  const std::size_t length = lead < 0x80   ? 1
-                             : lead < 0xC2 ? 0
-                             : lead < 0xE0 ? 2
-                             : lead < 0xF0 ? 3
-                             : lead < 0xF5 ? 4
-                                           : 0;
-  if (length == 0 || length > text.size()) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return 0;
-  }
-  // Overlong forms, surrogates and what lies beyond U+10FFFF show in the second byte.
-  if (length >= 3) {
-    const unsigned char second = byte(1);
-    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) ||
-        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second >= 0x90)) {
-      return 0;
-    }
-  }
-  return length;
+  const auto lead = static_cast<unsigned char>(text[0]);
+  const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  return length <= text.size() && simdjson::validate_utf8(text.data(), length) ? length : 0;
 }
 
-// The character that a well-formed sequence stands for.
+// The character that a valid sequence encodes.
 char32_t decoded(std::string_view sequence) {
   const auto lead = static_cast<unsigned char>(sequence[0]);
   char32_t character = sequence.size() == 1 ? lead : lead & (0x7FU >> sequence.size());
@@ -52,14 +36,7 @@ bool is_control(char32_t c) {
 
 }  // namespace
 
-bool is_utf8(std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t length = utf8_length(text);
-    if (length == 0) return false;
-    text.remove_prefix(length);
-  }
-  return true;
-}
+bool is_utf8(std::string_view text) { return simdjson::validate_utf8(text); }
 
 shown_text printable(std::string_view text) {
   constexpr char kHex[] = "0123456789abcdef";

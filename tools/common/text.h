@@ -10,17 +10,18 @@
 
 namespace vexo::tools {
 
-// Well-formed throughout, which every string on the wire has to be.
+// Whether all of it is valid UTF-8, as every string on the wire has to be.
 bool is_utf8(std::string_view text);
 
-// Text that can steer neither a terminal nor whoever reads a log line by line. What people are
-// shown takes this type only; a std::string, which may have come from anywhere (the wire, a file's
-// name, the environment), becomes it by printable() alone.
+// Text without control characters: it cannot change a terminal or begin a new line of a log.
+// Everything that people are shown has this type. A std::string may come from anywhere (the wire, a
+// file's name, the environment), and becomes this type by printable() only.
 class shown_text {
  public:
   shown_text() = default;
   template <std::size_t N>
-  shown_text(const char (&literal)[N]) : text_(literal) {}  // NOLINT(*-explicit-*): says itself
+  shown_text(const char (&literal)[N])
+      : text_(literal) {}  // NOLINT(*-explicit-*): a literal is safe
   template <std::size_t N>
   shown_text(char (&buffer)[N]) = delete;
 
@@ -29,7 +30,7 @@ class shown_text {
     return *this;
   }
   friend shown_text operator+(shown_text a, const shown_text& b) { return std::move(a += b); }
-  // What is put together with a std::string may be anything again.
+  // Together with a std::string it is unchecked text again.
   template <std::same_as<std::string> String>
   friend std::string operator+(const String& a, const shown_text& b) {
     return a + b.text_;
@@ -40,7 +41,7 @@ class shown_text {
   }
 
   const std::string& str() const { return text_; }
-  operator const std::string&() const { return text_; }  // NOLINT(*-explicit-*): loses nothing
+  operator const std::string&() const { return text_; }  // NOLINT(*-explicit-*): it is valid text
   const char* c_str() const { return text_.c_str(); }
   bool empty() const { return text_.empty(); }
 
@@ -51,11 +52,11 @@ class shown_text {
   std::string text_;
 };
 
-// Control characters, what turns the direction of writing, line separators and broken UTF-8 become
-// \xNN. Twice does no harm.
+// Writes as \xNN: control characters, characters that change the direction of writing, line
+// separators and invalid UTF-8. Its result passes through it unchanged.
 shown_text printable(std::string_view text);
 
-// For what a formatter has made of escaped parts: lines of a table, JSON.
+// For text that a formatter has made of escaped parts, as the lines of a table, or JSON.
 shown_text already_escaped(std::string text);
 
 }  // namespace vexo::tools

@@ -7,12 +7,13 @@
 #include <climits>
 #include <cmath>
 #include <iostream>
-#include <map>
 #include <stdexcept>
 
 #include "common/number_option.h"
+#include "common/plugin_type.h"
 #include "common/text.h"
 #include "plugin_agent/hooks.h"
+#include "plugin_agent/options_file.h"
 #include "plugin_freezer/file_system.h"
 #include "plugin_freezer/run_directory.h"
 
@@ -44,33 +45,34 @@ std::string host_name() {
   return gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
-milliseconds from_seconds(double seconds) { return milliseconds(std::llround(seconds * 1000)); }
-
 // The words as given on the command line; checked and converted afterwards.
 struct words {
+  std::optional<std::string> config;
   std::vector<std::string> appliances;
-  std::string type = "unknown";
   std::optional<std::string> hooks_dir;
-  double max_freeze = 30;
-  double poll = 1;
-  double hook_timeout = 10;
-  double max_mirror = 3600;
 };
+
+void add_seconds(CLI::App& app, const std::string& name, milliseconds& time, double least,
+                 double most, const std::string& description) {
+  const auto set = [&time](double seconds) { time = milliseconds(std::llround(seconds * 1000)); };
+  app.add_option_function<double>(name, set, description)
+      ->check(number_between(least, most))
+      ->type_name(kSeconds)
+      ->default_str(std::to_string(time.count() / 1000));
+}
 
 void declare(CLI::App& app, agent_options& options, words& given) {
   app.set_version_flag("--version", "plugin_agent " VEXO_TOOLS_VERSION);
-  app.set_config("--config", "", "Read these options from a TOML or INI file: lun = [\"...\"]")
-      ->type_name("FILE");
-  app.allow_config_extras(CLI::config_extras_mode::error);
+  app.add_option("--config", given.config, "Read these options from a TOML file: lun = [\"...\"]")
+      ->type_name("FILE")
+      ->configurable(false);
   app.footer(kExamples);
   app.add_option("--appliance", given.appliances,
                  "HOST[:PORT] of an appliance to serve, reached by IPv4 (repeatable)");
   app.add_option("--plugin-id", options.plugin_id,
                  "Name to subscribe under, one for each agent of an appliance")
-      ->capture_default_str();
-  app.add_option("--type", given.type, "Kind of host to subscribe as")
-      ->check(CLI::IsMember({"vmware", "windows", "unknown"}))
-      ->capture_default_str();
+      ->default_str("this host's name");
+  add_type_option(app, options.type, "Kind of host to subscribe as");
   app.add_option("--lun", options.luns,
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
                  "\"any\" takes part in every snapshot");
@@ -78,24 +80,14 @@ void declare(CLI::App& app, agent_options& options, words& given) {
   app.add_option("--fs", options.mount_points,
                  "Mount point of a file system that the agent freezes itself (repeatable)")
       ->type_name("DIR");
-  app.add_option("--max-freeze", given.max_freeze,
-                 "Seconds after which the host is thawed whatever the appliance does")
-      ->check(number_between(0.1, kLongestFreeze))
-      ->type_name("SECONDS")
-      ->capture_default_str();
-  app.add_option("--poll", given.poll, "Seconds between two questions to the appliance")
-      ->check(number_between(0.05, 60.0))
-      ->type_name("SECONDS")
-      ->capture_default_str();
-  app.add_option("--hook-timeout", given.hook_timeout, "Seconds that one hook may take")
-      ->check(number_between(0.1, 600.0))
-      ->type_name("SECONDS")
-      ->capture_default_str();
-  app.add_option("--max-mirror", given.max_mirror,
-                 "Seconds after which a mirror that is never done is given up")
-      ->check(number_between(1.0, 86400.0 * 30))
-      ->type_name("SECONDS")
-      ->capture_default_str();
+  add_seconds(app, "--max-freeze", options.max_freeze, 0.1, kLongestFreeze,
+              "Seconds after which the host is thawed whatever the appliance does");
+  add_seconds(app, "--poll", options.poll, 0.05, 60,
+              "Seconds between two questions to the appliance");
+  add_seconds(app, "--hook-timeout", options.hook_timeout, 0.1, 600,
+              "Seconds that one hook may take");
+  add_seconds(app, "--max-mirror", options.max_mirror, 1, 86400 * 30,
+              "Seconds after which a mirror that is never done is given up");
   app.add_option("--run-dir", options.run_dir, "Where the record of a freeze is kept; on a tmpfs")
       ->type_name("DIR")
       ->capture_default_str();
@@ -137,23 +129,25 @@ void check_mount_point(const std::string& path, const agent_options& options) {
   }
 }
 
+template <class Check>
+void name_option_in_error(const std::string& option, Check check) {
+  try {
+    check();
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(option + ": " + error.what());
+  }
+}
+
 void check_freeze(const agent_options& options) {
   if (!options.freezes()) return;
-  make_run_directory(options.run_dir);
+  name_option_in_error("--run-dir", [&] { make_run_directory(options.run_dir); });
   for (const auto& mount_point : options.mount_points) check_mount_point(mount_point, options);
-  if (!options.hooks_dir.empty()) list_hooks(options.hooks_dir);
+  if (!options.hooks_dir.empty()) {
+    name_option_in_error("--hooks", [&] { list_hooks(options.hooks_dir); });
+  }
 }
 
 void convert(agent_options& options, const words& given) {
-  static const std::map<std::string, scsiplugin::PluginClient::Type> types = {
-      {"unknown", scsiplugin::PluginClient::UNKNOWN},
-      {"vmware", scsiplugin::PluginClient::VMWARE},
-      {"windows", scsiplugin::PluginClient::WINDOWS}};
-  options.type = types.at(given.type);
-  options.max_freeze = from_seconds(given.max_freeze);
-  options.poll = from_seconds(given.poll);
-  options.hook_timeout = from_seconds(given.hook_timeout);
-  options.max_mirror = from_seconds(given.max_mirror);
   if (options.thaw_and_exit) return;
 
   if (given.appliances.empty()) throw std::invalid_argument("--appliance is required");
@@ -185,22 +179,6 @@ bool agent_options::concerns(const scsiplugin::InitSnapshotReq& request) const {
   });
 }
 
-namespace {
-
-// An option that is not on the command line stands in the file, if there is one: what is wrong is
-// then looked for there.
-std::string complaint(const std::string& what, const CLI::App& app, int argc, char** argv) {
-  const auto* const config = app.get_config_ptr();
-  if (config->count() == 0) return what;
-  const std::string option = what.substr(0, what.find_first_of(" :"));
-  const bool on_command_line = std::any_of(argv, argv + argc, [&](const std::string word) {
-    return word == option || word.starts_with(option + "=");
-  });
-  return on_command_line ? what : config->as<std::string>() + ": " + what;
-}
-
-}  // namespace
-
 std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_code& end) {
   CLI::App app(
       "Takes part in an appliance's snapshots as a host: brings the host's applications and file\n"
@@ -210,14 +188,16 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   options.plugin_id = host_name();
   words given;
   declare(app, options, given);
+  options_file file;
   const auto complain = [&](const std::exception& error, exit_code why) {
-    std::cerr << "plugin_agent: " << printable(complaint(error.what(), app, argc, argv))
+    std::cerr << "plugin_agent: " << printable(file.located(error.what(), app))
               << "\nRun with --help for more information.\n";
     end = why;
     return std::nullopt;
   };
   try {
     app.parse(argc, argv);
+    if (given.config) file.read(*given.config, app);
     convert(options, given);
     return options;
   } catch (const CLI::Success& help_or_version) {
@@ -229,7 +209,7 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   } catch (const std::invalid_argument& error) {
     return complain(error, exit_code::usage);
   } catch (const std::exception& error) {
-    // A volume or a directory that is not there: it may be, the next time.
+    // A volume or a directory is not there; it may be there at the next start.
     return complain(error, exit_code::failed);
   }
 }

@@ -26,29 +26,39 @@ void name_source(Request& request, const handshake& about) {
 
 }  // namespace
 
-void handshake::add_source_options(CLI::App& verb) {
-  add_text(verb, "--p83", p83, "The source LUN's page-83h identifier")->type_name("NAA");
-  add_text(verb, "--uuid", uuid, "The source LUN's UUID")->type_name("UUID");
-}
-
-void handshake::add_destination_uuid_option(CLI::App& verb) {
-  add_text(verb, "--dst-uuid", dst_uuid, "The destination LUN's UUID")->type_name("UUID");
-}
-
-void handshake::add_destination_page_options(CLI::App& verb) {
-  add_text(verb, "--dst-p80", dst_p80, "The destination LUN's page-80h identifier")
-      ->type_name("ID");
-  add_text(verb, "--dst-p83", dst_p83, "The destination LUN's page-83h identifier")
-      ->type_name("NAA");
-}
-
-void handshake::add_replica_option(CLI::App& verb) {
-  verb.add_flag("--replica", replica, "Tells the hosts that the snapshot is for a replication");
-}
-
-void handshake::add_serial_options(CLI::App& verb) {
-  verb.add_option("--cmd-sn", cmd_sn, "The command's sequence number")->type_name("NUMBER");
-  add_text(verb, "--qel-sn", qel_sn, "The appliance's serial number")->type_name("TEXT");
+void handshake::add_options(CLI::App& verb, const std::vector<std::string>& names) {
+  struct text_option {
+    std::string name;
+    std::string handshake::*value;
+    const char* type;
+    const char* description;
+  };
+  const char* const key = "The source LUN's page-80h identifier";
+  const text_option texts[] = {
+      {"ID", &handshake::p80, "TEXT", key},
+      {"--p80", &handshake::p80, "ID", key},
+      {"--p83", &handshake::p83, "NAA", "The source LUN's page-83h identifier"},
+      {"--uuid", &handshake::uuid, "UUID", "The source LUN's UUID"},
+      {"--dst-uuid", &handshake::dst_uuid, "UUID", "The destination LUN's UUID"},
+      {"--dst-p80", &handshake::dst_p80, "ID", "The destination LUN's page-80h identifier"},
+      {"--dst-p83", &handshake::dst_p83, "NAA", "The destination LUN's page-83h identifier"},
+      {"--qel-sn", &handshake::qel_sn, "TEXT", "The appliance's serial number"},
+  };
+  for (const std::string& name : names) {
+    if (name == "--replica") {
+      verb.add_flag(name, replica, "Tells the hosts that the snapshot is for a replication");
+    } else if (name == "--result") {
+      verb.add_option(name, result, "Outcome of the split, 0 for success")->type_name("NUMBER");
+    } else if (name == "--cmd-sn") {
+      verb.add_option(name, cmd_sn, "The command's sequence number")->type_name("NUMBER");
+    }
+    for (const text_option& each : texts) {
+      if (each.name != name) continue;
+      add_text(verb, name, this->*each.value, each.description)
+          ->type_name(each.type)
+          ->required(each.value == &handshake::p80);
+    }
+  }
 }
 
 PluginCmd handshake::init_snapshot() const {
@@ -74,7 +84,7 @@ PluginCmd handshake::wait_for_depart() const {
   return command;
 }
 
-PluginCmd handshake::depart_done(std::int32_t result) const {
+PluginCmd handshake::depart_done() const {
   PluginCmd command = header(*this);
   auto& request = *command.mutable_depart_done_req();
   name_source(request, *this);
@@ -96,7 +106,8 @@ std::string next_after_refused_init(const handshake& about, std::chrono::duratio
          "this LUN is subscribed over IPv4 (`plugin_ctl list` shows its address), and its log";
 }
 
-std::string next_after_refused_mirror_done(const handshake& about) {
+std::string next_after_refused_mirror_done(const handshake& about,
+                                           std::chrono::duration<double> /*took*/) {
   return "no handshake for this LUN waits for its mirror: `plugin_ctl publish init-snapshot "
          "--p80 " +
          about.p80 + "` begins one, and a host must have answered it with start_mirror";

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "plugin_cmd.pb.h"
 
@@ -22,30 +23,28 @@ struct handshake {
   bool replica = false;
   std::uint32_t cmd_sn = 0;
   std::string qel_sn;
+  std::int32_t result = 0;  // of the split as depart_done tells it to the hosts; 0 is success
 
-  // Options for what each command carries besides p80. `init_snapshot` takes no more of the
-  // destination than its UUID, `depart_done` its page identifiers too.
-  void add_source_options(CLI::App& verb);
-  void add_destination_uuid_option(CLI::App& verb);
-  void add_destination_page_options(CLI::App& verb);
-  void add_replica_option(CLI::App& verb);
-  void add_serial_options(CLI::App& verb);
+  // Adds those of its options that `names` has, in that order: "--p80", or "ID" for p80 without an
+  // option, "--p83", "--uuid", "--dst-uuid", "--dst-p80", "--dst-p83", "--replica", "--result",
+  // "--cmd-sn" and "--qel-sn".
+  void add_options(CLI::App& verb, const std::vector<std::string>& names);
 
   scsiplugin::PluginCmd init_snapshot() const;
   scsiplugin::PluginCmd mirror_done() const;
   scsiplugin::PluginCmd wait_for_depart() const;
-  // `result` of the split as the hosts are told it; 0 is success.
-  scsiplugin::PluginCmd depart_done(std::int32_t result) const;
+  scsiplugin::PluginCmd depart_done() const;
 };
 
-// A daemon that refuses init_snapshot does so at once; one that took it up says no only after it
-// waited for a host. Answers that come within this time are taken for refusals, although the
-// daemon needs no more than a moment.
+// A daemon that refuses init_snapshot answers at once; one that has begun the handshake says no
+// only after it has waited for a host. An answer that comes within this time is taken for a
+// refusal.
 inline constexpr std::chrono::milliseconds kRefusalTime = std::chrono::seconds(1);
 
 // What to do after each command's no. `took` is how long the daemon needed for it.
 std::string next_after_refused_init(const handshake& about, std::chrono::duration<double> took);
-std::string next_after_refused_mirror_done(const handshake& about);
+std::string next_after_refused_mirror_done(const handshake& about,
+                                           std::chrono::duration<double> took);
 std::string next_after_refused_wait(const handshake& about, std::chrono::duration<double> took);
 
 }  // namespace vexo::tools

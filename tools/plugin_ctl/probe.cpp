@@ -20,8 +20,7 @@ struct probe_options {
   bool unix_socket = false;
 };
 
-// A daemon can have lost one endpoint and go on serving the other, so each is asked on a
-// connection made for the purpose.
+// A daemon can lose one endpoint and go on serving the other, so each is asked on a new connection.
 outcome<PluginClientList> probe_endpoint(const session& with, const endpoint& where) {
   const auto stub = PluginService::NewStub(make_channel(where));
   return call(*stub, &service_stub::PluginConnList, Empty(), with.stop, with.limits());

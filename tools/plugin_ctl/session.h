@@ -29,8 +29,8 @@ class session {
   grpc::Channel& channel();
   service_stub& stub();
 
-  // One call whose answer the verb cannot do without. `what` names the call for error messages.
-  // Throws tool_error when no answer came: for a signal, `if_interrupted` says what is left to do.
+  // One call. `what` names it in error messages. Throws tool_error when there is no answer; after a
+  // signal its text ends with `if_interrupted`, what the user has to do next.
   template <class Request, class Response>
   Response ask(const std::string& what,
                grpc::Status (service_stub::*method)(grpc::ClientContext*, const Request&,
@@ -59,11 +59,11 @@ class session {
   std::unique_ptr<service_stub> stub_;
 };
 
-// One line of talk on stderr, with the program's name before it.
+// Writes a message to stderr, with the program's name before it.
 void say(const shown_text& text);
 
-// Prints the daemon's yes or no to `command` about `id`; a no is explained on stderr by `if_no`,
-// what to do next.
+// Prints the daemon's answer to `command` about `id`. After a no, stderr says with `if_no` what to
+// do next.
 exit_code print_verdict(const session& with, const std::string& command, const std::string& id,
                         const google::protobuf::Message& answer, bool success,
                         const std::string& if_no);

@@ -59,8 +59,7 @@ void snapshot::step(const std::string& name, Body body) {
     try {
       body(it);
     } catch (const std::exception& error) {
-      // Of this machine's making (no more processes, no more files); the steps that put things in
-      // order must still follow.
+      // This machine refused something, as a process or a file. depart_done must still follow.
       fail(it, SnapshotStep::FAILED, error.what(),
            {exit_code::failed, name, error.what(), "see to this machine's limits"});
     }
@@ -76,19 +75,19 @@ void snapshot::fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std
   if (!failure_) failure_ = failure{step.step(), std::move(why)};
 }
 
-// Which answers mean that a task is left in the daemon has to be told from the answers alone: the
-// response has no field for it. The daemon says
-//   yes         when a host answered: the task is there, and ours to end;
-//   no, at once when it refused, since nobody is subscribed or since a task of the same LUN is
-//               there already. That one is somebody else's, and depart_done would take it from
-//               them;
-//   no, late    when no host answered in 60 s. It has removed the task itself, and one that is
-//               there now is somebody else's again.
-// So no no is ever followed by depart_done. A call that ends without an answer (its deadline, a
-// signal, a broken connection) is different: a refusal would have come at once, so what the daemon
-// was doing is waiting, or still telling the hosts, and the task is there. That conclusion is only
-// as good as "at once": hence neither a signal nor a short --timeout ends the call within
-// kRefusalTime, counted from when the daemon was connected.
+// Whether the daemon now holds a task of this run has to be concluded from its answer, which has no
+// field for it:
+//   yes            A host answered. The task is there, and this run has to end it.
+//   no, at once    The daemon refused: no host is subscribed, or there is a task of this LUN
+//                  already. That one is somebody else's, and depart_done would end it.
+//   no, later      No host answered in 60 s, and the daemon has removed the task. If there is one
+//                  now, it is somebody else's.
+//   no answer      The call ended by its deadline, a signal or a broken connection. A refusal would
+//                  have come at once, so the daemon is still telling the hosts or waiting for one:
+//                  the task is there.
+// So depart_done never follows a no. For the last conclusion a refusal must have had the time to
+// arrive: neither a signal nor a short --timeout ends the call within kRefusalTime, which begins
+// when there is a connection.
 void snapshot::init_snapshot(SnapshotStep& step) {
   const std::string tried = "Publish init_snapshot_req";
   if (const auto unreached = connect()) {
@@ -108,8 +107,8 @@ void snapshot::init_snapshot(SnapshotStep& step) {
   owes_depart_ = !result.answered() || result.response.success();
   judge(step, result, next_after_refused_init(options_.about, result.took));
   if (!result.answered() && failure_) {
-    // Its handler cannot be called back: it waits on for a task that depart_done has removed, and
-    // when its time is up removes whatever task the LUN then has.
+    // The daemon's handler cannot be cancelled. It waits on after depart_done has removed the task,
+    // and at the end of its 60 s it removes any task that the LUN has then.
     const auto left = std::chrono::ceil<std::chrono::seconds>(kHostWait - result.took).count();
     const std::string later = "begin the next snapshot of this LUN in " +
                               std::to_string(std::max<decltype(left)>(left, 1)) +
@@ -122,8 +121,8 @@ void snapshot::init_snapshot(SnapshotStep& step) {
 void snapshot::mirror_done(SnapshotStep& step) {
   const auto result = publish(options_.about.mirror_done(), with_.limits());
   if (result.answered() && !result.response.success()) {
-    // Where no mirror is run for a LUN, the host's own question after it has moved the handshake
-    // on, perhaps to its departure already. If it was ended instead, the next step says so.
+    // For a LUN that needs no mirror, the host's is_mirror_done has moved the handshake on already.
+    // If somebody has ended the handshake instead, the next step says so.
     step.set_outcome(SnapshotStep::SKIPPED);
     step.set_reason("the daemon's answer is no: a host has gone on without it");
     return;
@@ -135,7 +134,7 @@ void snapshot::wait_for_depart(SnapshotStep& step) {
   const auto result = publish(options_.about.wait_for_depart(), host_wait(step.step()));
   if (judge(step, result, "")) return;
   if (!result.answered()) return;
-  // A no at once is the answer for a task that is not there; late, for one whose host did not come.
+  // A no at once means that there is no such task; a later one, that its host did not depart.
   const bool is_gone = result.took <= kRefusalTime;
   owes_depart_ = !is_gone;
   failure_->why.next =
@@ -145,18 +144,19 @@ void snapshot::wait_for_depart(SnapshotStep& step) {
 }
 
 void snapshot::depart_done(SnapshotStep& step) {
-  const std::int32_t result = failure_ ? failed_result_ : 0;
-  step.set_result(result);
+  handshake about = options_.about;
+  about.result = failure_ ? failed_result_ : 0;
+  step.set_result(about.result);
   call_options options = with_.limits();
   options.undisturbed = options.timeout;  // a second Ctrl-C does not leave the task behind
   options.wait_for_ready = true;          // nor does a connection that comes back in time
   const bool first_failure = !failure_.has_value();
-  const auto answer = publish(options_.about.depart_done(result), options);
+  const auto answer = publish(about.depart_done(), options);
   if (judge(step, answer, "read the daemon's lines in the system log")) return;
   const std::string leftover =
       "the daemon may still hold this handshake and then refuses the next one of this LUN until "
       "300 s after its beginning: `plugin_ctl publish depart-done " +
-      options_.about.p80 + " --result " + std::to_string(result) + "` removes it";
+      about.p80 + " --result " + std::to_string(about.result) + "` removes it";
   std::string& next = failure_->why.next;
   next = first_failure ? leftover : next + "; " + leftover;
 }
@@ -206,7 +206,7 @@ std::optional<grpc::Status> snapshot::connect() {
     const auto state = with_.channel().GetState(true);
     if (state == GRPC_CHANNEL_READY) return std::nullopt;
     if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-      // Ends at once with the reason, which the channel tells only by way of a call.
+      // The channel does not tell why it failed, but a call on it ends at once with the reason.
       const auto list =
           call(with_.stub(), &service_stub::PluginConnList, google::protobuf::Empty(), with_.stop);
       if (!list.answered()) return list.status;
@@ -248,14 +248,8 @@ void add_snapshot_verb(CLI::App& app, session& with) {
       "plugin_ctl snapshot --p80 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6 \\\n"
       "    --mirror 'lvcreate --snapshot ...' --split 'lvconvert --splitmirrors 1 ...'",
       [&with, options] { return snapshot(with, *options).run(); });
-  add_text(*verb, "--p80", options->about.p80, "The source LUN's page-80h identifier")
-      ->required()
-      ->type_name("ID");
-  options->about.add_source_options(*verb);
-  options->about.add_destination_uuid_option(*verb);
-  options->about.add_destination_page_options(*verb);
-  options->about.add_replica_option(*verb);
-  options->about.add_serial_options(*verb);
+  options->about.add_options(*verb, {"--p80", "--p83", "--uuid", "--dst-uuid", "--dst-p80",
+                                     "--dst-p83", "--replica", "--cmd-sn", "--qel-sn"});
   verb->add_option("--mirror", options->mirror, "Shell command that mirrors the LUN")
       ->type_name("CMD");
   verb->add_option("--split", options->split, "Shell command that splits the mirror")

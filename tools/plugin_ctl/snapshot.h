@@ -17,14 +17,13 @@ struct snapshot_options {
   std::string split;
 };
 
-// The local caller's side of one snapshot, from its announcement to its end. Whatever fails or
-// interrupts it, the daemon is told the end of every handshake that this run began, and of no
-// other.
+// The local caller's side of one snapshot, from its announcement to its end. Also after a failure
+// or a signal, the handshake that this run began is ended in the daemon, and no other is.
 class snapshot {
  public:
   snapshot(session& with, const snapshot_options& options);
 
-  // Runs it to its end; once per object. Failures are told on stderr.
+  // Runs it to its end; once per object. Failures are written to stderr.
   exit_code run();
 
  private:
@@ -33,8 +32,8 @@ class snapshot {
     problem why;
   };
 
-  // Runs one step unless an earlier one failed or a signal has come, and reports it. `body` fills
-  // in the step's outcome, and on failure calls fail().
+  // Runs one step unless an earlier one failed or a signal has come, and reports it. `body` calls
+  // fail() when the step fails.
   template <class Body>
   void step(const std::string& name, Body body);
   void fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std::string& reason,
@@ -49,8 +48,8 @@ class snapshot {
   outcome<scsiplugin::PluginCmdResp> publish(const scsiplugin::PluginCmd& command,
                                              const call_options& options);
   call_options host_wait(const std::string& step);
-  // Waits for a connection as long as a call may take. Empty when there is one, else what a call
-  // would have come to.
+  // Waits for a connection for as long as a call may take. Empty when there is one, else the status
+  // with which a call would have failed.
   std::optional<grpc::Status> connect();
   // Marks `step` by the outcome of its call. True when the daemon said yes.
   bool judge(SnapshotStep& step, const outcome<scsiplugin::PluginCmdResp>& result,
@@ -62,7 +61,7 @@ class snapshot {
   std::optional<failure> failure_;  // the first one
   // The daemon holds a task that this run has to end.
   bool owes_depart_ = false;
-  // What depart_done tells the hosts: the exit status of the command that failed, else 1.
+  // What depart_done tells the hosts after a failure: the exit status of the command, else 1.
   std::int32_t failed_result_ = 1;
 };
 

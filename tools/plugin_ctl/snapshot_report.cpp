@@ -67,7 +67,7 @@ void snapshot_report::ended(SnapshotStep step) {
 
 void snapshot_report::waiting(const std::string& step, std::chrono::milliseconds elapsed,
                               std::chrono::milliseconds limit) {
-  if (!is_lively(STDERR_FILENO)) return;
+  if (!takes_escapes(STDERR_FILENO)) return;
   const auto left = std::max(limit - elapsed, std::chrono::milliseconds::zero());
   std::fprintf(stderr, "\r\x1b[K%s: waiting for a host, %.0f s, %.0f s left", step.c_str(),
                in_seconds(elapsed), in_seconds(left));

@@ -12,14 +12,14 @@
 
 namespace vexo::tools {
 
-// Tells how a snapshot goes: a line or a JSON object on stdout for each step as it ends, and on a
-// terminal, meanwhile, how long a wait has taken and may still take.
+// Reports a snapshot: on stdout a line or a JSON object for each step when it ends; on a terminal
+// also how long a wait has taken and may still take.
 class snapshot_report {
  public:
   snapshot_report(output_format format, std::string task_id);
 
-  // A step that ended. Never throws: a reader that has gone away must not keep a handshake from
-  // being ended, see output_error().
+  // A step that ended. Never throws: the handshake has to be ended also when nobody reads stdout
+  // any more, see output_error().
   void ended(SnapshotStep step);
   // The problem that kept a step's line from being printed, if there was one.
   const std::optional<tool_error>& output_error() const { return output_error_; }

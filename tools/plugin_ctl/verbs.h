@@ -9,23 +9,21 @@
 
 namespace vexo::tools {
 
-// Each adds one family of verbs to the command line. A verb that is found there sets
-// session::action.
+// Each adds one group of verbs. The verb that is on the command line sets session::action.
 void add_registry_verbs(CLI::App& app, session& with);
 void add_subscribe_verb(CLI::App& app, session& with);
 void add_lun_verbs(CLI::App& app, session& with);
 void add_publish_verbs(CLI::App& app, session& with);
 void add_snapshot_verb(CLI::App& app, session& with);
 void add_probe_verb(CLI::App& app, session& with);
-void add_guard_verbs(CLI::App& app, session& with);
 
-// A verb whose help ends with `example`, one or more command lines. `run` may hold the verb's
-// options, which are filled in by then.
+// A verb whose help ends with `example`, one or more command lines. `run` is called when the
+// command line has been read.
 CLI::App* add_verb(CLI::App& parent, session& with, const std::string& name,
                    const std::string& description, const std::string& example,
                    std::function<exit_code()> run);
 
-// An option or positional whose text goes onto the wire.
+// An option or positional whose text is sent to the daemon, and so has to be UTF-8.
 CLI::Option* add_text(CLI::App& verb, const std::string& name, std::string& value,
                       const std::string& description);
 

@@ -66,7 +66,7 @@ def channel_to(target):
 
 
 def serve(service):
-    """Has this servicer answer in the daemon's place."""
+    """Serves the daemon's TCP port with this servicer."""
     service.server = grpc.server(concurrent.futures.ThreadPoolExecutor(200))
     add_PluginServiceServicer_to_server(service, service.server)
     assert service.server.add_insecure_port(TCP)
@@ -74,7 +74,7 @@ def serve(service):
 
 
 class Caller:
-    """Makes calls, which wait for the daemon to serve. One that does not end with OK raises."""
+    """Makes calls. They wait until the daemon serves, and raise when the status is not OK."""
 
     def __init__(self, target=UNIX):
         self._channel = channel_to(target)
@@ -133,7 +133,7 @@ class Caller:
 class Host:
     """A host plugin's open Subscribe call.
 
-    Whoever unsubscribes or replaces it does so only when it is listed: a wake-up before is lost.
+    Wait until it is listed before you unsubscribe or replace it: an earlier wake-up is lost.
     """
 
     def __init__(self, plugin_id, kind=PluginClient.UNKNOWN, target=TCP):

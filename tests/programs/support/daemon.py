@@ -1,4 +1,4 @@
-# The daemon, and who starts it anew.
+# The daemon, and a supervisor that restarts it.
 
 import json
 import pathlib
@@ -60,7 +60,7 @@ class Daemon(Program):
 
 
 class Supervisor(Daemon):
-    """Does what a service manager does: starts the daemon anew whenever it has ended."""
+    """Restarts the daemon whenever it has ended, as a service manager does."""
 
     _LOOP = 'while :; do "$@" & echo $!; wait $!; done'
 

@@ -2,23 +2,23 @@
 
 import json
 
-from support.program import PLUGIN_CTL, Program, run
+from support.program import PLUGIN_GUARD, Program, run
 
 STATUS_FILE = "/tmp/guard_status.json"
 
 
 class Guard(Program):
-    """plugin_ctl guard. Returns when it has found the daemon in order, unless `serves` is false."""
+    """Returns when it has found the daemon in order, unless `serves` is false."""
 
     def __init__(self, *options, serves=True, environment=None):
-        super().__init__(PLUGIN_CTL, "guard", "--status-file", STATUS_FILE, *options,
+        super().__init__(PLUGIN_GUARD, "--status-file", STATUS_FILE, *options,
                          environment=environment)
         self.wait_for_err("the daemon serves on both endpoints" if serves else "guarding:")
 
 
 def guard_status():
-    """plugin_ctl guard-status."""
-    return run(PLUGIN_CTL, "-o", "json", "guard-status", "--status-file", STATUS_FILE)
+    """plugin_guard --status."""
+    return run(PLUGIN_GUARD, "--status", "-o", "json", "--status-file", STATUS_FILE)
 
 
 def reported(key):

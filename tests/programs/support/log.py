@@ -29,7 +29,7 @@ class Log:
         threading.Thread(target=self._read_on, daemon=True).start()
 
     def lines(self):
-        """All so far. Who has been answered has sent what it logged before; that is among them."""
+        """All lines so far. Includes what a program logged before it answered a call."""
         with self._reading:
             self._read_what_came()
             return list(self._lines)
@@ -47,7 +47,7 @@ class Log:
         return wait_until(lambda: next((line for line in self.lines() if part in line.text), None))
 
     def hold(self):
-        """A log service that hangs: nothing is read, nor can be asked here, `with log.hold()`."""
+        """`with log.hold()`: a log service that hangs: nothing is read. Call no method then."""
         return self._reading
 
     def _read_on(self):

@@ -12,7 +12,7 @@ ENDPOINTS = {socket.AF_INET: ("127.0.0.1", 3265), socket.AF_UNIX: "/tmp/iscsi/pl
 
 
 def connect(family=socket.AF_INET):
-    """A connection that asks for nothing."""
+    """A connection over which nothing is sent."""
     connection = socket.socket(family)
     connection.settimeout(PATIENCE)
     connection.connect(ENDPOINTS[family])
@@ -20,7 +20,7 @@ def connect(family=socket.AF_INET):
 
 
 def is_served(connection):
-    """Whether the server serves it, and so speaks first; false when it has closed it. Waits for either."""
+    """True when the server serves it (an HTTP/2 server speaks first), false when it has closed it."""
     try:
         return connection.recv(1, socket.MSG_PEEK) != b""
     except ConnectionResetError:
@@ -28,7 +28,7 @@ def is_served(connection):
 
 
 def shut_towards_server():
-    """To the daemon this process looks as if it will send nothing more, and still reads, over TCP."""
+    """Sends a FIN on all TCP connections of this process, which go on reading."""
     for fd in map(int, os.listdir("/proc/self/fd")):
         try:
             with socket.socket(fileno=os.dup(fd)) as connection:
@@ -41,7 +41,7 @@ def shut_towards_server():
 class Network:
     """A host that is reached through a router: two more network namespaces, behind the test's own."""
 
-    APPLIANCE = "10.77.0.1"  # what the host knows the test's own namespace by
+    APPLIANCE = "10.77.0.1"  # the address of the test's own namespace, as the host sees it
     ON_HOST = ("ip", "netns", "exec", "host")  # in front of a command line: runs it on the host
 
     def __init__(self):
@@ -64,7 +64,7 @@ class Network:
         self.forward(True)
 
     def forward(self, on):
-        """Whether the router lets packets through. When not, it drops them without a word."""
+        """Whether the router forwards packets. When not, it drops them and reports nothing."""
         write = f"echo {int(on)} >/proc/sys/net/ipv4/ip_forward"
         _do("ip", "netns", "exec", "router", "sh", "-c", write)
 

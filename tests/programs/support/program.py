@@ -12,13 +12,14 @@ SOURCE = pathlib.Path(__file__).resolve().parents[3]
 BUILD = pathlib.Path(os.environ["SCSI_PLUGIN_BUILD"])
 SCSI_PLUGIN_SERVER = BUILD / "plugin_server/scsi_plugin_server"
 PLUGIN_CTL = BUILD / "tools/plugin_ctl/plugin_ctl"
+PLUGIN_GUARD = BUILD / "tools/plugin_guard/plugin_guard"
 PLUGIN_AGENT = BUILD / "tools/plugin_agent/plugin_agent"
 PLUGIN_FREEZER = BUILD / "tools/plugin_agent/plugin_freezer"
 SANITIZED = BUILD.name in ("asan", "tsan")
 
 
 class Program:
-    """One that goes on while the test does; ended, by its pid, at the end of the test at the latest.
+    """One that runs beside the test; ended, by its pid, at the end of the test at the latest.
 
     `environment` is added to the test's own. What it prints is in `out` and `err`.
     """
@@ -51,7 +52,7 @@ class Program:
 
     @property
     def status(self):
-        """Once it has ended: its exit code, or minus the signal that ended it."""
+        """Its exit code, or minus the signal that ended it; None while it runs."""
         return self._process.poll()
 
     def wait_for_out(self, part):
@@ -97,7 +98,7 @@ def exists(pid):
 
 
 def end_all():
-    """Ends all programs of the test, none of which a sanitizer may have complained about."""
+    """Ends all programs of the test. Fails when a sanitizer has reported anything about one."""
     for program in Program.started:
         program.kill()
     for program in Program.started:

@@ -27,7 +27,7 @@ _libc = ctypes.CDLL(None, use_errno=True)
 
 
 def run(item, kept):
-    """The reports of one test, which runs in a process of its own. It sees the folders `kept`."""
+    """Runs one test in a process of its own, which sees the folders `kept`. Returns its reports."""
     with tempfile.TemporaryFile() as file:
         keeper = os.fork()
         if keeper == 0:
@@ -45,10 +45,10 @@ def run(item, kept):
 
 
 def _keep(item, kept, file):
-    """Forks the test, and ends whatever it leaves behind, which has become a child of this process."""
+    """Forks the test. Ends what the test leaves behind: that becomes a child of this process."""
     _call(_libc.prctl, _PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     _call(_libc.prctl, _PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)
-    signal.signal(signal.SIGINT, signal.SIG_IGN)  # the test has heard it too
+    signal.signal(signal.SIGINT, signal.SIG_IGN)  # the test gets it too
     test = os.fork()
     if test == 0:
         _do_and_exit(lambda: _test(item, kept, file))

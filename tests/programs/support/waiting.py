@@ -7,7 +7,7 @@ PATIENCE = 30  # seconds
 
 
 def wait_until(condition, patience=PATIENCE):
-    """What `condition` returns, as soon as that is true. Fails the test when it stays false."""
+    """Waits until `condition` is true and returns its result. Fails the test when it stays false."""
     deadline = time.monotonic() + patience
     while not (result := condition()):
         assert time.monotonic() < deadline, f"still not true after {patience} s"

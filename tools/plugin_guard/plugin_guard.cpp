@@ -1,0 +1,199 @@
+// Keeps the daemon of this machine serving, and shows what it has found.
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "common/errors.h"
+#include "common/exit_codes.h"
+#include "common/interrupt.h"
+#include "common/number_option.h"
+#include "common/output.h"
+#include "common/text.h"
+#include "plugin_guard/guard.h"
+#include "plugin_guard/status.h"
+
+namespace vexo::tools {
+
+namespace {
+
+constexpr char kDescription[] =
+    "Keeps the SCSI plugin server of this machine serving, until a signal ends it: unsubscribes\n"
+    "hosts that have vanished, before the next snapshot hangs on them; watches both endpoints; "
+    "and\n"
+    "ends a daemon that no longer serves, for its supervisor to start it again. Its log goes to\n"
+    "the system log. With --status it shows what the running guard has found.";
+
+constexpr char kFooter[] =
+    "Exit codes: 0 ended by a signal, 2 usage, 4 any other failure.\n"
+    "With --status: 0 ok, 1 degraded, 3 down, or no guard is running to tell.\n"
+    "\n"
+    "Example:\n"
+    "  plugin_guard\n"
+    "  plugin_guard --no-kill --status-file /tmp/guard.json\n"
+    "  plugin_guard --status\n"
+    "  plugin_guard --status -o json";
+
+// By default a look may take this part of --fail-after.
+constexpr int kLooksInFailAfter = 5;
+
+// What the command line says.
+struct words {
+  double interval = 0.5;
+  double fail_after = 25;
+  std::optional<double> timeout;
+  bool no_kill = false;
+  std::string status_file = kStatusFile;
+  bool status = false;
+  std::string output = "table";
+};
+
+std::chrono::milliseconds as_milliseconds(double seconds) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::duration<double>(seconds));
+}
+
+void say(const shown_text& text) { std::fprintf(stderr, "plugin_guard: %s\n", text.c_str()); }
+
+void declare(CLI::App& app, words& given) {
+  app.add_option("--interval", given.interval, "How often to look for vanished hosts")
+      ->check(number_between(0.01, 3600.0))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  app.add_option("--fail-after", given.fail_after,
+                 "How long an endpoint has to fail without a break before the daemon is ended; a "
+                 "host that has stalled can make it stand still for 20")
+      ->check(number_between(1.0, 3600.0))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  app.add_option("--timeout", given.timeout,
+                 "How long one look may take; a fifth of --fail-after if not given")
+      ->check(number_between(0.001, 3600.0))
+      ->type_name("SECONDS");
+  app.add_flag("--no-kill", given.no_kill, "Only reports");
+  app.add_option("--status-file", given.status_file,
+                 "Where the guard writes its status, and --status reads it")
+      ->type_name("FILE")
+      ->capture_default_str();
+  app.add_flag("--status", given.status,
+               "Shows what the guard of this machine has found, and ends");
+  app.add_option("-o,--output", given.output,
+                 "What --status prints: a table for people, or json for programs")
+      ->check(CLI::IsMember({"table", "json"}))
+      ->type_name("FORMAT")
+      ->capture_default_str();
+  app.set_version_flag("--version", "plugin_guard " VEXO_TOOLS_VERSION);
+}
+
+// Refuses the options that only the guard uses beside --status, and those of --status without it.
+void refuse_without_meaning(const CLI::App& app, bool status) {
+  const auto refuse = [&](const char* option, const char* why) {
+    if (app.count(option) > 0) throw CLI::ValidationError(std::string(option) + " " + why);
+  };
+  if (!status) return refuse("--output", "is for --status only");
+  for (const char* option : {"--interval", "--fail-after", "--timeout", "--no-kill"}) {
+    refuse(option, "is for the guard itself, and --status only reads its status file");
+  }
+}
+
+guard::options checked_options(const words& given, bool status_file_given) {
+  guard::options options;
+  options.interval = as_milliseconds(given.interval);
+  options.fail_after = as_milliseconds(given.fail_after);
+  options.patience =
+      given.timeout ? as_milliseconds(*given.timeout) : options.fail_after / kLooksInFailAfter;
+  options.may_kill = !given.no_kill;
+  if (options.patience >= options.fail_after) {
+    throw CLI::ValidationError(
+        "--timeout is not shorter than --fail-after: leave time for more than one look, as with "
+        "--timeout 5 --fail-after 25");
+  }
+  // Only the guard's unit makes the default's directory: without it there is no status file.
+  if (status_file_given ||
+      access(std::filesystem::path(kStatusFile).parent_path().c_str(), W_OK) == 0) {
+    options.status_file = given.status_file;
+  }
+  return options;
+}
+
+exit_code code_of(GuardStatus::State state) {
+  switch (state) {
+    case GuardStatus::OK:
+      return exit_code::done;
+    case GuardStatus::DEGRADED:
+      return exit_code::refused;
+    default:
+      return exit_code::unreachable;
+  }
+}
+
+exit_code show_status(const words& given) {
+  const GuardStatus status = read_status(given.status_file);
+  if (given.output == "json") {
+    print(to_json(status) + "\n");
+  } else {
+    table rows({"STATE", "SINCE", "HOSTS", "SWEEPS", "RESTARTS", "LAST ERROR"});
+    rows.add({GuardStatus::State_Name(status.state()), status.since(),
+              std::to_string(status.hosts()), std::to_string(status.sweeps()),
+              std::to_string(status.restarts()),
+              status.last_error().empty() ? "none"
+                                          : status.last_error_time() + " " + status.last_error()});
+    print(rows.text());
+  }
+  if (!status.error().empty()) say(printable(status.error()));
+  return code_of(status.state());
+}
+
+exit_code run(int argc, char** argv) {
+  // A write to a closed pipe is an error of print() instead of the program's end.
+  std::signal(SIGPIPE, SIG_IGN);
+  interrupt stop;
+  CLI::App app(kDescription, "plugin_guard");
+  app.footer(kFooter);
+  words given;
+  declare(app, given);
+  guard::options options;
+  try {
+    app.parse(argc, argv);
+    refuse_without_meaning(app, given.status);
+    options = checked_options(given, app.count("--status-file") > 0);
+  } catch (const CLI::Success& help_or_version) {
+    app.exit(help_or_version);
+    return exit_code::done;
+  } catch (const CLI::ParseError& error) {
+    say(printable(error.what()) + "\n  next:      see plugin_guard --help");
+    return exit_code::usage;
+  }
+  if (given.status) return show_status(given);
+  // A journal that reads this program's stderr would have each line twice.
+  const bool in_journal =
+      std::getenv("JOURNAL_STREAM") != nullptr;  // NOLINT(concurrency-mt-unsafe)
+  openlog("scsi-plugin-guard", in_journal ? 0 : LOG_PERROR, LOG_DAEMON);
+  guard(options, stop).run();
+  return exit_code::done;
+}
+
+}  // namespace
+
+}  // namespace vexo::tools
+
+int main(int argc, char** argv) {
+  using namespace vexo::tools;
+  try {
+    return static_cast<int>(run(argc, argv));
+  } catch (const tool_error& error) {
+    say(error.text);
+    return static_cast<int>(error.code);
+  } catch (const std::exception& error) {
+    say("this machine refused: " + printable(error.what()));
+    return static_cast<int>(exit_code::failed);
+  }
+}

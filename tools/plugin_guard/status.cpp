@@ -1,0 +1,84 @@
+#include "plugin_guard/status.h"
+
+#include <fcntl.h>
+#include <google/protobuf/util/json_util.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include "common/output.h"
+#include "common/unique_fd.h"
+
+namespace vexo::tools {
+
+namespace {
+
+using std::chrono::system_clock;
+
+[[noreturn]] void fail(const std::string& path) {
+  throw std::system_error(errno, std::generic_category(), path);
+}
+
+GuardStatus nothing_known(const std::string& why) {
+  GuardStatus status;
+  status.set_error(why + ", so nothing is known of the daemon");
+  return status;
+}
+
+}  // namespace
+
+std::string time_text(system_clock::time_point when) {
+  const std::time_t seconds = system_clock::to_time_t(when);
+  std::tm utc = {};
+  gmtime_r(&seconds, &utc);
+  std::array<char, 32> text = {};
+  std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text.data();
+}
+
+void write_status(const std::string& path, const GuardStatus& status) {
+  const std::string text = to_json(status) + "\n";
+  const std::string unfinished = path + ".new";
+  {
+    constexpr mode_t kMode = 0644;
+    const unique_fd file(
+        open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kMode));
+    if (!file) fail(unfinished);
+    errno = ENOSPC;  // of a write that is cut short
+    if (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+      fail(unfinished);
+    }
+  }
+  if (std::rename(unfinished.c_str(), path.c_str()) != 0) fail(path);
+}
+
+GuardStatus read_status(const std::string& path) {
+  std::ifstream file(path);
+  struct stat facts = {};
+  if (!file || stat(path.c_str(), &facts) != 0) {
+    return nothing_known("no guard writes " + path + " (" + std::generic_category().message(errno) +
+                         ")");
+  }
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  GuardStatus status;
+  google::protobuf::util::JsonParseOptions options;
+  options.ignore_unknown_fields = true;
+  if (!google::protobuf::util::JsonStringToMessage(text, &status, options).ok()) {
+    return nothing_known(path + " is no guard's status");
+  }
+  const auto age = system_clock::now() - system_clock::from_time_t(facts.st_mtim.tv_sec);
+  if (age > kStatusHolds || age < -kStatusHolds) {
+    const auto when = time_text(system_clock::from_time_t(facts.st_mtim.tv_sec));
+    return nothing_known("the guard has written nothing since " + when);
+  }
+  return status;
+}
+
+}  // namespace vexo::tools

@@ -1,0 +1,29 @@
+#ifndef TOOLS_PLUGIN_GUARD_STATUS_H_
+#define TOOLS_PLUGIN_GUARD_STATUS_H_
+
+#include <chrono>
+#include <string>
+
+#include "guard_status.pb.h"
+
+namespace vexo::tools {
+
+// Where a guard writes its status by default. The guard's unit makes the directory.
+inline constexpr char kStatusFile[] = "/run/scsi-plugin-guard/status.json";
+// A guard writes every kStatusEvery, but pauses while it ends the daemon: a SIGABRT and a SIGKILL
+// may take 5 s each. A status that is older than kStatusHolds was left by a guard that has died.
+inline constexpr std::chrono::seconds kStatusEvery{1};
+inline constexpr std::chrono::seconds kStatusHolds{20};
+
+// "2026-11-21T07:43:19Z"
+std::string time_text(std::chrono::system_clock::time_point when);
+
+// Replaces the file as a whole, so that no reader sees half of it. Throws std::system_error.
+void write_status(const std::string& path, const GuardStatus& status);
+
+// What a guard wrote there. DOWN, with the reason in `error`, when there is no valid status.
+GuardStatus read_status(const std::string& path);
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_GUARD_STATUS_H_
