@@ -28,7 +28,7 @@ void wait_for_calls(event& news, interrupt& stop, const call_options& options,
     auto next_look = clock::time_point::max();
     if (now < cut_from) next_look = cut_from;
     if (options.on_tick) next_look = std::min(next_look, now + kTick);
-    // Signals that have come change nothing before the next look.
+    // Signals that have come do not end this wait.
     const int seen = cut || now < cut_from ? stop.count() : 0;
     const auto woken_by = stop.wait({news.fd()}, next_look, seen);
     if (woken_by != interrupt::wake::ready && options.on_tick && !cut) {

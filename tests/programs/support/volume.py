@@ -30,7 +30,7 @@ class Volume:
             pytest.skip("only root can mount and freeze file systems")
         self.path = pathlib.Path(path)
         self.path.mkdir()
-        image = f"{path}.image"
+        image, self._storage = f"{path}.image", None
         if stalling:
             for folder in (f"{path}.below", f"{path}.image"):
                 pathlib.Path(folder).mkdir()
@@ -59,6 +59,8 @@ class Volume:
         self._storage.signal(signal.SIGCONT)
 
     def close(self):
+        if self._storage:
+            self.resume()
         left_frozen = self.thaw() == 0
         self._over = True
         self._writer.join()
