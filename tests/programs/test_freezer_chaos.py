@@ -25,8 +25,8 @@ def test_nothing_stays_frozen_whoever_is_killed(start_daemon, volume, hooks, sta
     daemon, chance = start_daemon(luns=LUNS), random.Random(victim)
 
     def start():
-        return start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", LIMIT, lun="any",
-                           serves=False)
+        return start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", LIMIT, "--max-mirror", 1,
+                           lun="any", serves=False)
 
     agent, longest, at_rest = start(), 0, 0
     for lun in LUNS:
