@@ -11,7 +11,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <future>
 #include <iterator>
@@ -59,15 +58,22 @@ class command_streams : PluginService::Service {
     builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
     builder.RegisterService(this);
     server_ = builder.BuildAndStart();
+    stub_ = PluginService::NewStub(test::connect("127.0.0.1:" + std::to_string(port)));
+    PluginClient request;
     for (std::size_t i = 0; i < std::size(kIds); ++i) {
-      ends_.emplace_back(test::connect("127.0.0.1:" + std::to_string(port)), kIds[i],
-                         static_cast<PluginClient::Type>(i));
+      request.set_type(static_cast<PluginClient::Type>(i));
+      contexts_[i].set_wait_for_ready(true);
+      readers_[i] = stub_->Subscribe(&contexts_[i], request);
       writers_[i] = lent_[i].get_future().get();
     }
   }
   grpc::ServerWriter<PluginCmd>* writer(std::size_t i) const { return writers_[i]; }
-  // The next command from stream `i`.
-  PluginCmd read(std::size_t i) { return ends_[i].next_cmd(); }
+  // The next command from stream `i`; blocks until there is one.
+  PluginCmd read(std::size_t i) {
+    PluginCmd cmd;
+    EXPECT_TRUE(readers_[i]->Read(&cmd));
+    return cmd;
+  }
 
  private:
   // Lends its writer, and stays open. The request's type is the number of the stream.
@@ -79,7 +85,9 @@ class command_streams : PluginService::Service {
   }
 
   std::unique_ptr<grpc::Server> server_;
-  std::deque<test::subscriber> ends_;
+  std::unique_ptr<PluginService::Stub> stub_;
+  grpc::ClientContext contexts_[std::size(kIds)];
+  std::unique_ptr<grpc::ClientReader<PluginCmd>> readers_[std::size(kIds)];
   std::promise<grpc::ServerWriter<PluginCmd>*> lent_[std::size(kIds)];
   grpc::ServerWriter<PluginCmd>* writers_[std::size(kIds)];
 };

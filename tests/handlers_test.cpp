@@ -1,6 +1,5 @@
 // The eight handlers: their verdicts, state changes, log lines and locks.
 
-#include <grpcpp/impl/client_unary_call.h>
 #include <gtest/gtest.h>
 
 #include <future>
@@ -18,7 +17,6 @@ namespace vexo::test {
 namespace {
 
 using namespace scsiplugin;
-using namespace std::string_literals;
 
 constexpr char kGuid[] = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6";
 constexpr char kNaa[] = "60014051a2b3c4dd5e6fd7a8bd9c0dde";
@@ -173,53 +171,6 @@ TEST_F(Handlers, AStateIsReadWhileItsTaskIsLocked) {
   const std::lock_guard<std::mutex> held(ctrl().find_task("K")->mutex);
   EXPECT_FALSE(call->lun_op(is_mirror_done("K", LUN_TYPE_80)));
   EXPECT_FALSE(call->publish(mirror_done("K")));
-}
-
-// Requests given as bytes, as any other program may send them.
-TEST_F(Handlers, OnlyWhatIsHandledAndCanBeReadIsCarriedOut) {
-  const auto answer_to = [&](const std::string& method, const std::string& bytes) {
-    const std::string path = "/vexo.scsiplugin.PluginService/" + method;
-    const grpc::internal::RpcMethod rpc(path.c_str(), grpc::internal::RpcMethod::NORMAL_RPC);
-    const grpc::Slice slice(bytes);
-    grpc::ClientContext context;
-    grpc::ByteBuffer response;
-    const auto status = grpc::internal::BlockingUnaryCall(dial().get(), rpc, &context,
-                                                          grpc::ByteBuffer(&slice, 1), &response);
-    EXPECT_TRUE(status.error_code() != grpc::CANCELLED || status.error_message().empty());
-    return status.error_code();
-  };
-  // An empty member of each number: its tag and a zero length.
-  for (int number = 3; number <= 12; ++number) {
-    const std::string bytes = {static_cast<char>(number << 3 | 2), 0};
-    const bool lun_op = number == 4 || number == 5 || number == 6 || number == 10;
-    EXPECT_EQ(answer_to("LunOp", bytes), lun_op ? grpc::OK : grpc::CANCELLED) << number;
-    const bool publish = number >= 4 && number <= 7;
-    EXPECT_EQ(answer_to("Publish", bytes), publish ? grpc::OK : grpc::CANCELLED) << number;
-  }
-  const struct {
-    std::string method;
-    std::string bytes;
-    grpc::StatusCode status;
-    std::vector<log_line> log;
-  } cases[] = {
-      {"LunOp", "", grpc::CANCELLED, {}},
-      {"Publish", "\x08\xff\xff\xff\xff\x0f\x1a\x01x", grpc::CANCELLED, {}},
-      // Of two members the last one counts. Unknown members, and an unknown LunType, are accepted.
-      {"LunOp", "\x52\x03\x1a\x01K2\x03\x1a\x01K", grpc::OK, {line(182, "K"), line(185, "K")}},
-      {"Publish",
-       "\x1a\x01K*\x00\x98\x06\x01\xa2\x06\x02hi"s,
-       grpc::OK,
-       {line(234, "K"), line(237, "K")}},
-      {"LunOp", "\"\x05\x08\x63\x12\x01K", grpc::OK, {line(104, "K"), line(111, "K")}},
-      // Text that is not UTF-8, and a message that is cut short.
-      {"LunOp", "R\x04\x1a\x02\xc3\x28", grpc::INTERNAL, {}},
-      {"UnSubscribe", "\x0a\x7f", grpc::INTERNAL, {}},
-  };
-  for (const auto& c : cases) {
-    captured_syslog().clear();
-    EXPECT_EQ(answer_to(c.method, c.bytes), c.status) << testing::PrintToString(c.bytes);
-    EXPECT_EQ(captured_syslog().lines(), c.log) << testing::PrintToString(c.bytes);
-  }
 }
 
 TEST_F(Handlers, InitSnapshotAnnouncesTheCommandUnderItsTask) {

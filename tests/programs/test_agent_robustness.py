@@ -15,7 +15,7 @@ from lun_cmd_pb2 import LunCmdResp
 from plugin_cmd_pb2 import PluginClient, PluginClientList
 from plugin_service_pb2_grpc import PluginServiceServicer
 from support.calls import LUN, TCP, init_snapshot, serve
-from support.program import PLUGIN_AGENT, run
+from support.program import PLUGIN_AGENT
 from support.waiting import PATIENCE, wait_until
 
 MOST_HANDSHAKES = 64
@@ -117,33 +117,3 @@ def test_text_from_the_wire_steers_no_log_and_no_terminal(start_agent, start_plu
     for each in (agent, *tools):
         assert not steering(each.out + each.err)
         assert not any(line.startswith('{"verdict') for line in (each.out + each.err).splitlines())
-
-
-# What is not there may be there the next time, and is no wrong usage.
-@pytest.mark.parametrize("status, option, value, complaint", [
-    (2, "hooks", "", "--hooks is empty"),
-    (4, "hooks", "/none", "/none cannot be read"),
-    (4, "hooks", "/tmp", "/tmp is not used: everybody may write to it"),
-    (4, "hooks", "/etc/passwd", "/etc/passwd cannot be read"),
-    *((2, "fs", value, "is no absolute path") for value in ("", "data")),
-    (2, "fs", "/run", "lies on /run"),
-    (4, "fs", "/none", "mount it first"),
-    (4, "fs", "/usr/bin", "nothing is mounted there; mount it first"),
-    (2, "fs", "/proc", "a file system of type proc cannot be frozen"),
-    (2, "fs", "/tmp", "a file system of type tmpfs cannot be frozen"),
-])
-def test_refuses_what_cannot_work_before_it_subscribes(status, option, value, complaint):
-    given = run(PLUGIN_AGENT, "--appliance", "127.0.0.1", "--lun", LUN, f"--{option}", value)
-    assert given.status == status and complaint in given.err, given.err
-    with open("/tmp/agent.toml", "w", encoding="ascii") as file:
-        file.write(f'\n{option} = "{value}"\n')
-    in_file = run(PLUGIN_AGENT, "--appliance", "127.0.0.1", "--lun", LUN, "--config", "/tmp/agent.toml")
-    assert in_file.status == status and complaint in in_file.err, in_file.err
-    assert "plugin_agent: /tmp/agent.toml:" in in_file.err
-
-
-def test_refuses_a_run_directory_that_cannot_be_used(hooks):
-    hooks.add("10-a")
-    refused = run(PLUGIN_AGENT, "--appliance", "127.0.0.1", "--lun", LUN, "--hooks", hooks.path, "--run-dir",
-                  "/proc/none")
-    assert refused.status == 4 and "/proc/none cannot be used" in refused.err, refused.err

@@ -1,5 +1,6 @@
 # The real daemon, seen from outside.
 
+import pathlib
 import resource
 import signal
 import socket
@@ -10,7 +11,7 @@ from google.protobuf.descriptor_pb2 import FileDescriptorSet
 from google.protobuf.empty_pb2 import Empty
 
 from plugin_cmd_pb2 import PluginClient
-from support.calls import (LUN, REPLICA_LUN, TCP, UNIX, UNSUPPORTED_LUN, Caller, channel_to,
+from support.calls import (LUN, REPLICA_LUN, TCP, UNIX, UNSUPPORTED_LUN, Caller, Host, channel_to,
                            depart_done, depart_relation, init_snapshot, is_lun_support,
                            is_mirror_done, mirror_done, start_mirror, wait_for_depart)
 from support.log import Line
@@ -70,20 +71,51 @@ def test_replaces_a_stale_socket_file(start_daemon):
     assert start_daemon(directory=None).call.ids() == []
 
 
-@pytest.mark.parametrize("method, request_bytes, status", [
-    ("LunOp", b"\x52\x04\x1a\x02\xc3\x28", grpc.StatusCode.INTERNAL),  # bad UTF-8 in start_mirror_req
-    ("Publish", b"\x1a\x01\xff\x2a", grpc.StatusCode.INTERNAL),
-    ("UnSubscribe", b"\x0a\x7f", grpc.StatusCode.INTERNAL),  # cut short
-    ("Unsubscribe", b"", grpc.StatusCode.UNIMPLEMENTED),
-    ("PluginConnList", b"", grpc.StatusCode.OK),
-    ("PluginConnList", b"\x0a\x01x", grpc.StatusCode.OK),  # an unknown field
-])
-def test_what_is_no_request_reaches_no_handler(log, daemon, method, request_bytes, status):
-    call = channel_to(TCP).unary_unary(f"/vexo.scsiplugin.PluginService/{method}").future(
-        request_bytes, timeout=PATIENCE, wait_for_ready=True)
-    assert call.code() == status
-    assert status != grpc.StatusCode.OK or call.result() == b""
-    assert log.lines() == LISTENING
+def test_only_what_is_handled_and_can_be_read_is_carried_out(log, daemon):
+    """Requests byte by byte, as another program may send them."""
+    ok, cancelled, internal = (grpc.StatusCode[name] for name in ("OK", "CANCELLED", "INTERNAL"))
+    empty_bodies = [(method, bytes([number << 3 | 2, 0]), ok if number in handled else cancelled, None)
+                    for method, handled in (("LunOp", (4, 5, 6, 10)), ("Publish", (4, 5, 6, 7)))
+                    for number in range(3, 13)]
+    channel = channel_to(TCP)
+    for method, request, status, logged in [
+            *empty_bodies,
+            ("LunOp", b"", cancelled, []),
+            ("Publish", b"\x08\xff\xff\xff\xff\x0f\x1a\x01x", cancelled, []),
+            # The last of two bodies counts. Unknown fields are skipped; so is an unknown LunType.
+            ("LunOp", b"\x52\x03\x1a\x01K2\x03\x1a\x01K", ok, [182, 185]),
+            ("Publish", b"\x1a\x01K*\x00\x98\x06\x01\xa2\x06\x02hi", ok, [234, 237]),
+            ("LunOp", b"\"\x05\x08\x63\x12\x01K", ok, [104, 111]),
+            ("LunOp", b"\x52\x04\x1a\x02\xc3\x28", internal, []),  # no UTF-8
+            ("Publish", b"\x1a\x01\xff\x2a", internal, []),
+            ("UnSubscribe", b"\x0a\x7f", internal, []),  # cut short
+            ("Unsubscribe", b"", grpc.StatusCode.UNIMPLEMENTED, []),
+            ("PluginConnList", b"\x0a\x01x", ok, [])]:
+        log.clear()
+        call = channel.unary_unary(f"/vexo.scsiplugin.PluginService/{method}").future(
+            request, timeout=PATIENCE, wait_for_ready=True)
+        assert call.code() == status, (method, request)
+        assert status != cancelled or call.details() == ""
+        lines = [int(line.text.split(":")[2]) for line in log.lines()]
+        assert lines == logged or logged is None, (method, request)
+        assert method != "PluginConnList" or call.result() == b""
+
+
+@pytest.mark.parametrize("target", [UNIX, "[::1]:3265"])
+def test_pushes_to_ipv4_peers_only(log, daemon, target):
+    if target != UNIX and not pathlib.Path("/proc/net/if_inet6").exists():
+        pytest.skip("no IPv6 here")
+    log.clear()
+    host = Host("h", target=target)
+    wait_until(lambda: [entry.ip for entry in daemon.call.list()] == ["Unknown"])
+    daemon.call.both_sides()
+    daemon.call.unsubscribe("h")
+    assert host.end() == grpc.StatusCode.OK
+    assert host.waiting == 0
+    assert [line for line in log.lines() if "plugin_server_ctrl" not in line.text] == [
+        Line(6, "scsi_plugin:plugin_service_impl:32:Subscribe Connected: Plugin ID=h IP=Unknown"),
+        Line(6, "scsi_plugin:plugin_client:31:push_cmd Unknown ip address, plugin_id=h"),
+        Line(6, "scsi_plugin:plugin_service_impl:37:Subscribe Disconnect: Plugin ID=h IP=Unknown")]
 
 
 def test_reflects_its_service_and_schema(daemon):

@@ -7,6 +7,7 @@ import signal
 import time
 
 import pytest
+from google.protobuf.empty_pb2 import Empty
 
 from plugin_cmd_pb2 import PluginClient, PluginClientList, PluginCmd
 from plugin_service_pb2_grpc import PluginServiceServicer
@@ -19,21 +20,32 @@ from support.waiting import wait_until
 CONFIG = pathlib.Path("/tmp/agent.toml")
 
 
+# Wrong usage ends with 2. What is not there may be there the next time, so it ends with 4.
 def test_says_what_is_wrong_with_its_options():
-    for options, complaint in (
-            ("--lun L", "--appliance is required"),
-            ("--appliance nas", "--lun is required"),
-            ("--appliance [::1] --lun L", "IPv4 peers only"),
-            ("--appliance unix:///tmp/s --lun L", "IPv4 peers only"),
-            ("--appliance nas:70000 --lun L", "port"),
-            ("--type os2", "--type: os2 not in"),
-            ("--max-freeze inf", "--max-freeze: \"inf\" is no number from 0.1 to 60"),
-            ("--max-mirror nan", "is no number from"),
-            ("--hook-timeout -1", "is no number from"),
-            ("--config /none", "/none cannot be read: No such file or directory"),
-            ("--config /tmp", "/tmp cannot be read: Is a directory")):
+    for status, options, complaint in (
+            (2, "--lun L", "--appliance is required"),
+            (2, "--appliance nas", "--lun is required"),
+            (2, "--appliance [::1] --lun L", "IPv4 peers only"),
+            (2, "--appliance unix:///tmp/s --lun L", "IPv4 peers only"),
+            (2, "--appliance nas:70000 --lun L", "port"),
+            (2, "--type os2", "--type: os2 not in"),
+            (2, "--max-freeze inf", '--max-freeze: "inf" is no number from 0.1 to 60'),
+            (2, "--max-mirror nan", "is no number from"),
+            (2, "--hook-timeout -1", "is no number from"),
+            (2, "--config /none", "/none cannot be read: No such file or directory"),
+            (2, "--config /tmp", "/tmp cannot be read: Is a directory"),
+            (4, "--appliance nas --lun L --hooks /none", "/none cannot be read"),
+            (4, "--appliance nas --lun L --hooks /tmp", "/tmp is not used: everybody may write to it"),
+            (4, "--appliance nas --lun L --hooks /etc/passwd", "/etc/passwd cannot be read"),
+            (4, "--appliance nas --lun L --hooks /h --run-dir /proc/none", "/proc/none cannot be used"),
+            (2, "--appliance nas --lun L --fs data", "no absolute path"),
+            (2, "--appliance nas --lun L --fs /run", "lies on /run"),
+            (4, "--appliance nas --lun L --fs /none", "mount it first"),
+            (4, "--appliance nas --lun L --fs /usr/bin", "nothing is mounted there; mount it first"),
+            (2, "--appliance nas --lun L --fs /proc", "a file system of type proc cannot be frozen"),
+            (2, "--appliance nas --lun L --fs /tmp", "a file system of type tmpfs cannot be frozen")):
         refused = run(PLUGIN_AGENT, *options.split())
-        assert refused.status == 2 and complaint in refused.err, refused.err
+        assert refused.status == status and complaint in refused.err, refused.err
 
 
 def test_says_what_is_wrong_with_its_file_and_in_which_line():
@@ -41,7 +53,6 @@ def test_says_what_is_wrong_with_its_file_and_in_which_line():
             ('lun = [\n"L"\n', ":2: Error while parsing array"),  # no closing bracket
             ('lun = "L\nverbose = true\n', ":1: Error while parsing string"),
             ('lun = "L"\nlun = "M"\n', ":2: Error while parsing key-value pair: cannot redefine"),
-            ("# \udcff", ":1: Encountered invalid utf-8"),
             ('\n[agent]\nlun = "L"\n', ':2: "agent" is a section'),
             ('\n\nappliances = "nas"\n', ':3: no option is called "appliances"'),
             ('config = "x"\n', ':1: no option is called "config"'),
@@ -52,9 +63,10 @@ def test_says_what_is_wrong_with_its_file_and_in_which_line():
             ("\npoll = nan\n", ':2: --poll: "nan" is no number from'),
             ('type = "os2"\n', ":1: --type: os2 not in"),
             ('lun = [\n""]\nappliance = "nas"\n', ":1: --lun is empty"),
+            ('lun = "L"\nappliance = "nas"\nhooks = ""\n', ":3: --hooks is empty"),
             ('lun = "L"\nappliance = "::1"\n', ":2: --appliance ::1: commands are pushed to IPv4"),
             ('appliance = "nas"\nlun = []\n', ": --lun is required")):
-        CONFIG.write_text(text, errors="surrogateescape")
+        CONFIG.write_text(text)
         refused = run(PLUGIN_AGENT, "--config", CONFIG)
         assert refused.status == 2 and f"plugin_agent: {CONFIG}{complaint}" in refused.err, refused.err
 
@@ -250,13 +262,20 @@ class ForgetfulDaemon(PluginServiceServicer):
     """It has forgotten its first subscriber, as after an UnSubscribe that came between its registering
     of the stream and its waiting on it."""
 
-    subscriptions = 0
+    def __init__(self):
+        self.subscriptions = 0
+        self.connected = []  # at each UnSubscribe, whether the stream was still open
 
     def Subscribe(self, request, context):
         self.subscriptions += 1
+        self.stream = context
         while context.is_active():
             time.sleep(0.005)
         yield from ()
+
+    def UnSubscribe(self, request, context):
+        self.connected.append(self.stream.is_active())
+        return Empty()
 
     def PluginConnList(self, request, context):
         return PluginClientList(list=[PluginClient(plugin_id="host")] if self.subscriptions > 1 else [])
@@ -267,4 +286,6 @@ def test_subscribes_again_when_it_is_connected_but_not_listed(start_agent):
     serve(service)
     agent = start_agent()
     assert service.subscriptions == 2
+    # The daemon has to forget a subscriber before it vanishes, and one that it registers late after that.
+    assert service.connected[0] and len(service.connected) == 2
     assert "does not list this host" in agent.err

@@ -60,7 +60,8 @@ log_line line(int number, const std::string& first, const std::string& second,
   std::string text(kLines.substr(begin + 2, kLines.find('\n', found) - begin - 2));
   std::size_t place = 0;
   for (const auto& argument : {first, second}) {
-    if ((place = text.find("%s", place)) == std::string::npos) break;
+    place = text.find("%s", place);
+    if (place == std::string::npos) break;
     text.replace(place, 2, argument);
     place += argument.size();
   }

@@ -51,18 +51,12 @@ service_host::service_host() {
   captured_syslog().clear();
 
   int ipv4_port = 0;
-  int ipv6_port = 0;
   grpc::ServerBuilder builder;
   builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &ipv4_port);
-  builder.AddListeningPort(unix_target, grpc::InsecureServerCredentials());
-  if (std::ifstream("/proc/net/if_inet6").peek() != std::ifstream::traits_type::eof()) {
-    builder.AddListeningPort("[::1]:0", grpc::InsecureServerCredentials(), &ipv6_port);
-  }
   builder.RegisterService(&service_);
   server_ = builder.BuildAndStart();
   EXPECT_NE(server_, nullptr);
   ipv4_target = "127.0.0.1:" + std::to_string(ipv4_port);
-  if (ipv6_port != 0) ipv6_target = "[::1]:" + std::to_string(ipv6_port);
   call = std::make_unique<caller>(dial());
 }
 

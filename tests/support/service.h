@@ -2,7 +2,6 @@
 #define TESTS_SUPPORT_SERVICE_H_
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <functional>
 #include <memory>
@@ -23,8 +22,8 @@ bool is_held(std::mutex& mutex);
 // Fails the test, saying `what`, when it is not `reached` in kPatience.
 void wait_until(const std::string& what, const std::function<bool()>& reached);
 
-// The real service behind a real server in the test's own process, with a new controller, an IPv4
-// port of its own and a unix socket; over the fake configuration and the captured syslog.
+// The real service behind a real server in the test's own process, with a new controller and an IPv4
+// port of its own; over the fake configuration and the captured syslog.
 class service_host {
  public:
   service_host();
@@ -54,9 +53,6 @@ class service_host {
   static scsiplugin::PluginServerCtrl& ctrl() { return *scsiplugin::g_plugin_server_ctrl; }
 
   std::string ipv4_target;
-  std::string ipv6_target;  // empty where there is no IPv6
-  // Abstract, because a process that ends without destructors would leave a socket file.
-  const std::string unix_target = "unix-abstract:plugin_server_test." + std::to_string(getpid());
   std::unique_ptr<caller> call;
 
  private:

@@ -24,7 +24,7 @@ bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& s
     auto next_look = clock::time_point::max();
     if (now < cut_from) next_look = cut_from;
     if (options.on_tick) next_look = std::min(next_look, now + kTick);
-    // Signals that have come change nothing before the next look.
+    // Signals that have come do not end this wait.
     const int seen = cut || now < cut_from ? stop.count() : 0;
     if (stop.wait({done.fd()}, next_look, seen) == interrupt::wake::ready) return cut;
     if (options.on_tick && !cut) {

@@ -15,38 +15,38 @@ namespace vexo::tools {
 
 struct call_options {
   std::chrono::milliseconds timeout = kCallTimeout;
-  // A signal, also one that came before the call, cuts it short, but not before this much of it has
-  // passed: never, if that is the whole timeout.
+  // A signal, even one from before the call, ends the call, but not earlier than this after its
+  // start. With the value of `timeout` no signal ends it.
   std::chrono::milliseconds undisturbed = std::chrono::milliseconds::zero();
   // Keeps trying to connect until the deadline instead of failing when there is no connection.
   bool wait_for_ready = false;
-  // Called now and then while the call is under way, with the time it has taken. Throws nothing.
+  // Called now and then while the call is under way, with the time it has taken. Must not throw.
   std::function<void(std::chrono::milliseconds)> on_tick;
 };
 
-// How a call ended. When it was cut short `status` is what the cancelled call came to: the answer
-// may have arrived in the same instant, and then is OK.
+// How a call ended. After a signal `status` is that of the cancelled call. It is OK when the answer
+// arrived in the same instant.
 template <class Response>
 struct outcome {
   grpc::Status status;
   Response response;
-  bool interrupted = false;  // cut short by a signal
+  bool interrupted = false;  // cancelled because of a signal
   std::chrono::duration<double> took{};
 
-  // The daemon's verdict has come, whatever else happened.
+  // The daemon has answered, even if a signal came as well.
   bool answered() const { return status.ok(); }
 };
 
 namespace detail {
-// Waits until `done` is raised, which the call's thread does at its end; cancels the call when a
-// signal comes. True when it did.
+// Waits until `done` is raised, which the call's thread does at its end. Cancels the call when a
+// signal comes; true then.
 bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& stop,
                    const call_options& options) noexcept;
 }  // namespace detail
 
 // One unary call: `method` is a member of service_stub. It has a thread of its own, while this one
 // watches for signals; returns when it has ended. Throws std::system_error, before the call, when
-// there is no thread to be had.
+// no thread can be started.
 template <class Request, class Response>
 outcome<Response> call(service_stub& stub,
                        grpc::Status (service_stub::*method)(grpc::ClientContext*, const Request&,

@@ -10,12 +10,12 @@ constexpr std::chrono::milliseconds kKeepalive = std::chrono::seconds(300);
 std::shared_ptr<grpc::Channel> make_channel(const endpoint& where) {
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-  // The daemon stands in the same storage network: a proxy set up for the web is never on the way.
+  // The daemon is in the same storage network: a web proxy of the environment must not be used.
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-  // Nor does the name service of that network hold balancing or service records.
+  // The name service of that network has no records about balancing or service configuration.
   arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);
   arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, static_cast<int>(kKeepalive.count()));
-  // A subscription is silent for days; its connection must be seen to break all the same.
+  // No data may be sent on a subscription for days; a broken connection is noticed even then.
   arguments.SetInt(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);
   arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 1000);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 30000);

@@ -20,8 +20,8 @@ inline constexpr std::chrono::milliseconds kCallTimeout = std::chrono::seconds(5
 inline constexpr std::chrono::milliseconds kHostWait = std::chrono::seconds(60);
 inline constexpr std::chrono::milliseconds kHostWaitTimeout = std::chrono::seconds(65);
 
-// A channel on a connection that nobody else shares, so that its state tells about this endpoint
-// now. Returns at once; the first call connects.
+// A channel with a connection of its own, so that its state is that of this endpoint now. Returns
+// at once; the first call connects.
 std::shared_ptr<grpc::Channel> make_channel(const endpoint& where);
 
 // Gives the call made with `context` its deadline, counted from now.

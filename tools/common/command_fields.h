@@ -20,9 +20,9 @@ std::string command_name(const scsiplugin::PluginCmd& command);
 // The command's own fields, then those of its body, in the schema's order.
 std::vector<command_field> command_fields(const scsiplugin::PluginCmd& command);
 
-// What programs started on behalf of a command get to know about it: `VEXO_` and the field's name
-// in capitals, `VEXO_SRC_LUN_P80=1a2b...`, zero values included so that none is inherited from
-// elsewhere; and `VEXO_COMMAND`, the command's name. A value ends at its first NUL.
+// Environment variables for the programs that are started for a command: `VEXO_` and the name of
+// each field in capitals, `VEXO_SRC_LUN_P80=1a2b...`, also of zero values, so that none is
+// inherited from elsewhere; and `VEXO_COMMAND`, the command's name. A value ends at its first NUL.
 std::vector<std::string> command_environment(const scsiplugin::PluginCmd& command);
 
 }  // namespace vexo::tools

@@ -6,18 +6,18 @@
 
 namespace vexo::tools {
 
-// The daemon's own constants, as this machine reaches it: it listens on these two and on nothing
-// else.
+// The daemon listens on these two endpoints only. They are constants in the daemon, and are written
+// here as this machine reaches them.
 inline constexpr std::uint16_t kDefaultPort = 3265;
 inline constexpr char kTcpEndpoint[] = "127.0.0.1";
 inline constexpr char kUnixEndpoint[] = "unix:///tmp/iscsi/plugin_server.sock";
 
-// Where a daemon is to be reached.
+// The address of a daemon.
 struct endpoint {
   enum class family { unix_socket, ipv4, ipv6, host_name };
 
   family kind = family::unix_socket;
-  std::string host;        // empty for a unix socket; an IPv6 address stands without brackets
+  std::string host;        // empty for a unix socket; an IPv6 address is without brackets
   std::uint16_t port = 0;  // 0 for a unix socket
   std::string text;        // for people, and accepted by parse_endpoint again
   std::string target;      // for gRPC

@@ -25,7 +25,7 @@ bool event::take() {
   return eventfd_read(fd(), &count) == 0;
 }
 
-bool wait_for(const event& one, const event& other, std::chrono::milliseconds time) {
+bool wait_for(const event& one, const event& other, std::chrono::steady_clock::duration time) {
   pollfd watched[] = {{one.fd(), POLLIN, 0}, {other.fd(), POLLIN, 0}};
   return poll_until(watched, std::chrono::steady_clock::now() + time) > 0;
 }

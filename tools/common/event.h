@@ -26,7 +26,7 @@ class event {
 
 // Blocks until one of the two, which may be the same, is raised, at most for `time`. True when one
 // is.
-bool wait_for(const event& one, const event& other, std::chrono::milliseconds time);
+bool wait_for(const event& one, const event& other, std::chrono::steady_clock::duration time);
 
 }  // namespace vexo::tools
 

@@ -35,10 +35,10 @@ listing find_listed(service_stub& stub, const std::string& plugin_id, millisecon
   return found;
 }
 
-subscribe_call::subscribe_call(service_stub& stub, const PluginClient& self, milliseconds timeout,
+subscribe_call::subscribe_call(service_stub& stub, PluginClient self, milliseconds timeout,
                                on_command receive, on_end end)
     : stub_(stub),
-      self_(self),
+      self_(std::move(self)),
       timeout_(timeout),
       reader_([this, receive = std::move(receive), end = std::move(end)] {
         const auto stream = stub_.Subscribe(&context_, self_);
@@ -63,8 +63,8 @@ listing subscribe_call::confirm(milliseconds patience, const event* stop) {
   const auto deadline = steady_clock::now() + patience;
   listing found;
   for (milliseconds pause = kFirstPause;; pause *= kPauseGrowth) {
-    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-    if (wait_for(ended_, stop != nullptr ? *stop : ended_, std::min(pause, left))) return found;
+    const auto time = std::min<steady_clock::duration>(pause, deadline - steady_clock::now());
+    if (wait_for(ended_, stop != nullptr ? *stop : ended_, time)) return found;
     found = find_listed(stub_, self_.plugin_id(), timeout_);
     if (found.entry || steady_clock::now() >= deadline) return found;
   }

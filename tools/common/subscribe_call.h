@@ -33,7 +33,7 @@ class subscribe_call {
   // `stub` must live longer. `receive` gets the commands and `end` the status of the call, each on
   // the reading thread; they must neither block nor throw. UnSubscribe and PluginConnList get
   // `timeout` as deadline.
-  subscribe_call(service_stub& stub, const scsiplugin::PluginClient& self,
+  subscribe_call(service_stub& stub, scsiplugin::PluginClient self,
                  std::chrono::milliseconds timeout, on_command receive, on_end end = {});
   // Cancels the call if it has not ended. Without leave() before, the daemon keeps a subscriber
   // that has vanished, and its next broadcast never returns.

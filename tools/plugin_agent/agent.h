@@ -38,7 +38,7 @@ class agent {
   struct running {
     running(std::shared_ptr<appliance> appliance, std::shared_ptr<handshake> handshake)
         : where(std::move(appliance)), shake(std::move(handshake)) {}
-    // Blocks until the handshake, which is told to give up, is over.
+    // Tells the handshake to give up, and blocks until it is over.
     ~running();
     running(const running&) = delete;
     running& operator=(const running&) = delete;

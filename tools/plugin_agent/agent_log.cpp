@@ -18,7 +18,7 @@ constexpr char kRecordLogger[] = "record";
 void write_all(std::string_view text) {
   while (!text.empty()) {
     const ssize_t size = write(STDERR_FILENO, text.data(), text.size());
-    if (size < 0 && errno != EINTR) return;  // nobody left to tell
+    if (size < 0 && errno != EINTR) return;  // there is no other place to report it
     if (size > 0) text.remove_prefix(static_cast<std::size_t>(size));
   }
 }
@@ -76,7 +76,7 @@ struct loggers {
   }
 };
 
-// Never destroyed: gRPC's threads may log until the very end.
+// Never destroyed: gRPC's threads may log until the process ends.
 loggers& all() {
   static auto* const only = new loggers;
   return *only;

@@ -24,9 +24,9 @@ inline constexpr bool is_loggable = std::is_arithmetic_v<T> || std::is_same_v<T,
 template <std::size_t N>
 inline constexpr bool is_loggable<char[N]> = true;  // a literal
 
-// The agent's log: a line each on stderr, gRPC's own included. Any thread may log. Takes numbers,
-// literals and shown_text, since what appliances, hooks and file systems are called is theirs to
-// choose.
+// The agent's log: one line on stderr for each message, also for those of gRPC. Any thread may log.
+// Text that is not a literal has to be shown_text: the names of appliances, hooks and file systems
+// are chosen by others, and may contain anything.
 class line_log {
  public:
   explicit line_log(spdlog::logger& to) : to_(to) {}
@@ -68,8 +68,9 @@ line_log& agent_log();
 // A line that is one JSON object and nothing else, for programs that read the log.
 void log_record(const shown_text& json);
 
-// While one of these lives, what is logged stays in memory; then it is written. stderr may lead to
-// a file system that is frozen, be it through a pipe and another program's hands.
+// While an object of this class exists, log lines are kept in memory; the last one to be destroyed
+// writes them. stderr may lead to a file system that is frozen, directly or through a pipe to
+// another program, and whoever writes to that blocks.
 class log_hold {
  public:
   log_hold();

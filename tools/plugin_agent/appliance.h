@@ -28,8 +28,8 @@ class appliance {
   // As in "10.0.0.5:3265 (nas1)".
   std::string name() const;
 
-  // How often the connection has been lost so far, as the subscription has seen it: a daemon that
-  // answers after that may be another one, which knows of no handshake.
+  // How often the subscription has lost its connection so far. After a loss the daemon may be a new
+  // process, which knows of no handshake.
   unsigned losses() const { return losses_; }
   void count_loss() { ++losses_; }
 

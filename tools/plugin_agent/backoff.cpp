@@ -5,7 +5,7 @@
 namespace vexo::tools {
 
 namespace {
-// A wait is its base and up to half as much again.
+// A wait is the base and a random part of up to half the base.
 constexpr std::chrono::milliseconds kLargestBase = backoff::kLongest * 2 / 3;
 }  // namespace
 

@@ -6,13 +6,13 @@
 
 namespace vexo::tools {
 
-// How long to wait before trying again: from 1 s to 30 s, doubled with each failure, and never the
-// same for two hosts, so that they do not all come back in the same instant.
+// How long to wait before trying again: from 1 s to 30 s, doubled with each failure, and partly
+// random, so that many hosts do not come back at the same time.
 class backoff {
  public:
   static constexpr std::chrono::milliseconds kShortest = std::chrono::seconds(1);
   static constexpr std::chrono::milliseconds kLongest = std::chrono::seconds(30);
-  // What has held for this long was no failure, and the next wait is a short one again.
+  // An attempt that held for this long was a success: the next wait is short again.
   static constexpr std::chrono::milliseconds kHealthy = std::chrono::seconds(60);
 
   explicit backoff(unsigned seed = std::random_device()()) : random_(seed) {}

@@ -209,7 +209,7 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   } catch (const std::invalid_argument& error) {
     return complain(error, exit_code::usage);
   } catch (const std::exception& error) {
-    // A volume or a directory that is not there: it may be, the next time.
+    // A volume or a directory is not there; it may be there at the next start.
     return complain(error, exit_code::failed);
   }
 }

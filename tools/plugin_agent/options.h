@@ -34,9 +34,9 @@ struct agent_options {
   bool concerns(const scsiplugin::InitSnapshotReq& request) const;
 };
 
-// Reads the command line, and the file it names with --config. Empty when there is nothing to run:
-// then the answer to --help or --version, or what is wrong, has been printed, and `end` is the code
-// to end with.
+// Reads the command line, and the file it names with --config. Empty when the program has to end
+// with the code `end`: help or version has been printed, or on stderr what is wrong with the
+// options.
 std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_code& end);
 
 }  // namespace vexo::tools

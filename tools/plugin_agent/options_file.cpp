@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <exception>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -61,13 +62,11 @@ void options_file::read(const std::string& path, CLI::App& app) {
   try {
     table = toml::parse(contents(path), path);
   } catch (const toml::parse_error& error) {
-    throw std::invalid_argument(place(path, error.source().begin.line) +
-                                std::string(error.description()));
+    throw std::invalid_argument(place(path, error.source().begin.line) + error.what());
   }
   for (const auto& [toml_key, value] : table) {
     const std::string key(toml_key.str());
-    const std::uint32_t first_line = value.source().begin.line;
-    std::uint32_t line = first_line;
+    std::uint32_t line = value.source().begin.line;
     try {
       if (value.is_table()) {
         throw std::invalid_argument("\"" + key + "\" is a section; options stand outside sections");
@@ -88,10 +87,8 @@ void options_file::read(const std::string& path, CLI::App& app) {
       if (option->count() > 0 || words.empty()) continue;
       option->add_result(std::move(words));
       option->run_callback();
-      lines_["--" + key] = first_line;
-    } catch (const CLI::Error& error) {
-      throw std::invalid_argument(place(path, line) + error.what());
-    } catch (const std::invalid_argument& error) {
+      lines_["--" + key] = value.source().begin.line;
+    } catch (const std::exception& error) {
       throw std::invalid_argument(place(path, line) + error.what());
     }
   }

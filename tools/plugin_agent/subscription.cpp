@@ -16,8 +16,10 @@ using std::chrono::steady_clock;
 
 namespace {
 
-// For how long the list of a daemon that answers need not have a host that has just subscribed.
+// How long a daemon that answers may take to list a host that has just subscribed.
 constexpr milliseconds kListedWithin{2000};
+// How often to ask a daemon that does not answer. Each unanswered call occupies a thread of it.
+constexpr int kListTries = 4;
 
 }  // namespace
 
@@ -83,7 +85,11 @@ std::string subscription::subscribe_once() {
 }
 
 bool subscription::confirm(subscribe_call& call) {
-  const auto found = call.confirm(kListedWithin, &stop_);
+  listing found;
+  int tries = 0;
+  do {
+    found = call.confirm(kListedWithin, &stop_);
+  } while (!found.status.ok() && ++tries < kListTries && !stop_.raised() && !call.ended().raised());
   if (found.entry) {
     agent_log().info("subscribed to {} as \"{}\", seen there as {}", printable(appliance_->name()),
                      printable(self_.plugin_id()), printable(found.entry->ip()));

@@ -14,15 +14,15 @@
 
 namespace vexo::tools {
 
-// The agent's subscription at one appliance, from construction to destruction: however it ends, it
-// is renewed, for ever. Its state is said in the log.
+// The agent's subscription at one appliance, from construction to destruction: when the call ends,
+// for whatever reason, it is made again. The log says what happens.
 class subscription {
  public:
   // `receive` is called on another thread, one command at a time, and must not block.
   subscription(std::shared_ptr<appliance> where, scsiplugin::PluginClient self,
                subscribe_call::on_command receive);
-  // Unsubscribes. Blocks for some seconds when the appliance does not answer; begin_to_leave() has
-  // it done beforehand, for all appliances at once.
+  // Unsubscribes. Blocks for some seconds when the appliance does not answer. begin_to_leave()
+  // begins it without blocking, so that several subscriptions do it at the same time.
   ~subscription();
   void begin_to_leave() { stop_.raise(); }
   subscription(const subscription&) = delete;

@@ -25,7 +25,7 @@ struct publish_verb {
   std::string (*if_no)(const handshake& about, std::chrono::duration<double> took);
 };
 
-const publish_verb kVerbs[] = {
+const publish_verb kPublishVerbs[] = {
     {"init-snapshot",
      "Announces a snapshot to every host and waits up to 60 s for one to start the mirror",
      "init_snapshot_req",
@@ -97,7 +97,7 @@ void add_publish_verbs(CLI::App& app, session& with) {
       app.add_subcommand("publish", "The local caller's steps of a snapshot, one at a time");
   publish_app->require_subcommand(1);
   std::string examples = "Example, in this order (`plugin_ctl snapshot` does all of it):";
-  for (const publish_verb& row : kVerbs) {
+  for (const publish_verb& row : kPublishVerbs) {
     const auto about = std::make_shared<handshake>();
     CLI::App* const verb = add_verb(*publish_app, with, row.name, row.description, example(row),
                                     [&with, &row, about] { return publish(with, row, *about); });
