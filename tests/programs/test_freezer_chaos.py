@@ -25,16 +25,18 @@ def test_nothing_stays_frozen_whoever_is_killed(start_daemon, volume, hooks, sta
     daemon, chance = start_daemon(luns=LUNS), random.Random(victim)
 
     def start():
-        return start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", LIMIT, lun="any",
-                           serves=False)
+        return start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", LIMIT, "--max-mirror", 1,
+                           lun="any", serves=False)
 
     agent, longest, at_rest = start(), 0, 0
     for lun in LUNS:
-        wait_until(lambda: daemon.call.ids() == ["host"])
+        agent.wait_for_err("subscribed to ")
         (RUN / "pause").unlink(missing_ok=True)
-        moment = time.monotonic() + chance.uniform(0.05, 0.9)
-        volume.longest_stall()
         step, freezer = daemon.call.begin(init_snapshot(lun)), None
+        # The daemon would wait for ever for a host that vanishes before.
+        agent.wait_for_err(f"LUN {lun}: snapshot announced")
+        moment = time.monotonic() + chance.uniform(0, 0.9)
+        volume.longest_stall()
         to_come = [mirror_done, wait_for_depart] + chance.choice([[], [depart_done]])
         while time.monotonic() < moment:
             freezer = agent.find_freezer() or freezer

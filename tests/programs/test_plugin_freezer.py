@@ -1,10 +1,7 @@
 # What plugin_freezer promises: spoken to over its socket in the agent's place, or beside the agent.
 
-import itertools
-import json
 import os
 import pathlib
-import shutil
 import signal
 import socket
 import subprocess
@@ -14,8 +11,8 @@ import time
 import pytest
 
 from support.calls import LUN, depart_done, init_snapshot, mirror_done
-from support.program import BUILD, PLUGIN_AGENT, PLUGIN_FREEZER, SOURCE, Program, exists, run
-from support.waiting import PATIENCE, wait_until
+from support.program import PLUGIN_AGENT, PLUGIN_FREEZER, SOURCE, Program, exists, run
+from support.waiting import wait_until
 
 RECORD = pathlib.Path("/run/plugin_agent/frozen")
 
@@ -169,16 +166,15 @@ def test_the_emergency_thaws_at_once(daemon, volume, hooks, start_agent, how):
     daemon.call.go_to_split()
     volume.wait_until_frozen()
     daemon.stop()
-    volume.longest_stall()
+    begun = time.monotonic()
     if how == "--thaw-and-exit":
         run(PLUGIN_AGENT, "--thaw-and-exit")
     else:
         agent.signal(signal.SIGTERM)
         time.sleep(0.1)
         agent.signal(signal.SIGTERM)
-    begun = time.monotonic()
     volume.wait_until_thawed()
-    assert time.monotonic() - begun < 1
+    assert time.monotonic() - begun < 2
     hooks.wait_until_thawed("10-a")
     daemon.signal(signal.SIGCONT)
     assert agent.record()["verdict"] == "failed"

@@ -65,6 +65,7 @@ class rest {
 
   void thaw(bool asked);
   void run_commands();
+  void thaw_again();
   void start_thawing(volume& one);
   void settle(volume& one);
   // Runs `thaw` of these, which are in the order of freezing; returns those that have failed.

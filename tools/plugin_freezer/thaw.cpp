@@ -45,9 +45,11 @@ void rest::thaw(bool asked) {
 
   if (freezing_ != nullptr) world_.programs.kill(*freezing_);
   if (!asked) run_commands();
+  const bool was_dying = !world_.programs.lingering().empty();
   thaw_file_systems();
   await_lingering(clock::now() + kDyingTime);
   is_late_ = !world_.programs.lingering().empty();
+  if (was_dying && !is_late_) thaw_again();
 
   std::vector<int> started;
   for (int i = 0; i < record_.hooks_started(); ++i) started.push_back(i);
@@ -226,14 +228,19 @@ void rest::watch() {
     }
   }
   if (!is_late_) return;
-  for (auto& one : volumes_) {
-    one.may_be_frozen =
-        one.may_be_frozen || !is_ours_ || std::exchange(one.freezing, nullptr) != nullptr;
-  }
-  thaw_file_systems();
+  thaw_again();
   if (record_.hooks_started() > 0) thaw_hooks({record_.hooks_started() - 1});
   thawed_at_ = clock::now();
   world_.report.warn("what was waited for is gone; thawed again");
+}
+
+// A freeze that was under way at the first thaw may have completed after it.
+void rest::thaw_again() {
+  for (auto& one : volumes_) {
+    const bool was_freezing = std::exchange(one.freezing, nullptr) != nullptr;
+    one.may_be_frozen = one.may_be_frozen || was_freezing || !is_ours_;
+  }
+  thaw_file_systems();
 }
 
 void rest::tell_thawed() {
