@@ -23,7 +23,8 @@ STEPS = ["prepare", "mirror", "freeze", "depart", "hold", "thaw"]
 
 @pytest.fixture
 def start_freezer(daemon, volume, start_agent):
-    return lambda *options: start_agent("--fs", volume.path, "--max-freeze", LIMIT, *options)
+    return lambda *options: start_agent("--fs", volume.path, "--max-freeze", LIMIT, "--hold", 0.1,
+                                        *options)
 
 
 @pytest.fixture
