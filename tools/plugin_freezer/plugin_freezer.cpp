@@ -33,15 +33,16 @@ constexpr milliseconds kTurnLook{50};
 // a thaw that it was told to make.
 constexpr milliseconds kPatience{1000};
 
-void thaw_what_was_left(outside& world, turn& right, milliseconds hook_timeout) {
+// False when something may still be frozen.
+bool thaw_what_was_left(outside& world, turn& right, milliseconds hook_timeout) {
   bool damaged = false;
   auto record = right.record(&damaged);
-  if (!record) return;
+  if (!record) return true;
   if (damaged) {
     world.report.error("the record of an earlier rest in the run directory cannot be read in full");
   }
   if (hook_timeout.count() > 0) record->mutable_plan()->set_hook_timeout_ms(hook_timeout.count());
-  rest(world, right, std::move(*record)).recover();
+  return rest(world, right, std::move(*record)).recover() && !damaged;
 }
 
 // Another freezer, which has the turn.
@@ -136,8 +137,8 @@ void serve(outside& world) {
   if (request.has_begin()) rest(world, right, plan).run();
 }
 
-// Whatever another freezer is doing.
-void thaw_now(outside& world, const std::string& run_dir, milliseconds hook_timeout) {
+// Whatever another freezer is doing. False when something may still be frozen.
+bool thaw_now(outside& world, const std::string& run_dir, milliseconds hook_timeout) {
   turn right(run_dir);
   if (!right.try_take()) {
     if (const pid_t other = right.holder(); other > 1) {
@@ -149,11 +150,11 @@ void thaw_now(outside& world, const std::string& run_dir, milliseconds hook_time
     }
     other_freezer other(world, right, true);
     while (!right.try_take()) {
-      if (!other.is_worth_waiting()) return;
+      if (!other.is_worth_waiting()) return false;
       world.wait(steady_clock::now() + kTurnLook);
     }
   }
-  thaw_what_was_left(world, right, hook_timeout);
+  return thaw_what_was_left(world, right, hook_timeout);
 }
 
 exit_code run(int argc, char** argv) {
@@ -166,6 +167,10 @@ exit_code run(int argc, char** argv) {
   std::string run_dir = "/run/plugin_agent";
   double hook_timeout = 10;
   app.set_version_flag("--version", "plugin_freezer " VEXO_TOOLS_VERSION);
+  app.footer(
+      "Example:\n  plugin_freezer --thaw\n\nExit codes: 0 everything is thawed, or --help; 2 "
+      "usage; "
+      "4 failure on this host.");
   app.add_flag("--thaw", thaw, "Thaw now what any agent of this host has frozen, and end");
   app.add_option("--run-dir", run_dir, "Where the record of a rest is kept")
       ->type_name("DIR")
@@ -197,7 +202,8 @@ exit_code run(int argc, char** argv) {
   set_oom_score(kFreezerOomScore);
   if (thaw) {
     lock_memory();
-    thaw_now(world, run_dir, milliseconds(static_cast<std::int64_t>(hook_timeout * 1000)));
+    const milliseconds timeout(static_cast<std::int64_t>(hook_timeout * 1000));
+    return thaw_now(world, run_dir, timeout) ? exit_code::done : exit_code::failed;
   } else {
     try {
       serve(world);

@@ -15,9 +15,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// For the members' commands, before a thaw that nobody has asked for.
-constexpr milliseconds kCommandTime{1000};
-
 std::vector<std::string> environment_of(const FreezerPlan& plan) {
   return merged_environment({plan.environment().begin(), plan.environment().end()});
 }

@@ -28,8 +28,8 @@ class rest {
 
   // The whole of the first kind. Returns when everything is undone.
   void run();
-  // The whole of the second kind.
-  void recover();
+  // The whole of the second kind. False when something may still be frozen.
+  bool recover();
   // Of the second kind, whoever has the turn: only the file systems, and nothing is written down.
   void thaw_file_systems();
 
@@ -95,6 +95,9 @@ class rest {
   bool is_late_ = false;          // a killed step outlasts the thaw
   clock::time_point thawed_at_;
 };
+
+// For the members' commands, before a thaw that nobody has asked for.
+inline constexpr std::chrono::milliseconds kCommandTime{1000};
 
 // As in "1.5 s".
 std::string seconds_text(std::chrono::milliseconds time);

@@ -16,7 +16,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kCommandTime{1000};
 constexpr milliseconds kThawTime{1000};  // until the `thaw` hooks are run all the same
 constexpr milliseconds kDyingTime{400};  // until a killed step counts as one that outlasts the thaw
 constexpr milliseconds kHookTurn{1000};  // until the next `thaw` hook starts all the same
@@ -75,13 +74,14 @@ void rest::thaw(bool asked) {
   tell_thawed();
 }
 
-void rest::recover() {
+bool rest::recover() {
   std::vector<process> left;
   for (const auto& one : record_.processes()) {
     left.push_back({.pid = one.pid(), .start = one.start()});
   }
   world_.programs.watch(left);
   thaw(false);
+  return certain_;
 }
 
 void rest::run_commands() {
