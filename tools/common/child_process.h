@@ -9,7 +9,8 @@
 
 namespace vexo::tools {
 
-// This program's environment ("NAME=value") with `variables` in place of its own of the same names.
+// This program's environment ("NAME=value"), in which `variables` replace those of the same name
+// and are added otherwise.
 std::vector<std::string> merged_environment(std::vector<std::string> variables);
 
 struct child_options {
@@ -28,7 +29,8 @@ struct child_options {
 // may call. Throws std::system_error when the program cannot be executed.
 pid_t start_child(const child_options& options);
 
-// Readable when the process has ended, which need not be a child. Closed on exec. -1 with errno.
+// A descriptor that is readable when the process, child or not, has ended. Has FD_CLOEXEC. -1 with
+// errno set.
 int open_pidfd(pid_t pid);
 
 // Blocks until the child has ended or `deadline` has passed; true when it has ended. Does not reap
@@ -42,7 +44,7 @@ bool kill_child_group(pid_t pid);
 // Of a status that waitpid gave: the exit code, or 128 and the signal that ended it.
 int exit_code_of(int wait_status);
 
-// Reaps a child, waiting for its end: exit_code_of it.
+// Waits until the child has ended and reaps it. Its exit_code_of.
 int reap_child(pid_t pid);
 
 }  // namespace vexo::tools

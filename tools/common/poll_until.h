@@ -8,10 +8,9 @@
 
 namespace vexo::tools {
 
-// Blocks until one of `watched` has something to say, or until `deadline`, which may lie in the
-// past or be time_point::max(). How many have; their `revents` say what. Goes on after a signal and
-// when the kernel is short of memory; milliseconds are rounded up, so that no caller spins through
-// the last one.
+// poll(2) with a deadline, which may be in the past or time_point::max(). Returns the number of
+// descriptors with events, 0 at the deadline. Goes on after a signal and when the kernel is short
+// of memory; milliseconds are rounded up, so that no caller spins through the last one.
 int poll_until(std::span<pollfd> watched, std::chrono::steady_clock::time_point deadline);
 
 }  // namespace vexo::tools

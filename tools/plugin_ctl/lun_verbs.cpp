@@ -90,8 +90,8 @@ void add_lun_verb(CLI::App& lun, session& with, const lun_verb& row) {
   either->require_option(1);
 }
 
-// As the daemon makes it: the vendor's prefix, then the first 25 characters of the UUID with each
-// separator, which is no hex digit, replaced by one.
+// The NAA that the daemon derives from a UUID: the vendor's prefix, then the first 25 characters of
+// the UUID with each '-', which is no hex digit, replaced by 'd'.
 std::string naa_of(const std::string& uuid) {
   std::string naa = "6001405" + uuid.substr(0, 25);
   for (char& c : naa) {

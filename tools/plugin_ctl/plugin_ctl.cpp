@@ -79,7 +79,7 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
 
 int run(int argc, char** argv) {
   // A write to a closed pipe is an error of print() instead of the program's end: a verb may have
-  // to put things in order before it ends.
+  // to clean up before the program ends.
   std::signal(SIGPIPE, SIG_IGN);
   // Host names are looked up as every other program of the machine does it, and not by DNS alone.
   setenv("GRPC_DNS_RESOLVER", "native", 0);  // NOLINT(concurrency-mt-unsafe): no threads yet

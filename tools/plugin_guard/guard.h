@@ -40,8 +40,8 @@ class guard {
 
   observation look() const;
   void judge(std::vector<finding> found);
-  // A failure that will have lasted for fail_after at the end of one more look, with which the
-  // daemon is then to be ended. Empty when there is none.
+  // A failure that will have lasted for fail_after when the next look ends; the daemon is ended
+  // then. Empty when there is none.
   std::optional<finding> due(const std::vector<finding>& found) const;
   void restart_daemon(const finding& reason);
   // Repeats the look that found `reason` until it has failed for fail_after, and until the load has

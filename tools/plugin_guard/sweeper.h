@@ -34,7 +34,7 @@ class sweeper {
   struct view {
     pid_t process = 0;  // at the other end of the connection; 0 when it cannot be seen from here
     bool has_asked = false;  // a call has ended, with or without an answer
-    // When the first of the calls began that are not answered; empty when the last one was.
+    // Start of the first call since the last answer; empty when the last call was answered.
     std::optional<std::chrono::steady_clock::time_point> unanswered_since;
     // The error that the daemon answers with, and since when without a break; empty without one.
     std::string error;
