@@ -3,6 +3,7 @@
 
 usage: host_plugin.py PLUGIN_ID LUN [ADDRESS]    LUN is the page-80h identifier
 """
+import contextlib
 import signal
 import sys
 import time
@@ -38,12 +39,23 @@ def take_part():
     if not becomes(True, 3600, is_mirror_done_req=IsMirrorDoneReq(type=LUN_TYPE_80, src_lun_id=lun)):
         return print("the mirror takes too long")
     depart = DepartRelationReq(src_lun_id=lun)
+    over = False
     try:
         print("at rest")  # bring the applications to rest before this line
-        if says_yes(depart_relation_req=depart):
-            becomes(False, 30, depart_relation_req=depart)  # until the handshake is gone
+        # Until the handshake is gone: the split is over then.
+        over = not says_yes(depart_relation_req=depart) or becomes(False, 30, depart_relation_req=depart)
     finally:
+        if not over:
+            withdraw()
         print("at work")  # and let them go on here, whatever has happened
+
+
+def withdraw():
+    """Takes the departure back, so that the local caller learns that the copy is not good."""
+    for _ in range(2):  # a question that timed out may reach the daemon after the first
+        with contextlib.suppress(grpc.RpcError):
+            daemon.LunOp(LunCmd(start_mirror_req=StartMirrorReq(src_lun_id=lun)), timeout=0.4)
+        time.sleep(0.1)
 
 
 sys.stdout.reconfigure(line_buffering=True)

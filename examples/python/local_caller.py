@@ -15,11 +15,14 @@ lun, address = (sys.argv[1:] + ["unix:///tmp/iscsi/plugin_server.sock"])[:2]
 daemon = PluginServiceStub(grpc.insecure_channel(address))
 
 
-def publish(**command):
+def publish(seconds=65, **command):
     # Two of the steps wait up to 60 s for a host, so the deadline lies beyond that.
     (step,) = command
-    if not daemon.Publish(PluginCmd(task_id=lun, **command), timeout=65).success:
-        sys.exit(f"{step}: no")
+    try:
+        if not daemon.Publish(PluginCmd(task_id=lun, **command), timeout=seconds).success:
+            sys.exit(f"{step}: no")
+    except grpc.RpcError as error:
+        sys.exit(f"{step}: {error.details()}")
     print(f"{step}: yes")
 
 
@@ -30,6 +33,8 @@ try:
     publish(mirror_done_req=MirrorDoneReq())
     publish(wait_for_depart_req=WaitForDepartReq())
     # Split the mirror here: the host's applications are at rest.
+    # Then ask once more: a host that could not stay at rest has taken its departure back.
+    publish(2, wait_for_depart_req=WaitForDepartReq())
     result = 0
 finally:
     # Also when a step has failed: what is left open keeps the LUN from being announced for 300 s.

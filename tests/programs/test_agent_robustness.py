@@ -101,7 +101,8 @@ def test_goes_on_when_nobody_reads_its_log(daemon, hooks):
         assert agent.wait(PATIENCE) == 0
     assert not daemon.call.is_listed("host")
     with open("/tmp/ignored", encoding="ascii") as ignored:
-        assert int(ignored.read().split()[1], 16) == 0
+        # glibc leaves its own two, 32 and 33, ignored in what it spawns.
+        assert int(ignored.read().split()[1], 16) & ~(3 << 31) == 0
 
 
 @pytest.mark.parametrize("refusal", [None, ESCAPES], ids=["list", "status"])

@@ -5,9 +5,10 @@ import os
 import signal
 import sys
 
+import grpc
 import pytest
 
-from support.calls import LUN
+from support.calls import LUN, wait_for_depart
 from support.program import BUILD, SOURCE, Program, run
 
 EXAMPLES = SOURCE / "examples"
@@ -19,19 +20,37 @@ LANGUAGES = {  # language: host plugin, local caller
 GENERATED = {"PYTHONPATH": str(BUILD / "tests/python")}
 
 
+def start_plugin(log, daemon, *languages):
+    """The host plugin in the first of these languages, if all can be had."""
+    if "node" in languages and os.system(f"node {EXAMPLES}/node/service.js 2>/dev/null") != 0:
+        pytest.skip("no Node with gRPC: scripts/setup --interop installs it")
+    plugin = Program(*LANGUAGES[languages[0]][0], "example", LUN, environment=GENERATED)
+    log.wait_for("Connected: Plugin ID=example IP=127.0.0.1")
+    daemon.call.wait_until_listed("example")
+    return plugin
+
+
+@pytest.mark.parametrize("host", LANGUAGES)
+def test_a_host_that_leaves_takes_its_departure_back(log, daemon, host):
+    plugin = start_plugin(log, daemon, host)
+    daemon.call.go_to_split()
+    plugin.signal(signal.SIGTERM)
+    plugin.wait_for_out("at work")
+    with pytest.raises(grpc.RpcError):
+        daemon.call.ask(wait_for_depart(LUN), timeout=0.5)
+    plugin.wait()
+    log.wait_for("Disconnect: Plugin ID=example")
+
+
 @pytest.mark.parametrize("local", LANGUAGES)
 @pytest.mark.parametrize("host", LANGUAGES)
 def test_a_handshake_across_languages(log, daemon, host, local):
-    if "node" in (host, local) and os.system(f"node {EXAMPLES}/node/service.js 2>/dev/null") != 0:
-        pytest.skip("no Node with gRPC: scripts/setup --interop installs it")
-    plugin = Program(*LANGUAGES[host][0], "example", LUN, environment=GENERATED)
-    log.wait_for("Connected: Plugin ID=example IP=127.0.0.1")
-    daemon.call.wait_until_listed("example")
+    plugin = start_plugin(log, daemon, host, local)
 
     snapshot = run(*LANGUAGES[local][1], LUN, environment=GENERATED)
     assert snapshot.status == 0, snapshot.err
     assert snapshot.out == ("init_snapshot_req: yes\nmirror_done_req: yes\n"
-                            "wait_for_depart_req: yes\ndepart_done_req: yes\n")
+                            "wait_for_depart_req: yes\nwait_for_depart_req: yes\ndepart_done_req: yes\n")
     plugin.wait_for_out("at rest\nat work\n")
 
     plugin.signal(signal.SIGTERM)

@@ -153,19 +153,6 @@ def test_a_thaw_hook_that_fails_is_run_again(daemon, hooks, start_agent):
     assert hooks.take_runs().count("10-a thaw") == 2
 
 
-def test_freezes_one_lun_at_a_time(daemon, hooks, start_agent):
-    agent = start_agent("--hooks", hooks.path, lun="any")
-    for request in (init_snapshot, mirror_done):
-        assert daemon.call.ask(request(LUN)) and daemon.call.ask(request(OTHER_LUN))
-    waits = {lun: daemon.call.begin(wait_for_depart(lun)) for lun in (LUN, OTHER_LUN)}
-    wait_until(lambda: any(wait.done() for wait in waits.values()))
-    for lun in sorted(waits, key=lambda lun: not waits[lun].done()):
-        assert waits[lun].result().success
-        assert daemon.call.ask(depart_done(lun))
-    assert [agent.record(index)["verdict"] for index in (0, 1)] == 2 * ["application-consistent"]
-    assert hooks.take_runs() == 2 * ["10-a prepare"] + 2 * ["10-a freeze", "10-a thaw"]
-
-
 @pytest.mark.parametrize("result, verdict, reason", [
     (0, "crash-consistent", ""),
     (7, "failed", "the appliance reports result 7 of the split"),

@@ -23,7 +23,8 @@ STEPS = ["prepare", "mirror", "freeze", "depart", "hold", "thaw"]
 
 @pytest.fixture
 def start_freezer(daemon, volume, start_agent):
-    return lambda *options: start_agent("--fs", volume.path, "--max-freeze", LIMIT, *options)
+    return lambda *options: start_agent("--fs", volume.path, "--max-freeze", LIMIT, "--hold", 0.1,
+                                        *options)
 
 
 @pytest.fixture
@@ -64,7 +65,7 @@ def test_killed_at_any_step_the_host_is_thawed_at_once(daemon, volume, hooks, st
     volume.wait_until_thawed()
     assert volume.longest_stall() < 1
     if step == "thaw":
-        hooks.unblock()  # both the agent's and the guardian's
+        hooks.unblock()  # and the one that runs it again
     hooks.wait_until_thawed("10-a")
     hooks.unblock()
     daemon.signal(signal.SIGCONT)
@@ -99,30 +100,30 @@ def test_thaws_at_the_limit_when_the_split_takes_longer(daemon, volume, start_fr
     daemon.call.go_to_split()
     record = agent.record()
     assert (record["verdict"], record["reason"]) == ("failed", "the host was thawed at the limit of 1 s")
-    assert record["frozen_ms"] >= 1000 * LIMIT
+    assert record["frozen_ms"] >= 700 * LIMIT  # its last quarter is for taking the departure back
     assert volume.longest_stall() < LONGEST_STALL
 
 
-def test_thaws_when_its_guardian_is_killed(volume, start_freezer, go_to):
+def test_thaws_when_its_freezer_is_killed(volume, start_freezer, go_to):
     agent = start_freezer()
     go_to("hold")
-    guardian = agent.guardian()
-    locked_kib = int(re.search(r"VmLck:\s+(\d+) kB", pathlib.Path(f"/proc/{guardian}/status").read_text())[1])
-    os.kill(guardian, signal.SIGKILL)
-    assert agent.record()["reason"] == "the guardian has died"
+    freezer = agent.freezer()
+    locked_kib = int(re.search(r"VmLck:\s+(\d+) kB", pathlib.Path(f"/proc/{freezer}/status").read_text())[1])
+    os.kill(freezer, signal.SIGKILL)
+    assert agent.record()["reason"] == "the freezer has died"
     volume.wait_until_thawed()
     assert volume.longest_stall() < LIMIT
     assert locked_kib > 0 or SANITIZED  # which lock no memory
 
 
-def test_a_new_agent_thaws_what_agent_and_guardian_could_not(volume, hooks, start_freezer, go_to):
+def test_a_new_agent_thaws_what_agent_and_freezer_could_not(volume, hooks, start_freezer, go_to):
     agent = start_freezer("--hooks", hooks.path)
     go_to("hold")
-    guardian = agent.guardian()
-    os.kill(guardian, signal.SIGSTOP)
+    freezer = agent.freezer()
+    os.kill(freezer, signal.SIGSTOP)
     agent.kill()
-    os.kill(guardian, signal.SIGKILL)
-    wait_until(lambda: not exists(guardian))
+    os.kill(freezer, signal.SIGKILL)
+    wait_until(lambda: not exists(freezer))
     frozen = pathlib.Path("/run/plugin_agent/frozen")
     assert frozen.exists()
     volume.wait_until_frozen()

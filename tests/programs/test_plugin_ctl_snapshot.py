@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import signal
+import syslog
 import threading
 import time
 
@@ -13,31 +14,11 @@ import pytest
 
 from plugin_cmd_pb2 import PluginCmdResp
 from plugin_service_pb2_grpc import PluginServiceServicer
-from support.calls import (LUN, LUN_NAA, REPLICA_LUN, TCP, Caller, depart_relation, init_snapshot,
+from support.calls import (LUN, LUN_NAA, REPLICA_LUN, TCP, depart_relation, init_snapshot,
                            is_mirror_done, serve, start_mirror)
+from support.host_plugin import HostPlugin
 from support.program import PLUGIN_CTL, exists
 from support.waiting import PATIENCE, wait_until
-
-
-class HostPlugin:
-    """Does its part of one handshake, as far as it is asked to."""
-
-    def __init__(self, daemon, starts=True, departs=True):
-        self._stream = daemon.subscribe("")
-        self.announced = threading.Event()
-        threading.Thread(target=self._play, args=(starts, departs), daemon=True).start()
-
-    def told(self):
-        """The result of the split that it was told."""
-        return self._stream.next_cmd().depart_done_req.result
-
-    def _play(self, starts, departs):
-        call = Caller(TCP)
-        self._stream.next_cmd()
-        self.announced.set()
-        if starts and call.ask(start_mirror(LUN)) and departs:
-            wait_until(lambda: call.ask(is_mirror_done(LUN)))
-            call.ask(depart_relation(LUN))
 
 
 @pytest.fixture
@@ -48,7 +29,12 @@ def snapshot(start_plugin_ctl):
 
 
 def outcomes(tool):
-    return " ".join(json.loads(line)["outcome"] for line in tool.out.splitlines())
+    """Of the steps. The verdict comes after them."""
+    return " ".join(json.loads(line)["outcome"] for line in tool.out.splitlines()[:-1])
+
+
+def verdict(tool):
+    return json.loads(tool.out.splitlines()[-1])
 
 
 def task_is_there(daemon):
@@ -57,34 +43,39 @@ def task_is_there(daemon):
 
 NOBODY, STARTS, DEPARTS = {"starts": False}, {"departs": False}, {}
 HANG = '(trap "" TERM; exec sleep 1000) & echo "child $!."; wait'
+WITHDRAW = f"{PLUGIN_CTL} lun start-mirror {LUN} >/dev/null"
 
 
 @pytest.mark.parametrize("options, host, interrupted_in, all_outcomes, status, told, err", [
     pytest.param(*case[1:], id=case[0]) for case in (
         ("well", ["--mirror", "true", "--split", "true"], DEPARTS, None,
-         "DONE DONE DONE DONE DONE DONE", 0, 0, ""),
+         "DONE DONE DONE DONE DONE DONE DONE", 0, 0, ""),
         ("well, without commands", [], DEPARTS, None,
-         "DONE SKIPPED DONE DONE SKIPPED DONE", 0, 0, ""),
+         "DONE SKIPPED DONE DONE SKIPPED DONE DONE", 0, 0, ""),
         ("mirror fails", ["--mirror", "exit 7"], DEPARTS, None,
-         "DONE FAILED NOT_RUN NOT_RUN NOT_RUN DONE", 4, 7, "the command exited with 7"),
+         "DONE FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 4, 7, "the command exited with 7"),
         ("split fails", ["--split", "kill -KILL $$"], DEPARTS, None,
-         "DONE SKIPPED DONE DONE FAILED DONE", 4, 137, "ended by signal 9"),
+         "DONE SKIPPED DONE DONE FAILED NOT_RUN DONE", 4, 137, "ended by signal 9"),
+        ("split takes too long", ["--max-split", "0.3", "--split", HANG], DEPARTS, None,
+         "DONE SKIPPED DONE DONE FAILED NOT_RUN DONE", 4, 143, "--max-split"),
+        ("host takes its departure back", ["--split", WITHDRAW], DEPARTS, None,
+         "DONE SKIPPED DONE DONE DONE FAILED DONE", 1, 1, "the host did not stay at rest"),
         ("no mirror command", ["--mirror", "/no/such/program"], DEPARTS, None,
-         "DONE FAILED NOT_RUN NOT_RUN NOT_RUN DONE", 4, 127, "exited with 127"),
+         "DONE FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 4, 127, "exited with 127"),
         ("somebody else ends it", ["--mirror", f"{PLUGIN_CTL} publish depart-done {LUN}"], STARTS, None,
-         "DONE DONE SKIPPED FAILED NOT_RUN NOT_RUN", 1, 0, "somebody else ended this handshake"),
+         "DONE DONE SKIPPED FAILED NOT_RUN NOT_RUN NOT_RUN", 1, 0, "somebody else ended this handshake"),
         ("deadline before a host starts", ["--timeout", "1.2"], NOBODY, None,
-         "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 3, 1, "DEADLINE_EXCEEDED"),
+         "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 3, 1, "DEADLINE_EXCEEDED"),
         ("deadline before a host departs", ["--timeout", "2"], STARTS, None,
-         "DONE SKIPPED DONE FAILED NOT_RUN DONE", 3, 1, "DEADLINE_EXCEEDED"),
+         "DONE SKIPPED DONE FAILED NOT_RUN NOT_RUN DONE", 3, 1, "DEADLINE_EXCEEDED"),
         ("interrupted in init", [], NOBODY, "init",
-         "INTERRUPTED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 5, 1, "begin the next snapshot"),
+         "INTERRUPTED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 5, 1, "begin the next snapshot"),
         ("interrupted in mirror", ["--mirror", HANG], DEPARTS, "command",
-         "DONE INTERRUPTED NOT_RUN NOT_RUN NOT_RUN DONE", 5, 143, "the command was ended"),
+         "DONE INTERRUPTED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 5, 143, "the command was ended"),
         ("interrupted in wait", [], STARTS, "wait",
-         "DONE SKIPPED DONE INTERRUPTED NOT_RUN DONE", 5, 1, "a signal ended the wait"),
+         "DONE SKIPPED DONE INTERRUPTED NOT_RUN NOT_RUN DONE", 5, 1, "a signal ended the wait"),
         ("interrupted in split", ["--split", HANG], DEPARTS, "command",
-         "DONE SKIPPED DONE DONE INTERRUPTED DONE", 5, 143, "the command was ended"),
+         "DONE SKIPPED DONE DONE INTERRUPTED NOT_RUN DONE", 5, 143, "the command was ended"),
     )])
 def test_ends_what_it_began(log, daemon, snapshot, options, host, interrupted_in, all_outcomes, status,
                             told, err):
@@ -103,9 +94,51 @@ def test_ends_what_it_began(log, daemon, snapshot, options, host, interrupted_in
     assert tool.wait() == status
     assert outcomes(tool) == all_outcomes
     assert err in tool.err
-    assert plugin.told() == told
+    assert plugin.told(LUN) == told
     assert not task_is_there(daemon)
     assert not child or not exists(child), "the command's own child goes on"
+    told_at_last = verdict(tool)
+    assert told_at_last["verdict"] == ("consistent" if status == 0 else "failed")
+    assert (told_at_last["at_rest_seconds"] > 0) == (status == 0)
+    history = [line for line in log.lines() if line.tag == "scsi-plugin-snapshot"]
+    assert [(line.priority, json.loads(line.text)) for line in history] == [
+        (syslog.LOG_NOTICE if status == 0 else syslog.LOG_ERR, told_at_last)]
+
+
+def test_goes_on_without_a_host_when_it_is_told_to(daemon, snapshot):
+    refused = snapshot("--split", "touch /tmp/was_split")
+    assert refused.wait() == 1 and not os.path.exists("/tmp/was_split")
+    alone = snapshot("--split", "touch /tmp/was_split", "--no-host", "crash-consistent")
+    assert alone.wait() == 0
+    assert outcomes(alone) == "SKIPPED SKIPPED SKIPPED SKIPPED DONE SKIPPED NOT_RUN"
+    assert verdict(alone)["verdict"] == "crash-consistent" and os.path.exists("/tmp/was_split")
+    # Somebody else's handshake for the LUN is no missing host.
+    host = daemon.subscribe("esx")
+    somebody = daemon.call.begin(init_snapshot(LUN))
+    host.next_cmd()
+    busy = snapshot("--no-host", "crash-consistent")
+    assert busy.wait() == 1 and verdict(busy)["verdict"] == "failed"
+    assert task_is_there(daemon) and somebody.result().success
+
+
+@pytest.mark.parametrize("wanted, status, told", [([], 0, 0), (["--host", "esx"], 1, 1)])
+def test_names_hosts_that_were_lost_meanwhile(daemon, snapshot, wanted, status, told):
+    plugin, _ = HostPlugin(daemon), daemon.subscribe("esx")
+    leave = f"{PLUGIN_CTL} unsubscribe esx >/dev/null"
+    tool = snapshot("--split", leave, "--host", "", *wanted)
+    assert tool.wait() == status
+    assert plugin.told(LUN) == told
+    assert verdict(tool)["hosts"] == ["", "esx"] or verdict(tool)["hosts"] == ["esx", ""]
+    assert verdict(tool)["lost_hosts"] == ["esx"]
+    assert "the host esx" in tool.err
+
+
+def test_announces_nothing_without_the_hosts_that_it_needs(daemon, snapshot):
+    host = daemon.subscribe("esx")
+    tool = snapshot("--host", "esx", "--host", "other")
+    assert tool.wait() == 1
+    assert "the host other is not listed" in tool.err
+    assert host.waiting == 0
 
 
 def test_leaves_a_task_alone_that_is_not_its_own(daemon, snapshot):
@@ -114,7 +147,7 @@ def test_leaves_a_task_alone_that_is_not_its_own(daemon, snapshot):
     host.next_cmd()
     refused = snapshot()
     assert refused.wait() == 1
-    assert outcomes(refused) == "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN"
+    assert outcomes(refused) == "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN"
     assert "a handshake for this LUN is under way" in refused.err
     assert task_is_there(daemon)
     assert somebody.result().success
@@ -133,7 +166,7 @@ def test_goes_on_with_a_lun_that_needs_no_mirror(daemon, snapshot):
     assert daemon.call.ask(depart_relation(REPLICA_LUN))
     departed.touch()
     assert tool.wait() == 0, tool.err
-    assert outcomes(tool) == "DONE DONE SKIPPED DONE SKIPPED DONE"
+    assert outcomes(tool) == "DONE DONE SKIPPED DONE SKIPPED DONE DONE"
 
 
 class RefusingDaemon(PluginServiceServicer):
@@ -172,7 +205,7 @@ def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot):
     daemon.may_end = True
     ended = snapshot("--mirror", f"kill -KILL {daemon.pid}")
     assert ended.wait() == 3
-    assert outcomes(ended) == "DONE DONE FAILED NOT_RUN NOT_RUN FAILED"
+    assert outcomes(ended) == "DONE DONE FAILED NOT_RUN NOT_RUN NOT_RUN FAILED"
     assert "mirror_done, " in ended.err
     assert "`plugin_ctl publish depart-done" in ended.err
 
@@ -183,7 +216,7 @@ def test_ends_the_handshake_even_if_nobody_reads_the_report(daemon, snapshot):
     tool = snapshot("--mirror", "true", stdout=writer)
     os.close(reader)
     assert tool.wait() == 4
-    assert host.told() == 0
+    assert host.told(LUN) == 0
     assert not task_is_there(daemon)
 
 

@@ -3,9 +3,14 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
+#include <system_error>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "common/channel.h"
 #include "common/event.h"
@@ -31,6 +36,7 @@ struct outcome {
   grpc::Status status;
   Response response;
   bool interrupted = false;  // cancelled because of a signal
+  bool abandoned = false;    // cancelled because another one failed
   std::chrono::duration<double> took{};
 
   // The daemon has answered, even if a signal came as well.
@@ -38,34 +44,90 @@ struct outcome {
 };
 
 namespace detail {
-// Waits until `done` is raised, which the call's thread does at its end. Cancels the call when a
-// signal comes; true then.
-bool wait_for_call(grpc::ClientContext& context, const event& done, interrupt& stop,
-                   const call_options& options) noexcept;
+
+enum class progress { under_way, one_failed, all_ended };
+enum class cause { signal, failure };
+
+// Returns when `look`, which is asked again whenever `news` is raised, says that all calls have
+// ended. Calls `cut_short` once at most: when a signal has come or a call has failed.
+void wait_for_calls(event& news, interrupt& stop, const call_options& options,
+                    const std::function<progress()>& look,
+                    const std::function<void(cause)>& cut_short);
+
+template <class Response>
+struct call_under_way {
+  grpc::ClientContext context;
+  outcome<Response> result;
+  std::atomic<bool> ended = false;  // then the thread writes no more to `result`
+  std::jthread thread;
+};
+
 }  // namespace detail
 
-// One unary call: `method` is a member of service_stub. It has a thread of its own, while this one
-// watches for signals; returns when it has ended. Throws std::system_error, before the call, when
-// no thread can be started.
 template <class Request, class Response>
-outcome<Response> call(service_stub& stub,
-                       grpc::Status (service_stub::*method)(grpc::ClientContext*, const Request&,
-                                                            Response*),
-                       const Request& request, interrupt& stop, const call_options& options = {}) {
-  outcome<Response> result;
-  event done;
-  grpc::ClientContext context;
-  set_timeout(context, options.timeout);
-  context.set_wait_for_ready(options.wait_for_ready);
-  const auto start = std::chrono::steady_clock::now();
-  std::thread thread([&] {
-    result.status = (stub.*method)(&context, request, &result.response);
-    done.raise();
+using service_method = grpc::Status (service_stub::*)(grpc::ClientContext*, const Request&,
+                                                      Response*);
+
+// Unary calls side by side, one for each request: `method` is a member of service_stub. Each call
+// has a thread of its own, while this one watches for signals; returns when all have ended. A call
+// for which `is_failure` is true has the others cut short as a signal does. Throws
+// std::system_error when there is no thread to be had; no call is under way then.
+template <class Request, class Response>
+std::vector<outcome<Response>> call_all(
+    service_stub& stub, service_method<Request, Response> method,
+    const std::vector<Request>& requests, interrupt& stop, const call_options& options = {},
+    const std::function<bool(const outcome<Response>&)>& is_failure = {}) {
+  using std::chrono::steady_clock;
+  event news;
+  std::deque<detail::call_under_way<Response>> calls;
+  const auto start = steady_clock::now();
+  const auto run = [&](auto& call, const Request& request) {
+    call.result.status = (stub.*method)(&call.context, request, &call.result.response);
+    call.result.took = steady_clock::now() - start;
+    call.ended = true;
+    news.raise();
+  };
+  try {
+    for (const Request& request : requests) {
+      auto& call = calls.emplace_back();
+      set_timeout(call.context, options.timeout);
+      call.context.set_wait_for_ready(options.wait_for_ready);
+      call.thread = std::jthread([&run, &call, &request] { run(call, request); });
+    }
+  } catch (const std::system_error&) {
+    for (auto& call : calls) call.context.TryCancel();
+    throw;
+  }
+  const auto look = [&] {
+    bool all_ended = true;
+    bool one_failed = false;
+    for (const auto& call : calls) {
+      all_ended = all_ended && call.ended;
+      one_failed = one_failed || (call.ended && is_failure && is_failure(call.result));
+    }
+    if (all_ended) return detail::progress::all_ended;
+    return one_failed ? detail::progress::one_failed : detail::progress::under_way;
+  };
+  detail::wait_for_calls(news, stop, options, look, [&](detail::cause why) {
+    for (auto& call : calls) {
+      if (call.ended) continue;
+      (why == detail::cause::signal ? call.result.interrupted : call.result.abandoned) = true;
+      call.context.TryCancel();
+    }
   });
-  result.interrupted = detail::wait_for_call(context, done, stop, options);
-  thread.join();
-  result.took = std::chrono::steady_clock::now() - start;
-  return result;
+  std::vector<outcome<Response>> results;
+  for (auto& call : calls) {
+    call.thread.join();
+    results.push_back(std::move(call.result));
+  }
+  return results;
+}
+
+// One unary call.
+template <class Request, class Response>
+outcome<Response> call(service_stub& stub, service_method<Request, Response> method,
+                       const Request& request, interrupt& stop, const call_options& options = {}) {
+  return std::move(call_all<Request, Response>(stub, method, {request}, stop, options).front());
 }
 
 }  // namespace vexo::tools

@@ -27,7 +27,8 @@ struct problem {
 class tool_error : public std::runtime_error {
  public:
   explicit tool_error(const problem& what)
-      : std::runtime_error(what.text().str()), code(what.code), text(what.text()) {}
+      : std::runtime_error(what.text().str()), why(what), code(what.code), text(what.text()) {}
+  problem why;
   exit_code code;
   shown_text text;
 };

@@ -21,6 +21,8 @@ class interrupt {
   // How many signals have come so far. Signals of the same kind that come together count once.
   int count() noexcept;
   bool requested() noexcept { return count() > 0; }
+  // Readable while a signal has come that count() has not taken yet.
+  int fd() const noexcept { return fd_; }
 
   enum class wake { ready, interrupted, timeout };
   // Blocks until one of `fds` (at most kMostFds) is readable, until more than `seen` signals have

@@ -90,7 +90,7 @@ void agent::begin(const std::shared_ptr<appliance>& where, const PluginCmd& comm
   if (former) former->superseded();
   try {
     auto& next =
-        running_.emplace_back(where, std::make_shared<handshake>(options_, where, command));
+        running_.emplace_back(where, std::make_shared<handshake>(options_, rests_, where, command));
     next.thread = std::thread([this, shake = next.shake, former = std::move(former)] {
       if (former) former->wait_until_over();
       shake->run();

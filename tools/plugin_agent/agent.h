@@ -13,6 +13,7 @@
 #include "common/interrupt.h"
 #include "plugin_agent/appliance.h"
 #include "plugin_agent/handshake.h"
+#include "plugin_agent/host_rests.h"
 #include "plugin_agent/options.h"
 #include "plugin_agent/subscription.h"
 
@@ -54,6 +55,7 @@ class agent {
   bool all_ended();
 
   const agent_options& options_;
+  host_rests rests_;
   event changed_;  // raised when a handshake has ended
   std::mutex mutex_;
   std::list<running> running_;  // under mutex_; those of one LUN in the order in which they came

@@ -46,6 +46,11 @@ std::shared_ptr<scsiplugin::PluginService::Stub> appliance::stub() const {
   return stub_;
 }
 
+std::string appliance::address() const {
+  const std::lock_guard lock(mutex_);
+  return address_.empty() ? where_.text : address_;
+}
+
 std::string appliance::name() const {
   const std::lock_guard lock(mutex_);
   if (address_.empty() || address_ == where_.text) return where_.text;

@@ -25,6 +25,8 @@ class appliance {
   void connect();
 
   std::shared_ptr<scsiplugin::PluginService::Stub> stub() const;
+  // As in "10.0.0.5:3265", once connect() was called; before, as the user wrote it.
+  std::string address() const;
   // As in "10.0.0.5:3265 (nas1)".
   std::string name() const;
 

@@ -1,6 +1,5 @@
 #include "plugin_agent/handshake.h"
 
-#include <poll.h>
 #include <spdlog/fmt/chrono.h>
 
 #include <algorithm>
@@ -12,10 +11,12 @@
 #include "common/command_fields.h"
 #include "common/errors.h"
 #include "common/output.h"
+#include "common/poll_until.h"
 #include "common/text.h"
 #include "handshake_record.pb.h"
 #include "plugin_agent/agent_log.h"
-#include "plugin_agent/recovery.h"
+#include "plugin_agent/freezer_process.h"
+#include "plugin_agent/withdrawal.h"
 
 namespace vexo::tools {
 
@@ -24,8 +25,21 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// How often another freeze on this host is looked at.
-constexpr milliseconds kTurnLook{50};
+// The first pauses between two questions, about the mirror and about the split.
+constexpr milliseconds kFirstMirrorPoll{50};
+constexpr milliseconds kFirstDepartPoll{10};
+// How often those that gather, and a freezer that goes on alone, are looked at.
+constexpr milliseconds kGatherLook{5};
+constexpr milliseconds kFreezerLook{200};
+constexpr char kOf[] = " of ";  // in the name of a member of a rest: the LUN, then the appliance
+constexpr int kMostTries = 3;   // to come to rest, each with a freezer of its own
+
+// A tenth of the time so far, so that what is over is noticed after a tenth more.
+milliseconds growing_pause(std::chrono::steady_clock::duration so_far, milliseconds first,
+                           milliseconds most) {
+  return std::clamp(std::chrono::duration_cast<milliseconds>(so_far / 10), std::min(first, most),
+                    most);
+}
 
 // Ends the handshake; the reason of its verdict.
 class given_up : public std::runtime_error {
@@ -45,18 +59,18 @@ std::uint32_t count_of(milliseconds time) { return static_cast<std::uint32_t>(ti
 
 }  // namespace
 
-handshake::handshake(const agent_options& options, std::shared_ptr<const appliance> where,
-                     scsiplugin::PluginCmd command)
+handshake::handshake(const agent_options& options, host_rests& rests,
+                     std::shared_ptr<const appliance> where, scsiplugin::PluginCmd command)
     : options_(options),
+      rests_(rests),
       appliance_(std::move(where)),
-      command_(std::move(command)),
-      runner_(hook_environment(options, *appliance_, command_)) {}
+      command_(std::move(command)) {}
 
 void handshake::run() {
   try {
     agent_log().info("LUN {}: snapshot announced by {}", printable(lun()),
                      printable(appliance_->name()));
-    wait_or_give_up(milliseconds(0));
+    wait_or_give_up(clock::now());
     take_part();
   } catch (const std::exception& error) {
     verdict_ = "failed";
@@ -68,6 +82,7 @@ void handshake::run() {
     agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), printable(verdict_),
                       printable(error.what()));
   }
+  hear_the_freezer_out();
   over_ = true;
   over_.notify_all();
 }
@@ -77,40 +92,72 @@ void handshake::take_part() {
   for (const auto& [name, reason] : hooks_.refused) {
     agent_log().warn("hook {} is not run: {}", printable(name), printable(reason));
   }
-  plan_ = {options_.mount_points, hooks_.usable, options_.max_freeze, options_.hook_timeout};
+  plan_.set_run_dir(options_.run_dir);
+  *plan_.mutable_mount_points() = {options_.mount_points.begin(), options_.mount_points.end()};
+  for (const auto& [name, path] : hooks_.usable) {
+    auto& hook = *plan_.add_hooks();
+    hook.set_name(name);
+    hook.set_path(path);
+  }
+  for (auto& variable : hook_environment(options_, *appliance_, command_)) {
+    plan_.add_environment(std::move(variable));
+  }
+  plan_.set_max_freeze_ms(options_.max_freeze.count());
+  plan_.set_hook_timeout_ms(options_.hook_timeout.count());
+  auto& member = *plan_.mutable_member();
+  member.set_name(lun() + kOf + appliance_->name());
+  for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
+    member.add_command(word);
+  }
   prepare();
   start_mirror();
   wait_for_mirror();
 
-  quiesce rest(plan_, wait_for_turn(), runner_, runs_);
+  gather();
+  enter_rest();
+  const std::string& name = plan_.member().name();
+  const auto take_figures = [&] {
+    frozen_for_ = rest_->frozen_for();
+    for (auto& run : rest_->runs()) runs_.push_back(std::move(run));
+  };
   try {
-    rest.begin();
-    depart(rest);
-    hold(rest);
-    rest.end();
+    come_to_rest();
+    depart();
+    hold();
+    rest_->end(name);
+    take_figures();
     verdict_ = verdict();
   } catch (const std::runtime_error&) {
+    if (may_count_on_rest_) withdraw(*appliance_->stub(), lun(), options_.plugin_id);
     try {
-      rest.end();
+      rest_->end(name);
     } catch (const quiesce_error&) {
       // The first reason is the one to tell.
     }
-    frozen_for_ = rest.frozen_for();
+    take_figures();
     throw;
   }
-  frozen_for_ = rest.frozen_for();
 }
 
 void handshake::prepare() {
-  for (const auto& one : plan_.hooks) {
-    runs_.push_back(runner_.run(one, "prepare", options_.hook_timeout, nullptr));
-    if (runs_.back().timed_out) throw given_up("prepare hook " + one.name + " took too long");
-    if (!runs_.back().ok()) {
-      throw given_up("prepare hook " + one.name + " exited with " +
-                     std::to_string(runs_.back().exit_code));
+  if (hooks_.usable.empty()) return;
+  FreezerRequest request;
+  *request.mutable_prepare() = plan_;
+  const freezer_process freezer(request);
+  for (bool gone = false; !gone;) {
+    wait_or_give_up(clock::time_point::max(), freezer.fd());
+    while (const auto report = freezer.receive(gone)) {
+      if (!report->has_hook()) continue;
+      runs_.push_back(report->hook());
+      const auto& run = runs_.back();
+      if (run.timed_out()) throw given_up("prepare hook " + run.name() + " took too long");
+      if (run.exit_code() != 0) {
+        throw given_up("prepare hook " + run.name() + " exited with " +
+                       std::to_string(run.exit_code()));
+      }
     }
-    wait_or_give_up(milliseconds(0));
   }
+  if (runs_.size() != hooks_.usable.size()) throw given_up("the freezer has died");
 }
 
 void handshake::start_mirror() {
@@ -123,7 +170,7 @@ void handshake::start_mirror() {
     if (clock::now() >= deadline) {
       throw given_up("the mirror could not be started: " + status_text(answer.status));
     }
-    wait_or_give_up(options_.poll);
+    wait_or_give_up(clock::now() + options_.poll);
   }
 }
 
@@ -133,11 +180,12 @@ void handshake::wait_for_mirror() {
   body.set_task_id(command_.task_id());
   body.set_type(scsiplugin::LUN_TYPE_80);
   body.set_src_lun_id(lun());
-  const auto deadline = clock::now() + options_.max_mirror;
+  const auto start = clock::now();
+  const host_rests::mirror_wait waiting(rests_, news_event_);
+  // Not at once: the yes for a LUN that needs no mirror moves the task on, and must not do so
+  // before the local caller has seen that the mirror may start.
+  while (clock::now() < start + kFirstMirrorPoll) wait_or_give_up(start + kFirstMirrorPoll);
   for (;;) {
-    // Before the first time too: the yes for a LUN that needs no mirror moves the task on, and must
-    // not do so before the local caller has seen that the mirror may start.
-    wait_or_give_up(options_.poll);
     const auto answer = appliance_->lun_op(question, kCallTimeout);
     if (answer.yes) return;
     if (answer.status.ok() && connection_was_lost()) {
@@ -148,50 +196,90 @@ void handshake::wait_for_mirror() {
         throw given_up("the appliance has forgotten the handshake: its daemon was started anew");
       }
     }
-    if (clock::now() >= deadline) throw given_up("the mirror was not done in time (--max-mirror)");
-  }
-}
-
-std::optional<freeze_turn> handshake::wait_for_turn() {
-  if (plan_.empty()) return std::nullopt;
-  for (;;) {
-    if (auto turn = freeze_turn::try_take(options_.run_dir)) {
-      thaw_left_behind(options_.run_dir, options_.hook_timeout);
-      return turn;
+    const auto now = clock::now();
+    if (now >= start + options_.max_mirror) {
+      throw given_up("the mirror was not done in time (--max-mirror)");
     }
-    wait_or_give_up(kTurnLook);
+    wait_or_give_up(now + (rests_.is_gathering()
+                               ? host_rests::kGatherPoll
+                               : growing_pause(now - start, kFirstMirrorPoll, options_.poll)));
   }
 }
 
-void handshake::depart(quiesce& rest) {
+void handshake::gather() {
+  rests_.gather();
+  while (!rests_.has_gathered()) wait_or_give_up(clock::now() + kGatherLook);
+}
+
+void handshake::enter_rest() {
+  auto rest = rests_.enter(plan_, news_event_, options_.hold);
+  const std::lock_guard lock(mutex_);
+  rest_ = std::move(rest);
+}
+
+bool handshake::is_at_rest() { return rest_->at_rest(plan_.member().name()); }
+
+void handshake::come_to_rest() {
+  for (int tries = 1;; ++tries) {
+    try {
+      while (!is_at_rest()) wait_or_give_up(rest_->deadline());
+      return;
+    } catch (const rest_missed&) {
+      if (tries == kMostTries) throw;
+      rest_->end(plan_.member().name());
+      enter_rest();
+    }
+  }
+}
+
+void handshake::depart() {
   connection_was_lost();  // what was before does not matter any more
   for (;;) {
-    const auto news = wait(clock::now(), rest.fd());
+    const auto news = wait(clock::now());
     if (news.stop) throw given_up("the agent was told to stop");
     if (news.superseded || news.departed) throw given_up("the appliance has given up");
-    rest.check();
-    const auto answer = ask_depart(rest);
+    is_at_rest();
+    const auto left = std::chrono::duration<double>(rest_->deadline() - clock::now());
+    const auto hold = std::chrono::duration<double>(options_.hold);
+    if (left < hold) {
+      throw given_up(
+          fmt::format("the freeze took so long that {:.1f} s of --max-freeze were left, less than "
+                      "--hold {:g} s; "
+                      "make the freeze shorter, --max-freeze longer or --hold shorter",
+                      left.count(), hold.count()));
+    }
+    may_count_on_rest_ = true;
+    const auto answer = ask_depart();
     if (answer.yes) return;
-    if (answer.status.ok()) throw given_up("the appliance no longer waits for the frozen host");
-    wait(std::min(clock::now() + options_.poll, rest.deadline()), rest.fd());
+    if (answer.status.ok()) {
+      may_count_on_rest_ = false;
+      throw given_up("the appliance no longer waits for the frozen host");
+    }
+    wait(std::min(clock::now() + options_.poll, rest_->deadline()));
   }
 }
 
-void handshake::hold(quiesce& rest) {
+// The pauses cost the appliance fewer than 80 of these questions in 30 s, with a line of its log
+// each.
+void handshake::hold() {
   for (;;) {
-    const auto news = wait(std::min(clock::now() + options_.poll, rest.deadline()), rest.fd());
-    rest.check();
+    const auto now = clock::now();
+    const auto pause = growing_pause(now - rest_->since(), kFirstDepartPoll, options_.poll);
+    const auto news = wait(std::min(now + pause, rest_->deadline()));
+    is_at_rest();
     if (news.departed) {
+      may_count_on_rest_ = false;
       if (*news.departed == 0) break;
       throw given_up("the appliance reports result " + std::to_string(*news.departed) +
                      " of the split");
     }
     if (news.superseded) break;
     if (news.stop_now) throw given_up("the agent was told to stop before the split was over");
-    const auto answer = ask_depart(rest);
+    const auto answer = ask_depart();
     if (answer.status.ok() && !answer.yes) break;
   }
-  rest.check();
+  may_count_on_rest_ = false;
+  is_at_rest();
   if (connection_was_lost()) {
     throw given_up(
         "the connection to the appliance was lost while the host was frozen, so it is "
@@ -201,16 +289,16 @@ void handshake::hold(quiesce& rest) {
 
 std::string handshake::verdict() const {
   const bool hooks_ran = std::any_of(runs_.begin(), runs_.end(),
-                                     [](const auto& run) { return run.phase == "freeze"; });
+                                     [](const auto& run) { return run.phase() == "freeze"; });
   if (hooks_ran) return "application-consistent";
-  return plan_.mount_points.empty() ? "crash-consistent" : "filesystem-consistent";
+  return plan_.mount_points().empty() ? "crash-consistent" : "filesystem-consistent";
 }
 
 void handshake::write_record() {
   for (const auto& run : runs_) {
-    if (!run.output.empty()) {
-      agent_log().info("hook {} {}: {}", printable(run.name), printable(run.phase),
-                       printable(run.output));
+    if (!run.output().empty()) {
+      agent_log().info("hook {} {}: {}", printable(run.name()), printable(run.phase()),
+                       printable(run.output()));
     }
   }
   HandshakeRecord record;
@@ -224,15 +312,21 @@ void handshake::write_record() {
   record.set_reason(printable(reason_));
   record.set_frozen_ms(count_of(frozen_for_));
   record.set_total_ms(count_of(std::chrono::duration_cast<milliseconds>(clock::now() - start_)));
-  for (const auto& mount_point : plan_.mount_points)
+  for (const auto& mount_point : options_.mount_points) {
     record.add_file_systems(printable(mount_point));
+  }
   for (const auto& run : runs_) {
     auto& hook = *record.add_hooks();
-    hook.set_name(printable(run.name));
-    hook.set_phase(run.phase);
-    hook.set_exit_code(run.exit_code);
-    hook.set_timed_out(run.timed_out);
-    hook.set_ms(count_of(run.took));
+    hook.set_name(printable(run.name()));
+    hook.set_phase(run.phase());
+    hook.set_exit_code(run.exit_code());
+    hook.set_timed_out(run.timed_out());
+    hook.set_ms(static_cast<std::uint32_t>(run.ms()));
+  }
+  if (rest_) {
+    for (const auto& other : rest_->others(plan_.member().name())) {
+      record.add_shared_with(other.substr(0, other.find(kOf)));
+    }
   }
   for (const auto& refusal : hooks_.refused) record.add_refused_hooks(printable(refusal.name));
   log_record(to_json(record));
@@ -253,14 +347,14 @@ appliance::answer handshake::ask_start_mirror() {
   return appliance_->lun_op(question, kCallTimeout);
 }
 
-appliance::answer handshake::ask_depart(const quiesce& rest) {
+appliance::answer handshake::ask_depart() {
   LunCmd question = lun_command();
   auto& body = *question.mutable_depart_relation_req();
   body.set_task_id(command_.task_id());
   body.set_type(scsiplugin::LUN_TYPE_80);
   body.set_src_lun_id(lun());
   // Never later than the thaw: an agent that was stopped in between must not promise a quiet host.
-  const auto left = std::chrono::ceil<milliseconds>(rest.deadline() - clock::now());
+  const auto left = std::chrono::ceil<milliseconds>(rest_->deadline() - clock::now());
   return appliance_->lun_op(question, std::min(kCallTimeout, left));
 }
 
@@ -281,6 +375,13 @@ void handshake::stop() {
 
 void handshake::stop_now() {
   tell([](news_flags& news) { news.stop = news.stop_now = true; });
+  // This handshake may be waiting for an answer of the appliance.
+  std::shared_ptr<quiesce> rest;
+  {
+    const std::lock_guard lock(mutex_);
+    rest = rest_;
+  }
+  if (rest) rest->thaw_now();
 }
 
 void handshake::superseded() {
@@ -295,22 +396,25 @@ void handshake::departed(int result) {
 
 handshake::news_flags handshake::wait(clock::time_point until, int fd) {
   pollfd watched[] = {{news_event_.fd(), POLLIN, 0}, {fd, POLLIN, 0}};
-  for (;;) {
-    const auto left = std::chrono::ceil<milliseconds>(until - clock::now());
-    const int ready =
-        poll(watched, 2, static_cast<int>(std::max<milliseconds::rep>(left.count(), 0)));
-    if (ready < 0 && left.count() > 0) continue;
-    news_event_.take();
-    const std::lock_guard lock(mutex_);
-    return news_;
-  }
+  poll_until(watched, until);
+  news_event_.take();
+  const std::lock_guard lock(mutex_);
+  return news_;
 }
 
-void handshake::wait_or_give_up(milliseconds time) {
-  const auto news = wait(clock::now() + time);
+void handshake::wait_or_give_up(clock::time_point until, int fd) {
+  const auto news = wait(until, fd);
   if (news.stop) throw given_up("the agent was told to stop");
   if (news.superseded) throw given_up("the appliance announced another snapshot of the LUN");
   if (news.departed) throw given_up("the appliance has given up");
+}
+
+void handshake::hear_the_freezer_out() {
+  if (!rest_) return;
+  while (!rest_->over()) {
+    const auto news = wait(clock::now() + kFreezerLook);
+    if (news.stop || news.superseded) break;
+  }
 }
 
 }  // namespace vexo::tools

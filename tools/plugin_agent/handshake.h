@@ -12,8 +12,8 @@
 #include "common/event.h"
 #include "lun_cmd.pb.h"
 #include "plugin_agent/appliance.h"
-#include "plugin_agent/freeze_turn.h"
 #include "plugin_agent/hooks.h"
+#include "plugin_agent/host_rests.h"
 #include "plugin_agent/options.h"
 #include "plugin_agent/quiesce.h"
 #include "plugin_cmd.pb.h"
@@ -21,10 +21,11 @@
 namespace vexo::tools {
 
 // The host's side of one snapshot of one LUN, from the announcement to the verdict in the log.
-// Several run at once, on a thread each; what they freeze they freeze in turns.
+// Several run at once, on a thread each. Those that are ready at the same time share one rest of
+// the host; the others take turns.
 class handshake {
  public:
-  handshake(const agent_options& options, std::shared_ptr<const appliance> where,
+  handshake(const agent_options& options, host_rests& rests, std::shared_ptr<const appliance> where,
             scsiplugin::PluginCmd command);
 
   // All of it. Blocks for as long as the mirror takes.
@@ -60,34 +61,42 @@ class handshake {
   void prepare();
   void start_mirror();
   void wait_for_mirror();
-  std::optional<freeze_turn> wait_for_turn();
-  void hold(quiesce& rest);
-  void depart(quiesce& rest);
+  void gather();
+  void enter_rest();
+  bool is_at_rest();
+  void come_to_rest();
+  void depart();
+  void hold();
   std::string verdict() const;
   void write_record();
 
   scsiplugin::LunCmd lun_command() const;
   appliance::answer ask_start_mirror();
-  appliance::answer ask_depart(const quiesce& rest);
+  appliance::answer ask_depart();
 
   // Whether the connection was lost since the last time this was asked.
   bool connection_was_lost();
+
+  // The freezer goes on alone for as long as something may freeze yet; what it says is for the log.
+  void hear_the_freezer_out();
 
   void tell(void (*change)(news_flags&));
   // Blocks until there is news, `fd` is readable, or `until`; then the news.
   news_flags wait(clock::time_point until, int fd = -1);
   // The same, for the time in which giving up costs nothing: throws when it is asked for.
-  void wait_or_give_up(std::chrono::milliseconds time);
+  void wait_or_give_up(clock::time_point until, int fd = -1);
 
   const agent_options& options_;
+  host_rests& rests_;
   const std::shared_ptr<const appliance> appliance_;
   const scsiplugin::PluginCmd command_;
   const clock::time_point start_ = clock::now();
-  hook_runner runner_;
   hook_listing hooks_;
-  quiesce_plan plan_;
+  FreezerPlan plan_;
   std::vector<hook_run> runs_;
   std::chrono::milliseconds frozen_for_{};
+  // The appliance may count on the host being at rest, until it says that the split is over.
+  bool may_count_on_rest_ = false;
   unsigned losses_seen_ = appliance_->losses();
   std::string verdict_;
   std::string reason_;
@@ -95,7 +104,9 @@ class handshake {
 
   event news_event_;
   std::mutex mutex_;
-  news_flags news_;  // under mutex_
+  // Both under mutex_.
+  news_flags news_;
+  std::shared_ptr<quiesce> rest_;  // written by this handshake's thread, for stop_now()
 };
 
 }  // namespace vexo::tools

@@ -12,10 +12,10 @@
 #include "common/number_option.h"
 #include "common/plugin_type.h"
 #include "common/text.h"
-#include "plugin_agent/file_system.h"
-#include "plugin_agent/freeze_turn.h"
 #include "plugin_agent/hooks.h"
 #include "plugin_agent/options_file.h"
+#include "plugin_freezer/file_system.h"
+#include "plugin_freezer/run_directory.h"
 
 namespace vexo::tools {
 
@@ -50,6 +50,7 @@ struct words {
   std::optional<std::string> config;
   std::vector<std::string> appliances;
   std::optional<std::string> hooks_dir;
+  std::optional<double> hold;
 };
 
 void add_seconds(CLI::App& app, const std::string& name, milliseconds& time, double least,
@@ -82,8 +83,14 @@ void declare(CLI::App& app, agent_options& options, words& given) {
       ->type_name("DIR");
   add_seconds(app, "--max-freeze", options.max_freeze, 0.1, kLongestFreeze,
               "Seconds after which the host is thawed whatever the appliance does");
+  app.add_option("--hold", given.hold,
+                 "Seconds of --max-freeze that must be left when the host is reported to be at "
+                 "rest: longer than the appliance's split may take (its --max-split) and 3 s")
+      ->check(number_between(0.05, kLongestFreeze))
+      ->type_name(kSeconds)
+      ->default_str("20, or two thirds of --max-freeze");
   add_seconds(app, "--poll", options.poll, 0.05, 60,
-              "Seconds between two questions to the appliance");
+              "The longest pause between two questions to the appliance, in seconds");
   add_seconds(app, "--hook-timeout", options.hook_timeout, 0.1, 600,
               "Seconds that one hook may take");
   add_seconds(app, "--max-mirror", options.max_mirror, 1, 86400 * 30,
@@ -94,6 +101,10 @@ void declare(CLI::App& app, agent_options& options, words& given) {
   app.add_flag("--verbose", options.verbose, "Say more in the log");
   app.add_flag("--thaw-and-exit", options.thaw_and_exit,
                "Only thaw what an earlier agent left frozen");
+  app.add_option("--withdraw", options.withdraw,
+                 "Only tell the appliance that this host is no longer at rest for this LUN "
+                 "(plugin_freezer does, before a thaw that nobody has asked for)")
+      ->type_name("LUN");
 }
 
 endpoint parse_appliance(const std::string& text) {
@@ -111,19 +122,19 @@ void check_mount_point(const std::string& path, const agent_options& options) {
     throw std::invalid_argument("--fs " + path + " has control characters");
   }
   if (!path.starts_with('/')) throw std::invalid_argument("--fs " + path + " is no absolute path");
-  dev_t device = 0;
+  mount_entry mount;
   try {
-    device = open_file_systems({path}).front().device;
+    mount = open_file_systems({path}).front().mount;
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("--fs " + std::string(error.what()) +
                              "; mount it first, or name a mount point as findmnt shows it");
   }
-  if (device == device_of(options.run_dir)) {
+  if (mount.device == superblock_of(options.run_dir)) {
     throw std::invalid_argument("--run-dir " + options.run_dir + " lies on " + path +
                                 ", which is to be frozen; name a directory on a tmpfs");
   }
-  if (const auto type = type_that_cannot_be_frozen(path); !type.empty()) {
-    throw std::invalid_argument("--fs " + path + ": a file system of type " + type +
+  if (cannot_be_frozen(mount.type)) {
+    throw std::invalid_argument("--fs " + path + ": a file system of type " + mount.type +
                                 " cannot be frozen; leave it out, and bring what is on it to rest "
                                 "with a hook");
   }
@@ -152,6 +163,12 @@ void convert(agent_options& options, const words& given) {
 
   if (given.appliances.empty()) throw std::invalid_argument("--appliance is required");
   for (const auto& text : given.appliances) options.appliances.push_back(parse_appliance(text));
+  if (!options.withdraw.empty()) return;
+  options.hold = given.hold ? milliseconds(std::llround(*given.hold * 1000))
+                            : std::min(options.hold, options.max_freeze * 2 / 3);
+  if (options.hold >= options.max_freeze) {
+    throw std::invalid_argument("--hold must be less than --max-freeze");
+  }
   const auto any = std::remove(options.luns.begin(), options.luns.end(), kAnyLun);
   options.any_lun = any != options.luns.end();
   options.luns.erase(any, options.luns.end());

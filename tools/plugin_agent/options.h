@@ -22,12 +22,15 @@ struct agent_options {
   std::string hooks_dir;                  // empty for none
   std::vector<std::string> mount_points;  // to be frozen by the agent itself
   std::chrono::milliseconds max_freeze = std::chrono::seconds(30);
+  // Of max_freeze, how much must be left when the host departs.
+  std::chrono::milliseconds hold = std::chrono::seconds(20);
   std::chrono::milliseconds poll = std::chrono::seconds(1);
   std::chrono::milliseconds hook_timeout = std::chrono::seconds(10);
   std::chrono::milliseconds max_mirror = std::chrono::hours(1);
   std::string run_dir = "/run/plugin_agent";
   bool verbose = false;
   bool thaw_and_exit = false;
+  std::string withdraw;  // the LUN whose departure is only to be taken back; empty for none
 
   bool freezes() const { return !mount_points.empty() || !hooks_dir.empty(); }
   // Whether the command is about a LUN of this host, by any of its identifiers.

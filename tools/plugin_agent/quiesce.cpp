@@ -1,9 +1,10 @@
 #include "plugin_agent/quiesce.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <system_error>
+#include <spdlog/fmt/fmt.h>
+
 #include <utility>
+
+#include "common/poll_until.h"
 
 namespace vexo::tools {
 
@@ -11,169 +12,209 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// The guardian's deadline lies behind the agent's own, which is to come first in all good order.
-constexpr milliseconds kGuardianGrace{300};
+// How long after its time a freezer that says nothing counts as one that hangs.
+constexpr milliseconds kGrace{400};
 
-std::string errno_text(int error) { return std::generic_category().message(error); }
-
-std::string seconds_text(milliseconds time) {
-  return fmt::format("{:g} s", std::chrono::duration<double>(time).count());
+std::chrono::steady_clock::time_point from_ms(std::int64_t time) {
+  return std::chrono::steady_clock::time_point(milliseconds(time));
 }
 
 }  // namespace
 
-quiesce::quiesce(const quiesce_plan& plan, std::optional<freeze_turn> turn, hook_runner& runner,
-                 std::vector<hook_run>& runs)
-    : plan_(plan),
-      turn_(std::move(turn)),
-      runner_(runner),
-      runs_(runs),
-      start_(clock::now()),
-      deadline_(start_ + plan.max_freeze) {}
+quiesce::quiesce(const FreezerPlan& plan, event& news) : plan_(plan) {
+  members_[plan.member().name()] = {&news, true};
+  if (plan.mount_points().empty() && plan.hooks().empty()) {
+    frozen_ = true;
+    frozen_at_ = clock::now();
+    deadline_ = frozen_at_ + milliseconds(plan.max_freeze_ms());
+    return;
+  }
+  FreezerRequest request;
+  *request.mutable_begin() = plan;
+  freezer_.emplace(request);
+  thread_ = std::thread(&quiesce::listen, this);
+}
 
 quiesce::~quiesce() {
-  try {
-    end();
-  } catch (const quiesce_error&) {
-    // Whoever is interested has called end().
-  }
+  left_.raise();
+  if (thread_.joinable()) thread_.join();
 }
 
-void quiesce::begin() {
-  if (plan_.empty()) return;
-  try {
-    file_systems_ = open_file_systems(plan_.mount_points);
-    freeze_record record;
-    for (const auto& one : file_systems_) {
-      record.file_systems.push_back({one.mount_point, one.device});
-      guardian_plan_.file_systems.push_back(one.root.get());
-    }
-    for (const auto& one : plan_.hooks) {
-      record.hooks.push_back(one.path);
-      guardian_plan_.thaw_hooks.emplace_back(std::vector<std::string>{one.path, "thaw"},
-                                             runner_.environment());
-    }
-    hold_.emplace();
-    turn_->write(record);
-    start_ = clock::now();
-    deadline_ = start_ + plan_.max_freeze;
-    guardian_plan_.hook_timeout = plan_.hook_timeout;
-    guardian_plan_.deadline = deadline_ + kGuardianGrace;
-    guardian_plan_.turn_fd = turn_->fd();
-    watcher_.emplace(guardian_plan_);
-    no_core_dump_.emplace();
-  } catch (const std::runtime_error& error) {
-    throw quiesce_error(error.what());
-  }
-  if (!watcher_->memory_locked()) {
-    agent_log().warn(
-        "the guardian's memory could not be locked (needs CAP_IPC_LOCK or a higher "
-        "LimitMEMLOCK); going on");
-  }
-  freeze_hooks();
-  freeze_file_systems();
-  check();
+bool quiesce::join(const RestMember& who, event& news, milliseconds hold) {
+  const std::lock_guard lock(mutex_);
+  const bool is_over = !freezer_ || thawing_ || gone_;
+  // The time that is left is known once the freezer has begun.
+  if (is_over || (begun_ && deadline_ - clock::now() < hold)) return false;
+  FreezerRequest request;
+  *request.mutable_join() = who;
+  if (members_.contains(who.name()) || !freezer_->send(request)) return false;
+  members_[who.name()] = {&news, false};
+  return true;
 }
 
-void quiesce::freeze_hooks() {
-  for (std::size_t i = 0; i < plan_.hooks.size(); ++i) {
-    check();
-    if (!watcher_->will_run_freeze_hook(i)) check();
-    hooks_started_ = i + 1;
-    const auto left = std::chrono::ceil<milliseconds>(deadline_ - clock::now());
-    const auto timeout = std::min(plan_.hook_timeout, left);
-    runs_.push_back(runner_.run(plan_.hooks[i], "freeze", timeout, &*watcher_));
-    const hook_run& run = runs_.back();
-    if (run.timed_out) {
-      throw quiesce_error("freeze hook " + run.name + " took longer than " + seconds_text(timeout));
-    }
-    if (!run.ok()) {
-      throw quiesce_error("freeze hook " + run.name + " exited with " +
-                          std::to_string(run.exit_code));
-    }
-  }
-}
-
-void quiesce::freeze_file_systems() {
-  for (std::size_t i = 0; i < file_systems_.size(); ++i) {
-    check();
-    if (!watcher_->will_freeze_file_system(i)) check();
-    const file_system& one = file_systems_[i];
-    if (const int error = freeze_file_system(one.root.get()); error != 0) {
-      watcher_->file_system_is_not_ours(i);
-      throw quiesce_error(one.mount_point + " cannot be frozen: " +
-                          (error == EBUSY
-                               ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
-                               : errno_text(error)) +
-                          (error == EPERM ? " (the agent needs CAP_SYS_ADMIN)" : ""));
-    }
-    frozen_.push_back(&one);
-  }
-}
-
-void quiesce::check() {
-  if (watcher_ && !watcher_->watching()) {
-    throw quiesce_error(watcher_->has_thawed() ? "the guardian has thawed the host"
-                                               : "the guardian has died");
-  }
+void quiesce::check(const member& one) const {
+  if ((thawing_ || gone_) && (!one.joined || (reason_.empty() && !begun_))) throw rest_missed();
+  if (thawing_ || gone_) throw quiesce_error(reason_);
   if (clock::now() >= deadline_) {
-    throw quiesce_error("the host was thawed at the limit of " + seconds_text(plan_.max_freeze));
+    throw quiesce_error(fmt::format("the host was thawed at the limit of {:g} s",
+                                    static_cast<double>(plan_.max_freeze_ms()) / 1000));
   }
 }
 
-void quiesce::end() {
-  if (std::exchange(ended_, true) || !watcher_) return;
-  const thaw_outcome outcome = thaw_file_systems();
-  const bool hooks_thawed = thaw_hooks();
-  // What is left of a killed freeze hook may freeze something yet: the guardian waits for its end.
-  const bool hook_killed = std::any_of(runs_.begin(), runs_.end(), [](const auto& run) {
-    return run.phase == "freeze" && run.timed_out;
-  });
-  const bool sure = outcome.sure && hooks_thawed && !hook_killed;
-  const bool guardian_thawed = !watcher_->watching() && watcher_->has_thawed();
-  watcher_->dismiss(sure);
-  frozen_for_ = std::chrono::ceil<milliseconds>(clock::now() - start_);
-  if (sure) turn_->remove_record();
-  no_core_dump_.reset();
-  turn_.reset();
-  hold_.reset();
-  if (guardian_thawed) throw quiesce_error("the guardian has thawed the host");
-  if (!outcome.already_thawed.empty()) {
-    throw quiesce_error("somebody else has thawed " + outcome.already_thawed);
+bool quiesce::at_rest(const std::string& who) {
+  const std::lock_guard lock(mutex_);
+  const member& one = members_.at(who);
+  check(one);
+  return frozen_ && one.joined;
+}
+
+void quiesce::thaw_now() {
+  FreezerRequest request;
+  request.set_end(true);
+  if (freezer_) freezer_->send(request);
+}
+
+void quiesce::end(const std::string& who) {
+  std::unique_lock lock(mutex_);
+  member& one = members_.at(who);
+  if (std::exchange(one.news, nullptr) == nullptr || !freezer_) return;
+  const bool was_thawed = thawing_ || gone_;
+  FreezerRequest request;
+  request.set_leave(who);
+  freezer_->send(request);
+  on_thawed_.wait(lock, [&] { return thawed_; });
+  if (was_thawed || was_asked_) {
+    if (!reason_.empty()) throw quiesce_error(reason_);
+  } else if (!disturbed_.empty()) {
+    throw quiesce_error("somebody else has thawed " + disturbed_);
   }
 }
 
-quiesce::thaw_outcome quiesce::thaw_file_systems() {
-  thaw_outcome outcome;
-  for (std::size_t i = frozen_.size(); i-- > 0;) {
-    const file_system& one = *frozen_[i];
-    const int error = thaw_file_system(one.root.get());
-    if (error == EINVAL) {
-      outcome.already_thawed = one.mount_point;
-    } else if (error != 0) {
-      outcome.sure = false;
-      agent_log().error("{0} cannot be thawed: {1}; try \"fsfreeze --unfreeze {0}\"",
-                        printable(one.mount_point), printable(errno_text(error)));
+bool quiesce::over() {
+  const std::lock_guard lock(mutex_);
+  return gone_ || !freezer_;
+}
+
+quiesce::clock::time_point quiesce::deadline() {
+  const std::lock_guard lock(mutex_);
+  return deadline_;
+}
+
+quiesce::clock::time_point quiesce::since() {
+  const std::lock_guard lock(mutex_);
+  return frozen_at_;
+}
+
+milliseconds quiesce::frozen_for() {
+  const std::lock_guard lock(mutex_);
+  return frozen_for_;
+}
+
+std::vector<hook_run> quiesce::runs() {
+  const std::lock_guard lock(mutex_);
+  return runs_;
+}
+
+std::vector<std::string> quiesce::others(const std::string& who) {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> names;
+  for (const auto& [name, one] : members_) {
+    if (name != who && one.joined) names.push_back(name);
+  }
+  return names;
+}
+
+void quiesce::raise_all() {
+  for (const auto& [name, one] : members_) {
+    if (one.news != nullptr) one.news->raise();
+  }
+}
+
+void quiesce::listen() {
+  for (bool gone = false; !gone;) {
+    pollfd watched[] = {{freezer_->fd(), POLLIN, 0}, {left_.fd(), POLLIN, 0}};
+    if (poll_until(watched, next_report()) == 0) {
+      freezer_->kill();
+      const std::lock_guard lock(mutex_);
+      reason_ = "the freezer did not answer";
+      thawing_until_ = deadline_ = clock::time_point::max();
     }
+    if (watched[1].revents != 0) return;
+    while (const auto report = freezer_->receive(gone)) take(*report);
   }
-  return outcome;
-}
-
-bool quiesce::thaw_hooks() {
-  bool all_ok = true;
-  watcher_->running_thaw_hooks();
-  for (std::size_t i = hooks_started_; i-- > 0;) {
+  bool died = false;
+  clock::time_point begun;
+  {
+    const std::lock_guard lock(mutex_);
+    died = begun_ && !thawed_;
+    gone_ = true;
+    if (died && reason_.empty()) reason_ = "the freezer has died";
+    raise_all();
+    begun = begun_at_;
+  }
+  if (died) {
     try {
-      runs_.push_back(runner_.run(plan_.hooks[i], "thaw", plan_.hook_timeout, nullptr));
-      all_ok = all_ok && runs_.back().ok();
-    } catch (const std::system_error& error) {
-      agent_log().error("thaw hook {}: {}", printable(plan_.hooks[i].name),
-                        printable(error.what()));
-      all_ok = false;
+      recover(plan_.run_dir(), milliseconds(plan_.hook_timeout_ms()), -1);
+    } catch (const std::runtime_error& error) {
+      agent_log().error("no other freezer: {}", printable(error.what()));
     }
   }
-  if (!all_ok) agent_log().error("a thaw hook failed; the guardian runs the thaw hooks once more");
-  return all_ok;
+  const std::lock_guard lock(mutex_);
+  if (died) frozen_for_ = std::chrono::ceil<milliseconds>(clock::now() - begun);
+  thawed_ = true;
+  hold_.reset();
+  no_core_dump_.reset();
+  on_thawed_.notify_all();
+}
+
+void quiesce::take(const FreezerReport& report) {
+  const std::lock_guard lock(mutex_);
+  switch (report.kind_case()) {
+    case FreezerReport::kHook:
+      runs_.push_back(report.hook());
+      break;
+    case FreezerReport::kBegun:
+      begun_ = true;
+      begun_at_ = clock::now();
+      deadline_ = from_ms(report.begun());
+      hold_.emplace();
+      no_core_dump_.emplace();
+      break;
+    case FreezerReport::kFrozen:
+      frozen_ = true;
+      frozen_at_ = clock::now();
+      break;
+    case FreezerReport::kJoined:
+      if (const auto one = members_.find(report.joined()); one != members_.end()) {
+        one->second.joined = true;
+      }
+      break;
+    case FreezerReport::kThawing:
+      thawing_ = true;
+      thawing_until_ = from_ms(report.thawing().until());
+      reason_ = report.thawing().reason();
+      was_asked_ = reason_.empty();
+      break;
+    case FreezerReport::kThawed:
+      thawing_ = thawed_ = true;
+      frozen_for_ = milliseconds(report.thawed().frozen_ms());
+      reason_ = report.thawed().reason();
+      disturbed_ = report.thawed().disturbed();
+      hold_.reset();
+      no_core_dump_.reset();
+      on_thawed_.notify_all();
+      break;
+    default:
+      break;
+  }
+  raise_all();
+}
+
+quiesce::clock::time_point quiesce::next_report() {
+  const std::lock_guard lock(mutex_);
+  if (!begun_ || thawed_) return clock::time_point::max();
+  const auto due = thawing_ ? thawing_until_ : deadline_;
+  return due == clock::time_point::max() ? due : due + kGrace;
 }
 
 }  // namespace vexo::tools

@@ -2,19 +2,24 @@
 #define TOOLS_PLUGIN_AGENT_QUIESCE_H_
 
 #include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "common/event.h"
+#include "freezer.pb.h"
 #include "plugin_agent/agent_log.h"
-#include "plugin_agent/file_system.h"
-#include "plugin_agent/freeze_turn.h"
-#include "plugin_agent/guardian.h"
-#include "plugin_agent/hooks.h"
-#include "plugin_agent/survival.h"
+#include "plugin_agent/freezer_process.h"
+#include "plugin_freezer/survival.h"
 
 namespace vexo::tools {
+
+using hook_run = FreezerReport::HookRun;
 
 // Why the host was not at rest, or did not stay so, as a phrase for a person.
 class quiesce_error : public std::runtime_error {
@@ -22,72 +27,92 @@ class quiesce_error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-struct quiesce_plan {
-  std::vector<std::string> mount_points;
-  std::vector<hook> hooks;
-  std::chrono::milliseconds max_freeze{};
-  std::chrono::milliseconds hook_timeout{};
-
-  bool empty() const { return mount_points.empty() && hooks.empty(); }
+// This rest was over, or never began, before the member had joined. Another one may do.
+class rest_missed : public std::runtime_error {
+ public:
+  rest_missed() : std::runtime_error("the freezer has died") {}
 };
 
-// The host's applications and file systems, once brought to rest and woken again. The log is held
-// meanwhile. Used by one thread; ended at the latest by its destructor.
+// One rest of the host, shared by its members, the handshakes that need it. It ends when the last
+// member leaves, or at its limit, which is counted from the first freeze. A thread of its own
+// listens to the freezer: it notices at once that the freezer has died, or hangs, and has another
+// one undo what that has frozen. The log is held while the host is at rest. Any thread may call.
 class quiesce {
  public:
   using clock = std::chrono::steady_clock;
 
-  // `turn` may be empty for an empty plan only. What hooks do is added to `runs`.
-  quiesce(const quiesce_plan& plan, std::optional<freeze_turn> turn, hook_runner& runner,
-          std::vector<hook_run>& runs);
+  // Starts the freezer, which waits for its turn, with plan.member() as the first member. Each
+  // member's `news` is raised when one of its questions may have another answer; it must live until
+  // end(). A plan of nothing is at rest at once, and for as long as any. Throws std::runtime_error.
+  quiesce(const FreezerPlan& plan, event& news);
   ~quiesce();
   quiesce(const quiesce&) = delete;
   quiesce& operator=(const quiesce&) = delete;
 
-  // Runs the `freeze` hooks, then freezes the file systems. Throws quiesce_error when one of them
-  // fails or the time is up; what has been done by then is undone by end().
-  void begin();
+  // False when the rest is over, or when less than `hold` is left of it.
+  bool join(const RestMember& who, event& news, std::chrono::milliseconds hold);
 
-  // Throws quiesce_error when the host is, or may be, no longer at rest.
-  void check();
+  // Whether everything is frozen for this member. Throws quiesce_error when it cannot be, or is no
+  // longer, and rest_missed.
+  bool at_rest(const std::string& who);
 
-  // Thaws the file systems, then runs the `thaw` hooks of those whose `freeze` was started, in
-  // reverse order. Throws quiesce_error, when all is done, if somebody else had thawed before.
-  void end();
+  // Leaves, and blocks until the host is thawed. Throws quiesce_error, when that is done, if the
+  // host was not at rest until this member left. Only its first call counts.
+  void end(const std::string& who);
+  // Ends the rest of all members without waiting.
+  void thaw_now();
+  // Whether nothing is left to do, not even for processes that may freeze something yet.
+  bool over();
 
-  // When end() is due at the latest.
-  clock::time_point deadline() const { return deadline_; }
-  // Readable when check() may have news; -1 when there is nothing to watch.
-  int fd() const { return watcher_ ? watcher_->fd() : -1; }
-  // From the first step of the freeze to the last of the thaw; zero when nothing was to be frozen.
-  std::chrono::milliseconds frozen_for() const { return frozen_for_; }
+  // When the rest ends at the latest; unknown, and far away, until the freezer has its turn.
+  clock::time_point deadline();
+  // When everything was frozen; at_rest() has been true.
+  clock::time_point since();
+  // These after end(). From the first step of the freeze to the last of the thaw.
+  std::chrono::milliseconds frozen_for();
+  std::vector<hook_run> runs();
+  // The names of the others that have been members.
+  std::vector<std::string> others(const std::string& who);
 
  private:
-  void freeze_hooks();
-  void freeze_file_systems();
-  // Whether every file system is certainly thawed, and whether each was still frozen.
-  struct thaw_outcome {
-    bool sure = true;
-    std::string already_thawed;
+  struct member {
+    event* news = nullptr;  // null when it has left
+    bool joined = false;
   };
-  thaw_outcome thaw_file_systems();
-  bool thaw_hooks();
 
-  const quiesce_plan& plan_;
-  std::optional<freeze_turn> turn_;
-  hook_runner& runner_;
-  std::vector<hook_run>& runs_;
-  std::optional<log_hold> hold_;
-  std::vector<file_system> file_systems_;
-  guardian_plan guardian_plan_;  // the guardian reads it in its own process
-  std::optional<guardian> watcher_;
-  std::optional<without_core_dump> no_core_dump_;
-  std::size_t hooks_started_ = 0;
-  std::vector<const file_system*> frozen_;
-  clock::time_point start_;
-  clock::time_point deadline_;
-  bool ended_ = false;
+  void listen();
+  void take(const FreezerReport& report);
+  // Throws when the member is not at rest, or will not be.
+  void check(const member& one) const;
+  void raise_all();
+  // The time by which the freezer has to say something.
+  clock::time_point next_report();
+
+  const FreezerPlan plan_;
+  std::optional<freezer_process> freezer_;
+  event left_;  // raised when nobody wants to hear any more
+  std::mutex mutex_;
+  std::condition_variable on_thawed_;
+  // All under mutex_.
+  std::map<std::string, member> members_;
+  bool begun_ = false;
+  bool frozen_ = false;
+  bool thawing_ = false;
+  bool thawed_ = false;
+  bool gone_ = false;
+  clock::time_point begun_at_;
+  clock::time_point frozen_at_;
+  clock::time_point deadline_ = clock::time_point::max();
+  clock::time_point thawing_until_;
+  std::string reason_;      // why the host was not at rest until the last member left
+  bool was_asked_ = false;  // for the thaw, by the last member that left
+  std::string disturbed_;   // what somebody else has thawed
   std::chrono::milliseconds frozen_for_{};
+  std::vector<hook_run> runs_;
+  std::optional<log_hold> hold_;
+  std::optional<without_core_dump> no_core_dump_;
+
+  std::thread thread_;
 };
 
 }  // namespace vexo::tools

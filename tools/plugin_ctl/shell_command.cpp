@@ -23,14 +23,14 @@ class shell_process {
  public:
   explicit shell_process(pid_t leader) : leader_(leader) {}
 
-  // Blocks until the shell ends; false when a signal came first.
-  bool wait(interrupt& stop) {
+  // Blocks until the shell ends, a signal comes, or `deadline`; says which came first.
+  interrupt::wake wait(interrupt& stop, clock::time_point deadline) {
     const unique_fd shell(open_pidfd(leader_));
     if (!shell) throw std::system_error(errno, std::generic_category(), "pidfd_open");
-    if (stop.wait({shell.get()}, clock::time_point::max()) != interrupt::wake::ready) return false;
-    while (waitpid(leader_, &status_, 0) < 0 && errno == EINTR) {
+    const auto first = stop.wait({shell.get()}, deadline);
+    while (first == interrupt::wake::ready && waitpid(leader_, &status_, 0) < 0 && errno == EINTR) {
     }
-    return true;
+    return first;
   }
 
   // Ends the whole group: asks, then kills. False when some of it is still there, which takes a
@@ -78,9 +78,12 @@ class shell_process {
 }  // namespace
 
 command_result run_shell_command(const std::string& command,
-                                 const std::vector<std::string>& variables, interrupt& stop) {
+                                 const std::vector<std::string>& variables, interrupt& stop,
+                                 std::optional<std::chrono::milliseconds> limit) {
   // Orphans of the group become children of this program, which alone can tell when they are gone.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
+  command_result result;
+  const auto deadline = limit ? clock::now() + *limit : clock::time_point::max();
   pid_t pid = 0;
   try {
     pid = start_child({.arguments = {"/bin/sh", "-c", command},
@@ -88,23 +91,28 @@ command_result run_shell_command(const std::string& command,
                        .stdout_fd = STDERR_FILENO,
                        .directory = ""});
   } catch (const std::system_error& error) {
-    return {127, false, error.what()};
+    result.status = 127;
+    result.reason = error.what();
+    return result;
   }
   shell_process shell(pid);
-  command_result result;
+  auto first = interrupt::wake::ready;
   try {
-    result.interrupted = !shell.wait(stop);
+    first = shell.wait(stop, deadline);
   } catch (const std::system_error&) {
     shell.end(stop);
     throw;
   }
-  if (result.interrupted) {
-    result.reason = shell.end(stop) ? "a signal came, and the command was ended"
-                                    : "a signal came, and the command could not be ended";
+  result.interrupted = first == interrupt::wake::interrupted;
+  result.timed_out = first == interrupt::wake::timeout;
+  if (first != interrupt::wake::ready) {
+    result.reason = result.timed_out ? "it took longer than it may" : "a signal came";
+    result.reason +=
+        shell.end(stop) ? ", and the command was ended" : ", and the command could not be ended";
   }
   const int status = shell.status();
   result.status = exit_code_of(status);
-  if (result.interrupted || result.status == 0) return result;
+  if (first != interrupt::wake::ready || result.status == 0) return result;
   result.reason = WIFSIGNALED(status)
                       ? "the command was ended by signal " + std::to_string(WTERMSIG(status))
                       : "the command exited with " + std::to_string(result.status);

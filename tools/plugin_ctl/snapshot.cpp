@@ -1,78 +1,127 @@
 #include "snapshot.h"
 
-#include <algorithm>
-#include <exception>
-#include <memory>
+#include <syslog.h>
 
-#include "common/command_fields.h"
-#include "verbs.h"
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <utility>
+
+#include "shell_command.h"
 
 namespace vexo::tools {
 
 namespace {
 
+using google::protobuf::Empty;
+using scsiplugin::PluginClientList;
 using scsiplugin::PluginCmd;
 using scsiplugin::PluginCmdResp;
-using clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+using seconds = std::chrono::duration<double>;
 
-milliseconds since(clock::time_point start) {
-  return std::chrono::duration_cast<milliseconds>(clock::now() - start);
+constexpr char kDepartDone[] = "depart_done";
+constexpr char kNo[] = "the daemon's answer is no (success: false)";
+constexpr char kSyslogName[] = "scsi-plugin-snapshot";
+
+// A departure that stands is confirmed at once. Also for the list of hosts, while they are at rest.
+constexpr milliseconds kConfirmTime{2000};
+
+bool is_yes(const outcome<PluginCmdResp>& result) {
+  return result.answered() && result.response.success();
+}
+
+bool contains(const std::vector<std::string>& all, const std::string& one) {
+  return std::find(all.begin(), all.end(), one) != all.end();
 }
 
 }  // namespace
 
-snapshot::snapshot(session& with, const snapshot_options& options)
-    : with_(with), options_(options), report_(with.format, options.about.p80) {}
-
-exit_code snapshot::run() {
-  step("init_snapshot", [&](SnapshotStep& it) { init_snapshot(it); });
-  step("mirror", [&](SnapshotStep& it) { run_command(it, options_.mirror); });
-  step("mirror_done", [&](SnapshotStep& it) { mirror_done(it); });
-  step("wait_for_depart", [&](SnapshotStep& it) { wait_for_depart(it); });
-  step("split", [&](SnapshotStep& it) { run_command(it, options_.split); });
-  step("depart_done", [&](SnapshotStep& it) { depart_done(it); });
-
-  if (failure_) {
-    problem why = failure_->why;
-    why.tried = "snapshot of " + options_.about.p80 + ": " + failure_->step + ", " + why.tried;
-    say(why.text());
-    return why.code;
-  }
-  if (report_.output_error()) throw tool_error(*report_.output_error());
-  return exit_code::done;
+snapshot::snapshot(session& with, snapshot_options options)
+    : with_(with), options_(std::move(options)), report_(with.format, options_.luns.size() > 1) {
+  for (const auto& lun : options_.luns) members_.push_back({lun});
 }
 
-template <class Body>
-void snapshot::step(const std::string& name, Body body) {
-  SnapshotStep it;
-  it.set_step(name);
-  const bool last = name == "depart_done";
+exit_code snapshot::run() {
+  call_step("init_snapshot", [this] { return init_snapshot(); });
+  command_step("mirror", options_.mirror, std::nullopt);
+  call_step("mirror_done", [this] { return mirror_done(); });
+  call_step("wait_for_depart", [this] { return wait_for_depart(); });
+  all_at_rest_ = clock::now();
+  command_step("split", options_.split, options_.max_split);
+  call_step("confirm", [this] { return confirm(); });
+  copy_is_good_ = !failure_;
+  call_step(kDepartDone, [this] { return depart_done(); });
+  return end();
+}
+
+void snapshot::step(const std::string& name, std::size_t lines,
+                    const std::function<void(std::vector<SnapshotStep>&)>& body) {
+  std::vector<SnapshotStep> steps(lines);
+  for (std::size_t i = 0; i < lines; ++i) {
+    steps[i].set_step(name);
+    if (lines == members_.size()) steps[i].set_task_id(members_[i].lun.p80);
+    steps[i].set_outcome(SnapshotStep::DONE);
+  }
+  const bool puts_in_order = name == kDepartDone;
   const auto start = clock::now();
-  if (last ? !owes_depart_ : failure_.has_value()) {
-    it.set_outcome(SnapshotStep::NOT_RUN);
-  } else if (!last && with_.stop.requested()) {
-    fail(it, SnapshotStep::INTERRUPTED, "a signal came before it",
-         with_.interrupted(name, "nothing is left behind: call it again"));
-  } else {
-    it.set_outcome(SnapshotStep::DONE);
-    try {
-      body(it);
-    } catch (const std::exception& error) {
-      // This machine refused something, as a process or a file. depart_done must still follow.
+  try {
+    if (failure_ && !puts_in_order) {
+      for (auto& it : steps) it.set_outcome(SnapshotStep::NOT_RUN);
+    } else if (with_.stop.requested() && !puts_in_order) {
+      for (auto& it : steps) {
+        fail(it, SnapshotStep::INTERRUPTED, "a signal came before it",
+             with_.interrupted(name, "nothing is left behind: call it again"));
+      }
+    } else {
+      body(steps);
+    }
+  } catch (const tool_error& error) {
+    for (auto& it : steps) fail(it, SnapshotStep::FAILED, error.why.came_back, error.why);
+  } catch (const std::exception& error) {
+    // This machine refused something, as a process or a file. depart_done must still follow.
+    for (auto& it : steps) {
       fail(it, SnapshotStep::FAILED, error.what(),
            {exit_code::failed, name, error.what(), "see to this machine's limits"});
     }
   }
-  it.set_seconds(std::chrono::duration<double>(since(start)).count());
-  report_.ended(std::move(it));
+  for (auto& it : steps) {
+    if (it.seconds() == 0) it.set_seconds(seconds(clock::now() - start).count());
+    report_.ended(it);
+  }
+}
+
+void snapshot::call_step(const std::string& name, const std::function<ask()>& prepare) {
+  step(name, members_.size(), [&](std::vector<SnapshotStep>& steps) {
+    const ask asked = prepare();
+    std::vector<PluginCmd> commands;
+    std::vector<std::size_t> places;
+    for (std::size_t i = 0; i < members_.size(); ++i) {
+      if (asked.concerns(members_[i])) {
+        places.push_back(i);
+        commands.push_back(asked.command(members_[i]));
+      } else if (name == kDepartDone) {
+        steps[i].set_outcome(SnapshotStep::NOT_RUN);
+      } else {
+        steps[i].set_outcome(SnapshotStep::SKIPPED);
+        steps[i].set_reason("no host takes part");
+      }
+    }
+    const auto results =
+        call_all<PluginCmd, PluginCmdResp>(with_.stub(), &service_stub::Publish, commands,
+                                           with_.stop, asked.options, asked.is_failure);
+    for (std::size_t i = 0; i < places.size(); ++i) {
+      steps[places[i]].set_seconds(results[i].took.count());
+      asked.judge(steps[places[i]], members_[places[i]], results[i]);
+    }
+  });
 }
 
 void snapshot::fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std::string& reason,
                     problem why) {
   step.set_outcome(outcome);
   step.set_reason(reason);
-  if (!failure_) failure_ = failure{step.step(), std::move(why)};
+  if (!failure_) failure_ = failure{step.step(), step.task_id(), std::move(why)};
 }
 
 // Whether the daemon now holds a task of this run has to be concluded from its answer, which has no
@@ -86,26 +135,37 @@ void snapshot::fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std
 //                  have come at once, so the daemon is still telling the hosts or waiting for one:
 //                  the task is there.
 // So depart_done never follows a no. For the last conclusion a refusal must have had the time to
-// arrive: neither a signal nor a short --timeout ends the call within kRefusalTime, which begins
-// when there is a connection.
-void snapshot::init_snapshot(SnapshotStep& step) {
-  const std::string tried = "Publish init_snapshot_req";
-  if (const auto unreached = connect()) {
-    if (with_.stop.requested()) {
-      fail(step, SnapshotStep::INTERRUPTED, "a signal came before there was a connection",
-           with_.interrupted(tried, "nothing is left behind: call it again"));
-    } else {
-      fail(step, SnapshotStep::FAILED, status_text(*unreached),
-           call_problem(tried, with_.where, *unreached));
-    }
+// arrive: neither a signal nor a short --timeout nor another LUN's failure ends the call within
+// kRefusalTime, which begins when there is a connection.
+snapshot::ask snapshot::init_snapshot() {
+  connect();
+  hosts_ = list_hosts(with_.limits().timeout);
+  require_hosts(hosts_);
+  ask asked;
+  asked.concerns = [](const member&) { return true; };
+  asked.command = [](const member& of) { return of.lun.init_snapshot(); };
+  asked.options = host_wait("init_snapshot");
+  asked.options.timeout = std::max(asked.options.timeout, kRefusalTime);
+  asked.options.undisturbed = kRefusalTime;
+  asked.judge = [this](auto& step, auto& of, const auto& result) { judge_init(step, of, result); };
+  asked.is_failure = [this](const answer& result) {
+    return !is_yes(result) && !(result.answered() && options_.goes_on_without_host);
+  };
+  return asked;
+}
+
+void snapshot::judge_init(SnapshotStep& step, member& of, const answer& result) {
+  of.owes_depart = !result.answered() || result.response.success();
+  const bool nobody_listed = hosts_ && hosts_->empty();
+  const bool nobody_answered = result.answered() && result.took > kRefusalTime;
+  if (options_.goes_on_without_host && result.answered() && !result.response.success() &&
+      (nobody_listed || nobody_answered)) {
+    of.has_host = false;
+    step.set_outcome(SnapshotStep::SKIPPED);
+    step.set_reason(nobody_answered ? "no host answered" : "no host is subscribed");
     return;
   }
-  call_options options = host_wait(step.step());
-  options.timeout = std::max(options.timeout, kRefusalTime);
-  options.undisturbed = kRefusalTime;
-  const auto result = publish(options_.about.init_snapshot(), options);
-  owes_depart_ = !result.answered() || result.response.success();
-  judge(step, result, next_after_refused_init(options_.about, result.took));
+  judge(step, result, next_after_refused_init(of.lun, result.took));
   if (!result.answered() && failure_) {
     // The daemon's handler cannot be cancelled. It waits on after depart_done has removed the task,
     // and at the end of its 60 s it removes any task that the LUN has then.
@@ -118,76 +178,177 @@ void snapshot::init_snapshot(SnapshotStep& step) {
   }
 }
 
-void snapshot::mirror_done(SnapshotStep& step) {
-  const auto result = publish(options_.about.mirror_done(), with_.limits());
-  if (result.answered() && !result.response.success()) {
-    // For a LUN that needs no mirror, the host's is_mirror_done has moved the handshake on already.
-    // If somebody has ended the handshake instead, the next step says so.
-    step.set_outcome(SnapshotStep::SKIPPED);
-    step.set_reason("the daemon's answer is no: a host has gone on without it");
-    return;
-  }
-  judge(step, result, "");
+snapshot::ask snapshot::mirror_done() {
+  ask asked;
+  asked.concerns = [](const member& of) { return of.has_host; };
+  asked.command = [](const member& of) { return of.lun.mirror_done(); };
+  asked.options = with_.limits();
+  asked.judge = [this](SnapshotStep& step, member&, const answer& result) {
+    if (result.answered() && !result.response.success()) {
+      // For a LUN that needs no mirror, the host's is_mirror_done has moved the handshake on
+      // already. If somebody has ended the handshake instead, the next step says so.
+      step.set_outcome(SnapshotStep::SKIPPED);
+      step.set_reason("the daemon's answer is no: a host has gone on without it");
+    } else {
+      judge(step, result, "");
+    }
+  };
+  return asked;
 }
 
-void snapshot::wait_for_depart(SnapshotStep& step) {
-  const auto result = publish(options_.about.wait_for_depart(), host_wait(step.step()));
-  if (judge(step, result, "")) return;
-  if (!result.answered()) return;
+snapshot::ask snapshot::wait_for_depart() {
+  ask asked;
+  asked.concerns = [](const member& of) { return of.has_host; };
+  asked.command = [](const member& of) { return of.lun.wait_for_depart(); };
+  asked.options = host_wait("wait_for_depart");
+  asked.judge = [this](auto& step, auto& of, const auto& result) { judge_wait(step, of, result); };
+  asked.is_failure = [](const answer& result) { return !is_yes(result); };
+  return asked;
+}
+
+void snapshot::judge_wait(SnapshotStep& step, member& of, const answer& result) {
+  if (judge(step, result, "") || !result.answered()) return;
   // A no at once means that there is no such task; a later one, that its host did not depart.
   const bool is_gone = result.took <= kRefusalTime;
-  owes_depart_ = !is_gone;
+  of.owes_depart = !is_gone;
   failure_->why.next =
       is_gone ? "somebody else ended this handshake meanwhile, or the daemon was restarted: its "
                 "lines in the system log say which"
-              : next_after_refused_wait(options_.about, result.took);
+              : next_after_refused_wait(of.lun, result.took);
 }
 
-void snapshot::depart_done(SnapshotStep& step) {
-  handshake about = options_.about;
-  about.result = failure_ ? failed_result_ : 0;
-  step.set_result(about.result);
+// A departure that still stands after the split was standing all the while: a host whose rest ends
+// too early takes it back before it thaws.
+snapshot::ask snapshot::confirm() {
+  at_rest_ = clock::now() - all_at_rest_;
+  ask asked;
+  asked.concerns = [](const member& of) { return of.has_host; };
+  asked.command = [](const member& of) { return of.lun.wait_for_depart(); };
+  asked.options.timeout = kConfirmTime;
+  asked.judge = [this](SnapshotStep& step, member&, const answer& result) {
+    if (is_yes(result)) return;
+    if (result.interrupted) {
+      judge(step, result, "");
+      return;
+    }
+    const std::string reason = "the host did not stay at rest until the split was over";
+    fail(step, SnapshotStep::FAILED, reason,
+         {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
+          "do not use the copy; the host's own record says why its rest ended"});
+  };
+  return asked;
+}
+
+snapshot::ask snapshot::depart_done() {
+  if (!failure_ && !options_.hosts.empty()) {
+    try {
+      require_hosts(list_hosts(kConfirmTime));
+    } catch (const tool_error& error) {
+      failure_ = failure{"confirm", "", error.why};
+      copy_is_good_ = false;
+    }
+  }
+  const std::int32_t result = failure_ ? failed_result_ : 0;
+  ask asked;
+  asked.concerns = [](const member& of) { return of.owes_depart; };
+  asked.command = [result](const member& of) {
+    handshake lun = of.lun;
+    lun.result = result;
+    return lun.depart_done();
+  };
+  asked.options = with_.limits();
+  // A second Ctrl-C does not leave the task behind, nor does a connection that comes back in time.
+  asked.options.undisturbed = asked.options.timeout;
+  asked.options.wait_for_ready = true;
+  asked.judge = [this, result](SnapshotStep& step, member& of, const answer& got) {
+    step.set_result(result);
+    const bool first_failure = !failure_.has_value();
+    if (judge(step, got, "read the daemon's lines in the system log")) return;
+    const std::string leftover =
+        "the daemon may still hold this handshake and then refuses the next one of this LUN until "
+        "300 s after its beginning: `plugin_ctl publish depart-done " +
+        of.lun.p80 + " --result " + std::to_string(result) + "` removes it";
+    std::string& next = failure_->why.next;
+    next = first_failure ? leftover : next + "; " + leftover;
+  };
+  return asked;
+}
+
+void snapshot::command_step(const std::string& name, const std::string& command,
+                            std::optional<milliseconds> limit) {
+  step(name, 1, [&](std::vector<SnapshotStep>& steps) {
+    SnapshotStep& it = steps.front();
+    if (command.empty()) {
+      it.set_outcome(SnapshotStep::SKIPPED);
+      return;
+    }
+    const group_file group(options_.luns);
+    auto variables = group_environment(options_.luns);
+    variables.push_back("VEXO_GROUP=" + group.path());
+    const command_result result = run_shell_command(command, variables, with_.stop, limit);
+    it.set_result(result.status);
+    if (result.succeeded()) return;
+    if (result.status != 0) failed_result_ = result.status;
+    const std::string tried = "/bin/sh -c '" + command + "'";
+    if (result.interrupted) {
+      fail(it, SnapshotStep::INTERRUPTED, result.reason,
+           {exit_code::interrupted, tried, result.reason,
+            "see what the command left behind, then call it again"});
+    } else if (result.timed_out) {
+      fail(it, SnapshotStep::FAILED, result.reason,
+           {exit_code::failed, tried, result.reason,
+            "make it shorter, since the hosts stand still meanwhile, or allow it longer with "
+            "--max-split; that has to stay below each host's --hold"});
+    } else {
+      fail(it, SnapshotStep::FAILED, result.reason,
+           {exit_code::failed, tried, result.reason,
+            "read what the command wrote above; it can be tried alone with the VEXO_ variables "
+            "set"});
+    }
+  });
+}
+
+void snapshot::connect() {
+  constexpr milliseconds kSlice{50};
+  const std::string tried = "Publish init_snapshot_req";
+  const auto deadline = clock::now() + with_.limits().timeout;
+  while (clock::now() < deadline && !with_.stop.requested()) {
+    const auto state = with_.channel().GetState(true);
+    if (state == GRPC_CHANNEL_READY) return;
+    if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
+      // The channel does not tell why it failed, but a call on it ends at once with the reason.
+      const auto list = call<Empty, PluginClientList>(with_.stub(), &service_stub::PluginConnList,
+                                                      Empty(), with_.stop);
+      if (!list.answered()) throw tool_error(call_problem(tried, with_.where, list.status));
+    }
+    with_.channel().WaitForStateChange(state, std::chrono::system_clock::now() + kSlice);
+  }
+  if (with_.stop.requested()) {
+    throw tool_error(with_.interrupted(tried, "nothing is left behind: call it again"));
+  }
+  throw tool_error(
+      call_problem(tried, with_.where,
+                   grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time")));
+}
+
+std::optional<std::vector<std::string>> snapshot::list_hosts(milliseconds timeout) {
   call_options options = with_.limits();
-  options.undisturbed = options.timeout;  // a second Ctrl-C does not leave the task behind
-  options.wait_for_ready = true;          // nor does a connection that comes back in time
-  const bool first_failure = !failure_.has_value();
-  const auto answer = publish(about.depart_done(), options);
-  if (judge(step, answer, "read the daemon's lines in the system log")) return;
-  const std::string leftover =
-      "the daemon may still hold this handshake and then refuses the next one of this LUN until "
-      "300 s after its beginning: `plugin_ctl publish depart-done " +
-      about.p80 + " --result " + std::to_string(about.result) + "` removes it";
-  std::string& next = failure_->why.next;
-  next = first_failure ? leftover : next + "; " + leftover;
+  options.timeout = std::min(options.timeout, timeout);
+  const auto list = call<Empty, PluginClientList>(with_.stub(), &service_stub::PluginConnList,
+                                                  Empty(), with_.stop, options);
+  if (!list.answered()) return std::nullopt;
+  std::vector<std::string> ids;
+  for (const auto& host : list.response.list()) ids.push_back(host.plugin_id());
+  return ids;
 }
 
-void snapshot::run_command(SnapshotStep& step, const std::string& command) {
-  if (command.empty()) {
-    step.set_outcome(SnapshotStep::SKIPPED);
-    return;
+void snapshot::require_hosts(const std::optional<std::vector<std::string>>& listed) {
+  for (const auto& host : options_.hosts) {
+    if (listed && contains(*listed, host)) continue;
+    throw tool_error({exit_code::refused, "PluginConnList at " + with_.where.text,
+                      listed ? "the host " + host + " is not listed" : "no list in time",
+                      "see `plugin_ctl list` and the log of that host's plugin"});
   }
-  std::vector<std::string> variables = command_environment(options_.about.init_snapshot());
-  const handshake& lun = options_.about;
-  variables.push_back("VEXO_DST_LUN_P80=" + lun.dst_p80);
-  variables.push_back("VEXO_DST_LUN_P83=" + lun.dst_p83);
-  const command_result result = run_shell_command(command, variables, with_.stop);
-  step.set_result(result.status);
-  if (result.succeeded()) return;
-  if (result.status != 0) failed_result_ = result.status;
-  const std::string tried = "/bin/sh -c '" + command + "'";
-  if (result.interrupted) {
-    fail(step, SnapshotStep::INTERRUPTED, result.reason,
-         {exit_code::interrupted, tried, result.reason,
-          "see what the command left behind, then call it again"});
-  } else {
-    fail(step, SnapshotStep::FAILED, result.reason,
-         {exit_code::failed, tried, result.reason,
-          "read what the command wrote above; it can be tried alone with the VEXO_ variables set"});
-  }
-}
-
-outcome<PluginCmdResp> snapshot::publish(const PluginCmd& command, const call_options& options) {
-  return call(with_.stub(), &service_stub::Publish, command, with_.stop, options);
 }
 
 call_options snapshot::host_wait(const std::string& step) {
@@ -199,31 +360,15 @@ call_options snapshot::host_wait(const std::string& step) {
   return options;
 }
 
-std::optional<grpc::Status> snapshot::connect() {
-  constexpr milliseconds kSlice{50};
-  const auto deadline = clock::now() + with_.limits().timeout;
-  while (clock::now() < deadline && !with_.stop.requested()) {
-    const auto state = with_.channel().GetState(true);
-    if (state == GRPC_CHANNEL_READY) return std::nullopt;
-    if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-      // The channel does not tell why it failed, but a call on it ends at once with the reason.
-      const auto list =
-          call(with_.stub(), &service_stub::PluginConnList, google::protobuf::Empty(), with_.stop);
-      if (!list.answered()) return list.status;
-    }
-    with_.channel().WaitForStateChange(state, std::chrono::system_clock::now() + kSlice);
-  }
-  return grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time");
-}
-
-bool snapshot::judge(SnapshotStep& step, const outcome<PluginCmdResp>& result,
-                     const std::string& if_refused) {
+bool snapshot::judge(SnapshotStep& step, const answer& result, const std::string& if_refused) {
   const std::string tried = "Publish " + step.step() + "_req";
-  if (result.answered() && result.response.success()) return true;
-  if (result.answered()) {
-    const std::string no = "the daemon's answer is no (success: false)";
-    fail(step, SnapshotStep::FAILED, no,
-         {exit_code::refused, tried + " at " + with_.where.text, no, if_refused});
+  if (is_yes(result)) return true;
+  if (result.abandoned) {
+    step.set_outcome(SnapshotStep::INTERRUPTED);
+    step.set_reason("given up: another LUN of the group failed");
+  } else if (result.answered()) {
+    fail(step, SnapshotStep::FAILED, kNo,
+         {exit_code::refused, tried + " at " + with_.where.text, kNo, if_refused});
   } else if (result.interrupted) {
     fail(step, SnapshotStep::INTERRUPTED, "a signal came during the wait",
          with_.interrupted(tried, "call it again"));
@@ -234,26 +379,52 @@ bool snapshot::judge(SnapshotStep& step, const outcome<PluginCmdResp>& result,
   return false;
 }
 
-void add_snapshot_verb(CLI::App& app, session& with) {
-  const auto options = std::make_shared<snapshot_options>();
-  CLI::App* const verb = add_verb(
-      app, with, "snapshot",
-      "Takes a snapshot as the local caller does: announces it to the hosts, runs the mirror\n"
-      "command, waits until a host is quiet, runs the split command, and ends the handshake, "
-      "also\n"
-      "when something fails or Ctrl-C ends it. The commands are run by /bin/sh with the LUN's\n"
-      "identifiers in VEXO_SRC_LUN_P80, VEXO_SRC_LUN_P83, VEXO_SRC_LUN_UUID, VEXO_DST_LUN_UUID,\n"
-      "VEXO_DST_LUN_P80 and VEXO_DST_LUN_P83; their output goes to stderr. From the end of the\n"
-      "wait to the end of the split the host's applications stand still: keep the split short",
-      "plugin_ctl snapshot --p80 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6 \\\n"
-      "    --mirror 'lvcreate --snapshot ...' --split 'lvconvert --splitmirrors 1 ...'",
-      [&with, options] { return snapshot(with, *options).run(); });
-  options->about.add_options(*verb, {"--p80", "--p83", "--uuid", "--dst-uuid", "--dst-p80",
-                                     "--dst-p83", "--replica", "--cmd-sn", "--qel-sn"});
-  verb->add_option("--mirror", options->mirror, "Shell command that mirrors the LUN")
-      ->type_name("CMD");
-  verb->add_option("--split", options->split, "Shell command that splits the mirror")
-      ->type_name("CMD");
+SnapshotVerdict snapshot::verdict() {
+  SnapshotVerdict told;
+  for (const auto& one : members_) {
+    told.add_luns(one.lun.p80);
+    if (!one.has_host) told.add_luns_without_host(one.lun.p80);
+  }
+  const bool any_host = told.luns_without_host_size() < told.luns_size();
+  if (!copy_is_good_) {
+    told.set_verdict("failed");
+    told.set_reason(failure_->step + ": " + failure_->why.came_back);
+  } else {
+    told.set_verdict(told.luns_without_host().empty() ? "consistent" : "crash-consistent");
+    if (failure_) told.set_reason("not ended in good order: " + failure_->why.came_back);
+    if (any_host) told.set_at_rest_seconds(at_rest_.count());
+  }
+  if (hosts_) {
+    for (const auto& host : *hosts_) told.add_hosts(host);
+    const auto now = hosts_->empty() ? std::nullopt : list_hosts(kConfirmTime);
+    for (const auto& host : *hosts_) {
+      if (now && !contains(*now, host)) told.add_lost_hosts(host);
+    }
+  }
+  told.set_seconds(seconds(clock::now() - start_).count());
+  return told;
+}
+
+exit_code snapshot::end() {
+  const SnapshotVerdict told = verdict();
+  report_.verdict(told);
+  openlog(kSyslogName, 0, LOG_DAEMON);
+  syslog(copy_is_good_ ? LOG_NOTICE : LOG_ERR, "%s", to_json(told).c_str());
+  closelog();
+  for (const auto& host : told.lost_hosts()) {
+    say("warning: the host " + printable(host) +
+        " was listed at the announcement and is not any more: if it uses one of these LUNs, do not "
+        "rely on the copy (--host makes that a failure)");
+  }
+  if (failure_) {
+    problem why = failure_->why;
+    const std::string lun = failure_->lun.empty() ? options_.luns.front().p80 : failure_->lun;
+    why.tried = "snapshot of " + lun + ": " + failure_->step + ", " + why.tried;
+    say(why.text());
+    return why.code;
+  }
+  if (report_.output_error()) throw tool_error(*report_.output_error());
+  return exit_code::done;
 }
 
 }  // namespace vexo::tools

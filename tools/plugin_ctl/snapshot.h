@@ -1,68 +1,105 @@
 #ifndef TOOLS_PLUGIN_CTL_SNAPSHOT_H_
 #define TOOLS_PLUGIN_CTL_SNAPSHOT_H_
 
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "handshake.h"
+#include "lun_group.h"
 #include "session.h"
-#include "shell_command.h"
 #include "snapshot_report.h"
 
 namespace vexo::tools {
 
 struct snapshot_options {
-  handshake about;
+  lun_group luns;
   std::string mirror;  // shell commands; empty when there is nothing to run
   std::string split;
+  std::chrono::milliseconds max_split = std::chrono::seconds(15);
+  std::vector<std::string> hosts;  // that must be listed all the while
+  bool goes_on_without_host = false;
 };
 
-// The local caller's side of one snapshot, from its announcement to its end. Also after a failure
-// or a signal, the handshake that this run began is ended in the daemon, and no other is.
+// The local caller's side of one snapshot of one or more LUNs, from its announcement to its end.
+// All or nothing. Also after a failure or a signal, every handshake that this run began is ended in
+// the daemon, and no other is.
 class snapshot {
  public:
-  snapshot(session& with, const snapshot_options& options);
+  snapshot(session& with, snapshot_options options);
 
-  // Runs it to its end; once per object. Failures are written to stderr.
+  // Runs it to its end; once per object. Failures are written to stderr, the verdict to the end of
+  // the report and to the system log.
   exit_code run();
 
  private:
+  using clock = std::chrono::steady_clock;
+  using answer = outcome<scsiplugin::PluginCmdResp>;
+
+  struct member {
+    handshake lun;
+    bool owes_depart = false;  // the daemon holds a task that this run has to end
+    bool has_host = true;
+  };
+  // A call for each LUN, side by side.
+  struct ask {
+    std::function<bool(const member&)> concerns;  // a LUN that it does not concern is skipped
+    std::function<scsiplugin::PluginCmd(const member&)> command;
+    call_options options;
+    // Marks the step's line by the answer.
+    std::function<void(SnapshotStep&, member&, const answer&)> judge;
+    // An answer that makes waiting for the others needless.
+    std::function<bool(const answer&)> is_failure;
+  };
   struct failure {
     std::string step;
+    std::string lun;  // empty for all
     problem why;
   };
 
-  // Runs one step unless an earlier one failed or a signal has come, and reports it. `body` calls
-  // fail() when the step fails.
-  template <class Body>
-  void step(const std::string& name, Body body);
+  // Runs one step unless an earlier one failed or a signal has come, and reports it, with `body`
+  // filling in the lines: one for each LUN, or one in all.
+  void step(const std::string& name, std::size_t lines,
+            const std::function<void(std::vector<SnapshotStep>&)>& body);
+  void call_step(const std::string& name, const std::function<ask()>& prepare);
+  void command_step(const std::string& name, const std::string& command,
+                    std::optional<std::chrono::milliseconds> limit);
   void fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std::string& reason,
             problem why);
 
-  void init_snapshot(SnapshotStep& step);
-  void mirror_done(SnapshotStep& step);
-  void wait_for_depart(SnapshotStep& step);
-  void depart_done(SnapshotStep& step);
-  void run_command(SnapshotStep& step, const std::string& command);
-
-  outcome<scsiplugin::PluginCmdResp> publish(const scsiplugin::PluginCmd& command,
-                                             const call_options& options);
-  call_options host_wait(const std::string& step);
-  // Waits for a connection for as long as a call may take. Empty when there is one, else the status
-  // with which a call would have failed.
-  std::optional<grpc::Status> connect();
+  ask init_snapshot();
+  ask mirror_done();
+  ask wait_for_depart();
+  ask confirm();
+  ask depart_done();
+  void judge_init(SnapshotStep& step, member& of, const answer& result);
+  void judge_wait(SnapshotStep& step, member& of, const answer& result);
   // Marks `step` by the outcome of its call. True when the daemon said yes.
-  bool judge(SnapshotStep& step, const outcome<scsiplugin::PluginCmdResp>& result,
-             const std::string& if_refused);
+  bool judge(SnapshotStep& step, const answer& result, const std::string& if_refused);
+
+  // Waits for a connection as long as a call may take. Throws tool_error when none comes.
+  void connect();
+  // The plugin ids in the daemon's list; empty when it gave none in time.
+  std::optional<std::vector<std::string>> list_hosts(std::chrono::milliseconds timeout);
+  // Throws tool_error when a host that the user named is not listed.
+  void require_hosts(const std::optional<std::vector<std::string>>& listed);
+  call_options host_wait(const std::string& step);
+  SnapshotVerdict verdict();
+  exit_code end();
 
   session& with_;
   const snapshot_options options_;
+  std::vector<member> members_;
   snapshot_report report_;
+  const clock::time_point start_ = clock::now();
   std::optional<failure> failure_;  // the first one
-  // The daemon holds a task that this run has to end.
-  bool owes_depart_ = false;
   // What depart_done tells the hosts after a failure: the exit status of the command, else 1.
   std::int32_t failed_result_ = 1;
+  std::optional<std::vector<std::string>> hosts_;  // listed at the announcement
+  clock::time_point all_at_rest_;
+  std::chrono::duration<double> at_rest_{};
+  bool copy_is_good_ = false;
 };
 
 }  // namespace vexo::tools

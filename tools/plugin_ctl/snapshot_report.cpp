@@ -28,12 +28,19 @@ const char* outcome_text(SnapshotStep::Outcome outcome) {
 }
 
 shown_text row(const char* step, const char* outcome, const char* seconds,
-               const std::string& reason) {
+               const std::string& rest) {
   std::array<char, 64> columns = {};
   std::snprintf(columns.data(), columns.size(), "%-15s  %-11s  %8s", step, outcome, seconds);
   shown_text text = printable(columns.data());
-  if (!reason.empty()) text += "  " + printable(reason);
+  if (!rest.empty()) text += "  " + printable(rest);
   return text + "\n";
+}
+
+std::string with_lun(const std::string& lun, const std::string& reason) {
+  constexpr std::size_t kUuid = 36;  // what most page-80h identifiers are
+  std::string text = lun;
+  if (!reason.empty() && text.size() < kUuid) text.resize(kUuid, ' ');
+  return reason.empty() ? text : text + "  " + reason;
 }
 
 double in_seconds(std::chrono::milliseconds time) {
@@ -42,24 +49,35 @@ double in_seconds(std::chrono::milliseconds time) {
 
 }  // namespace
 
-snapshot_report::snapshot_report(output_format format, std::string task_id)
-    : format_(format), task_id_(std::move(task_id)) {}
-
-void snapshot_report::ended(SnapshotStep step) {
+void snapshot_report::ended(const SnapshotStep& step) {
   clear_wait();
-  step.set_task_id(task_id_);
+  std::array<char, 32> seconds = {'-'};
+  if (step.outcome() != SnapshotStep::NOT_RUN) {
+    std::snprintf(seconds.data(), seconds.size(), "%.3f", step.seconds());
+  }
+  shown_text rows;
+  if (!heading_printed_) {
+    rows = row("STEP", "OUTCOME", "SECONDS", of_several_ ? with_lun("LUN", "REASON") : "REASON");
+  }
+  heading_printed_ = true;
+  rows += row(step.step().c_str(), outcome_text(step.outcome()), seconds.data(),
+              of_several_ ? with_lun(step.task_id(), step.reason()) : step.reason());
+  print_line(step, rows);
+}
+
+void snapshot_report::verdict(const SnapshotVerdict& verdict) {
+  std::array<char, 64> rest = {};
+  if (verdict.at_rest_seconds() > 0) {
+    std::snprintf(rest.data(), rest.size(), "; at rest for %.3f s", verdict.at_rest_seconds());
+  }
+  shown_text line = "verdict: " + printable(verdict.verdict()) + printable(rest.data());
+  if (!verdict.reason().empty()) line += "; " + printable(verdict.reason());
+  print_line(verdict, line + "\n");
+}
+
+void snapshot_report::print_line(const google::protobuf::Message& json, const shown_text& row) {
   try {
-    if (format_ == output_format::json) {
-      print(to_json(step) + "\n");
-      return;
-    }
-    if (!heading_printed_) print(row("STEP", "OUTCOME", "SECONDS", "REASON"));
-    heading_printed_ = true;
-    std::array<char, 32> seconds = {};
-    const bool was_run = step.outcome() != SnapshotStep::NOT_RUN;
-    if (was_run) std::snprintf(seconds.data(), seconds.size(), "%.3f", step.seconds());
-    print(row(step.step().c_str(), outcome_text(step.outcome()), was_run ? seconds.data() : "-",
-              step.reason()));
+    print(format_ == output_format::json ? to_json(json) + "\n" : row);
   } catch (const tool_error& error) {
     if (!output_error_) output_error_ = error;
   }

@@ -12,16 +12,19 @@
 
 namespace vexo::tools {
 
-// Reports a snapshot: on stdout a line or a JSON object for each step when it ends; on a terminal
-// also how long a wait has taken and may still take.
+// Reports a snapshot: on stdout a line or a JSON object for each step when it ends, and one for the
+// verdict; on a terminal also how long a wait has taken and may still take.
 class snapshot_report {
  public:
-  snapshot_report(output_format format, std::string task_id);
+  // `of_several`: the lines say which LUN they are about.
+  snapshot_report(output_format format, bool of_several)
+      : format_(format), of_several_(of_several) {}
 
-  // A step that ended. Never throws: the handshake has to be ended also when nobody reads stdout
-  // any more, see output_error().
-  void ended(SnapshotStep step);
-  // The problem that kept a step's line from being printed, if there was one.
+  // These never throw: the handshake has to be ended also when nobody reads stdout any more, see
+  // output_error().
+  void ended(const SnapshotStep& step);
+  void verdict(const SnapshotVerdict& verdict);
+  // The problem that kept a line from being printed, if there was one.
   const std::optional<tool_error>& output_error() const { return output_error_; }
 
   // Shows, on a terminal, that `step` has been waiting for a host.
@@ -30,9 +33,10 @@ class snapshot_report {
 
  private:
   void clear_wait();
+  void print_line(const google::protobuf::Message& json, const shown_text& row);
 
   const output_format format_;
-  const std::string task_id_;
+  const bool of_several_;
   bool heading_printed_ = false;
   bool wait_shown_ = false;
   std::optional<tool_error> output_error_;

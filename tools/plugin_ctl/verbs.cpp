@@ -37,4 +37,11 @@ CLI::Option* add_text(CLI::App& verb, const std::string& name, std::string& valu
   return verb.add_option(name, value, description)->check(CLI::Validator(refuse_bad_utf8, ""));
 }
 
+CLI::Option* add_text(CLI::App& verb, const std::string& name, std::vector<std::string>& values,
+                      const std::string& description) {
+  return verb.add_option(name, values, description)
+      ->allow_extra_args(false)  // one value for each time the option is given
+      ->check(CLI::Validator(refuse_bad_utf8, ""));
+}
+
 }  // namespace vexo::tools

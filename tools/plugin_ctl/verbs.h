@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "session.h"
 
@@ -23,8 +24,11 @@ CLI::App* add_verb(CLI::App& parent, session& with, const std::string& name,
                    const std::string& description, const std::string& example,
                    std::function<exit_code()> run);
 
-// An option or positional whose text is sent to the daemon, and so has to be UTF-8.
+// An option or positional whose text is sent to the daemon, and so has to be UTF-8. With several
+// values it is repeatable.
 CLI::Option* add_text(CLI::App& verb, const std::string& name, std::string& value,
+                      const std::string& description);
+CLI::Option* add_text(CLI::App& verb, const std::string& name, std::vector<std::string>& values,
                       const std::string& description);
 
 }  // namespace vexo::tools

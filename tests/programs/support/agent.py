@@ -42,13 +42,20 @@ class Agent(Program):
         self.signal(signal.SIGTERM)
         assert self.wait() == 0, self.err
 
-    def guardian(self):
-        """The process id of its guardian."""
-        for children in pathlib.Path(f"/proc/{self.pid}/task").glob("*/children"):
-            for child in children.read_text().split():
-                if pathlib.Path(f"/proc/{child}/comm").read_text() == "agent_guardian\n":
-                    return int(child)
-        raise AssertionError("no guardian")
+    def freezer(self):
+        """The process id of its freezer, waiting for it."""
+        return wait_until(self.find_freezer)
+
+    def find_freezer(self):
+        """The same, or None while there is none."""
+        try:
+            for children in pathlib.Path(f"/proc/{self.pid}/task").glob("*/children"):
+                for child in children.read_text().split():
+                    if pathlib.Path(f"/proc/{child}/comm").read_text() == "plugin_freezer\n":
+                        return int(child)
+        except (FileNotFoundError, ProcessLookupError):
+            pass
+        return None
 
 
 def go_to(step, call, hooks):

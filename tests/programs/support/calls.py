@@ -65,11 +65,11 @@ def channel_to(target):
         ("grpc.max_send_message_length", -1), ("grpc.max_receive_message_length", -1)])
 
 
-def serve(service):
-    """Serves the daemon's TCP port with this servicer."""
+def serve(service, target=TCP):
+    """Serves the daemon's TCP port, or another, with this servicer."""
     service.server = grpc.server(concurrent.futures.ThreadPoolExecutor(200))
     add_PluginServiceServicer_to_server(service, service.server)
-    assert service.server.add_insecure_port(TCP)
+    assert service.server.add_insecure_port(target)
     service.server.start()
 
 

@@ -74,7 +74,7 @@ network = pytest.fixture(lambda: Network(), name="network")
 def make_volume(_nothing_stays_behind):
     """make_volume("/tmp/inner"): support.volume.Volume. Must be thawed at the end."""
     with contextlib.ExitStack() as made:
-        yield lambda path: made.enter_context(contextlib.closing(Volume(path)))
+        yield lambda path, **how: made.enter_context(contextlib.closing(Volume(path, **how)))
 
 
 @pytest.fixture

@@ -38,6 +38,14 @@ def shut_towards_server():
             pass  # no connection
 
 
+def lose_tcp(port, on):
+    """Whether packets to and from this port of the test's own network are lost."""
+    run("nft", "delete", "table", "inet", "lost")  # which need not be there
+    if on:
+        _do("nft", f"table inet lost {{ chain out {{ type filter hook output priority 0; "
+                   f"tcp dport {port} drop; tcp sport {port} drop; }}; }}")
+
+
 class Network:
     """A host that is reached through a router: two more network namespaces, behind the test's own."""
 

@@ -14,6 +14,7 @@ SCSI_PLUGIN_SERVER = BUILD / "plugin_server/scsi_plugin_server"
 PLUGIN_CTL = BUILD / "tools/plugin_ctl/plugin_ctl"
 PLUGIN_GUARD = BUILD / "tools/plugin_guard/plugin_guard"
 PLUGIN_AGENT = BUILD / "tools/plugin_agent/plugin_agent"
+PLUGIN_FREEZER = BUILD / "tools/plugin_agent/plugin_freezer"
 SANITIZED = BUILD.name in ("asan", "tsan")
 
 
@@ -25,11 +26,11 @@ class Program:
 
     started = []  # all of this test
 
-    def __init__(self, *command, environment=None, stdout=None):
+    def __init__(self, *command, environment=None, stdout=None, stdin=subprocess.DEVNULL):
         self._out, self._err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
         self.command = [str(word) for word in command]
         self._process = subprocess.Popen(
-            self.command, stdin=subprocess.DEVNULL, stdout=stdout or self._out, stderr=self._err,
+            self.command, stdin=stdin, stdout=stdout or self._out, stderr=self._err,
             env={**os.environ, **(environment or {})})
         Program.started.append(self)
 

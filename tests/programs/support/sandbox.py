@@ -136,7 +136,7 @@ def _private_dev():
     scratch.mkdir()
     _mount("tmpfs", scratch, "tmpfs", _MS_NOSUID, "mode=755")
     loops = [each.name for each in pathlib.Path("/dev").glob("loop*")]
-    for name in ["null", "zero", "full", "random", "urandom", "tty", *loops]:
+    for name in ["null", "zero", "full", "random", "urandom", "tty", "fuse", *loops]:
         if os.path.exists(f"/dev/{name}"):
             (scratch / name).touch()
             _mount(f"/dev/{name}", scratch / name, None, _MS_BIND)

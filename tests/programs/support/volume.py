@@ -5,12 +5,13 @@ import fcntl
 import itertools
 import os
 import pathlib
+import signal
 import threading
 import time
 
 import pytest
 
-from support.program import run
+from support.program import Program, run
 from support.waiting import wait_until
 
 _FIFREEZE, _FITHAW = 0xC0045877, 0xC0045878
@@ -20,15 +21,24 @@ _FROZEN = 0.15  # seconds; longer than a write takes on a busy machine
 class Volume:
     """ext4 on an image, mounted by loop, and a writer that has every write on the disk before the next.
 
-    Skips the test where there can be none. Whoever makes one ends it with close().
+    Skips the test where there can be none. Whoever makes one ends it with close(). With `stalling` the
+    image lies where stall() can hold up whatever is written to it, until resume().
     """
 
-    def __init__(self, path):
+    def __init__(self, path, stalling=False):
         if os.geteuid() != 0 or pathlib.Path("/proc/self/uid_map").read_text().split()[2] == "1":
             pytest.skip("only root can mount and freeze file systems")
         self.path = pathlib.Path(path)
         self.path.mkdir()
-        image = f"{path}.image"
+        image, self._storage = f"{path}.image", None
+        if stalling:
+            for folder in (f"{path}.below", f"{path}.image"):
+                pathlib.Path(folder).mkdir()
+            self._storage = Program("bindfs", "-f", f"{path}.below", image)
+            wait_until(lambda: os.path.ismount(f"{path}.image") or not self._storage.alive)
+            if not self._storage.alive:
+                pytest.skip(f"bindfs: {self._storage.err}")
+            image += "/image"
         for command in (["truncate", "--size", "16M", image], ["mkfs.ext4", "-q", image],
                         ["mount", "-o", "loop", image, self.path]):
             tried = run(*command)
@@ -38,10 +48,19 @@ class Volume:
         self._over = False
         self._began = time.monotonic()  # the last write
         self._longest = 0
+        self.writes = []  # when each began and ended that succeeded, on the monotonic clock
         self._writer = threading.Thread(target=self._write_on, daemon=True)
         self._writer.start()
 
+    def stall(self):
+        self._storage.stop()
+
+    def resume(self):
+        self._storage.signal(signal.SIGCONT)
+
     def close(self):
+        if self._storage:
+            self.resume()
         left_frozen = self.thaw() == 0
         self._over = True
         self._writer.join()
@@ -88,6 +107,8 @@ class Volume:
             self._began = time.monotonic()
             os.pwrite(file, bytes([number % 256]), 0)
             os.fdatasync(file)
-            self._longest = max(self._longest, time.monotonic() - self._began)
+            ended = time.monotonic()
+            self.writes.append((self._began, ended))
+            self._longest = max(self._longest, ended - self._began)
             time.sleep(0.003)
         os.close(file)

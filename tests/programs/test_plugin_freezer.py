@@ -1,0 +1,310 @@
+# What plugin_freezer promises: spoken to over its socket in the agent's place, or beside the agent.
+
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+import pytest
+
+from support.calls import LUN, depart_done, init_snapshot, mirror_done
+from support.program import PLUGIN_AGENT, PLUGIN_FREEZER, SOURCE, Program, exists, run
+from support.waiting import wait_until
+
+RECORD = pathlib.Path("/run/plugin_agent/frozen")
+
+
+class Freezer(Program):
+    """One that brings `mount_points` to rest for the member "a", whose command may be given."""
+
+    def __init__(self, *mount_points, hooks=(), command=(), max_freeze=2000, hook_timeout=5000, waits=True):
+        self._socket, its_end = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.reports = []
+        super().__init__(PLUGIN_FREEZER, stdin=its_end)
+        its_end.close()
+        plan = {"run_dir": b"/run/plugin_agent", "mount_points": [os.fsencode(each) for each in mount_points],
+                "max_freeze_ms": max_freeze, "hook_timeout_ms": hook_timeout,
+                "hooks": [{"name": os.fsencode(each.name), "path": os.fsencode(each)} for each in hooks],
+                "member": {"name": b"a", "command": [os.fsencode(word) for word in command]}}
+        self.ask(begin=plan)
+        if waits:
+            self.report("frozen")
+
+    def ask(self, **request):
+        self._socket.send(messages().FreezerRequest(**request).SerializeToString())
+
+    def report(self, kind):
+        """The next report of a kind, waiting for it."""
+        while True:
+            text = self._socket.recv(1 << 20)
+            assert text, f"ended without {kind}"
+            self.reports.append(messages().FreezerReport.FromString(text))
+            if self.reports[-1].WhichOneof("kind") == kind:
+                return getattr(self.reports[-1], kind)
+
+    def leave(self):
+        """As an agent that has died."""
+        self._socket.close()
+
+
+def messages():
+    """The freezer's messages."""
+    folder = pathlib.Path("/tmp/messages")
+    if not folder.exists():
+        folder.mkdir()
+        subprocess.run(["protoc", f"--proto_path={SOURCE}/tools/plugin_freezer", f"--python_out={folder}",
+                        "freezer.proto"], check=True)
+        sys.path.insert(0, str(folder))
+    import freezer_pb2  # pylint: disable=import-outside-toplevel
+    return freezer_pb2
+
+
+def make_hook(name, text):
+    path = pathlib.Path("/tmp/hooks_of_freezer")
+    path.mkdir(exist_ok=True)
+    (path / name).write_text("#!/bin/sh\n" + text)
+    (path / name).chmod(0o755)
+    return path / name
+
+
+# --- members, and the command before a thaw that nobody has asked for ------------------------------
+
+def test_the_last_member_to_leave_ends_the_rest(volume):
+    freezer = Freezer(volume.path, command=["/usr/bin/touch", "/tmp/commanded"])
+    freezer.ask(join={"name": b"b"})
+    assert freezer.report("joined") == b"b"
+    freezer.ask(leave=b"a")
+    volume.wait_until_frozen()
+    freezer.ask(leave=b"b")
+    thawed = freezer.report("thawed")
+    assert (thawed.reason, thawed.certain) == (b"", True)
+    volume.wait_until_thawed()
+    assert freezer.wait() == 0 and not RECORD.exists()
+    assert not pathlib.Path("/tmp/commanded").exists(), "somebody had asked for this thaw"
+
+
+@pytest.mark.parametrize("cause, reason", [
+    ("deadline", b"the host was thawed at the limit of 2 s"), ("agent gone", None), ("signal", b"by a signal"),
+    ("killed", None)])
+def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, reason):
+    """While the host is still at rest; one that hangs holds up the thaw for a second, and never past the
+    deadline."""
+    def command(name):
+        return ["/bin/sh", "-c", f"touch /tmp/{name}; dd of={volume.path}/{name} oflag=sync count=1 </dev/zero"]
+    freezer = Freezer(volume.path, command=command("a"))
+    freezer.ask(join={"name": b"b", "command": [os.fsencode(word) for word in command("b")]})
+    freezer.report("joined")
+    volume.wait_until_frozen()
+    volume.longest_stall()
+    if cause == "agent gone":
+        freezer.leave()
+    elif cause == "signal":
+        freezer.signal(signal.SIGTERM)
+    elif cause == "killed":
+        freezer.kill()
+        assert "was left frozen" in run(PLUGIN_FREEZER, "--thaw").err
+    if reason:
+        assert reason in freezer.report("thawed").reason
+    volume.wait_until_thawed()
+    assert pathlib.Path("/tmp/a").exists() and pathlib.Path("/tmp/b").exists()
+    assert volume.longest_stall() < 2.5
+    assert freezer.wait() in (0, -signal.SIGKILL)
+
+
+# --- what is frozen late --------------------------------------------------------------------------
+
+@pytest.mark.parametrize("killed", [False, True], ids=["", "and the freezer is killed"])
+@pytest.mark.parametrize("by", ["hook", "agent"])
+def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, volume, make_volume, start_agent,
+                                                                     by, killed):
+    """The storage stalls in FIFREEZE, which nothing can end."""
+    slow = make_volume("/tmp/slow", stalling=True)
+    hook = make_hook("10-slow", f"case $1 in freeze) fsfreeze --freeze {slow.path};; "
+                                f"thaw) timeout 0.2 fsfreeze --unfreeze {slow.path};; esac; true")
+    options = ("--hooks", hook.parent) if by == "hook" else ("--fs", slow.path)
+    agent = start_agent("--fs", volume.path, "--max-freeze", "2", "--hook-timeout", "0.5", *options)
+    assert daemon.call.ask(init_snapshot(LUN))
+    slow.stall()
+    volume.longest_stall()
+    assert daemon.call.ask(mirror_done(LUN))
+    assert agent.record()["verdict"] == "failed"
+    assert volume.longest_stall() < 3.2, "one stuck device must not keep the others frozen"
+    if killed:
+        os.kill(agent.freezer(), signal.SIGKILL)
+        agent.kill()
+        agent = start_agent("--fs", volume.path)
+    agent.wait_for_err("what may freeze something yet is waited for")
+    slow.resume()
+    agent.wait_for_err("what was waited for is gone; thawed again") if not killed else None
+    slow.wait_until_thawed()
+    wait_until(lambda: not RECORD.exists())
+    slow.wait_until_thawed()
+
+
+# --- bounds ---------------------------------------------------------------------------------------
+
+def test_a_thaw_hook_that_hangs_keeps_nothing_else_frozen(daemon, volume, start_agent):
+    hooks = make_hook("10-volume", f"case $1 in freeze) fsfreeze --freeze {volume.path};; "
+                                   f"thaw) fsfreeze --unfreeze {volume.path};; esac").parent
+    make_hook("20-hangs", "[ $1 != thaw ] || sleep 60")
+    agent = start_agent("--hooks", hooks, "--max-freeze", "1", "--hook-timeout", "3")
+    volume.longest_stall()
+    daemon.call.go_to_split()
+    assert daemon.call.ask(depart_done(LUN))
+    record = agent.record()
+    assert volume.longest_stall() < 2
+    assert record["verdict"] == "failed" and "longer than the limit of 1 s" in record["reason"], record
+
+
+@pytest.mark.parametrize("how", ["--thaw-and-exit", "second SIGTERM"])
+def test_the_emergency_thaws_at_once(daemon, volume, hooks, start_agent, how):
+    """Whatever the living agent waits for."""
+    agent = start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", "25")
+    daemon.call.go_to_split()
+    volume.wait_until_frozen()
+    daemon.stop()
+    begun = time.monotonic()
+    if how == "--thaw-and-exit":
+        run(PLUGIN_AGENT, "--thaw-and-exit")
+    else:
+        agent.signal(signal.SIGTERM)
+        time.sleep(0.1)
+        agent.signal(signal.SIGTERM)
+    volume.wait_until_thawed()
+    assert time.monotonic() - begun < 2
+    hooks.wait_until_thawed("10-a")
+    daemon.signal(signal.SIGCONT)
+    assert agent.record()["verdict"] == "failed"
+
+
+def test_a_stopped_freezer_of_a_killed_agent_is_woken(daemon, volume, start_agent):
+    agent = start_agent("--fs", volume.path, "--max-freeze", "25")
+    daemon.call.go_to_split()
+    volume.wait_until_frozen()
+    os.kill(agent.freezer(), signal.SIGSTOP)
+    agent.kill()
+    begun = time.monotonic()
+    start_agent("--fs", volume.path, serves=False)
+    volume.wait_until_thawed()
+    assert time.monotonic() - begun < 5
+
+
+def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_agent):
+    """Played by a process that has its lock and does nothing."""
+    freezer = Freezer(volume.path, max_freeze=60000)
+    record = RECORD.read_text()
+    freezer.kill()
+    in_two_seconds = int((time.monotonic() + 2) * 1000)
+    lines = [f"until: {in_two_seconds}" if line.startswith("until:") else line for line in record.splitlines()]
+    RECORD.write_text("\n".join(lines))
+    hung = Program(sys.executable, "-c", "import fcntl, time; lock = open('/run/plugin_agent/lock', 'r+');"
+                   "fcntl.lockf(lock, fcntl.LOCK_EX); print('locked', flush=True); time.sleep(600)")
+    hung.wait_for_out("locked")
+    agent = start_agent("--fs", volume.path, serves=False)
+    agent.wait_for_err(f"freezer {hung.pid} has this host at rest; waiting for at most ")
+    agent.wait_for_err(f"freezer {hung.pid} hangs; it is killed")
+    volume.wait_until_thawed()
+
+
+def test_between_two_rests_the_host_is_thawed_as_long_as_it_was_frozen(volume):
+    first = Freezer(volume.path)
+    time.sleep(0.7)
+    first.ask(leave=b"a")
+    frozen = first.report("thawed").frozen_ms
+    thawed_at = time.monotonic()
+    second = Freezer(volume.path, waits=False)
+    second.report("begun")
+    assert time.monotonic() - thawed_at > 0.9 * frozen / 1000
+    second.leave()
+
+
+# --- what is frozen -------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("way", ["moved", "lazily unmounted", "in another namespace", "device out of reach"])
+def test_the_record_leads_to_a_file_system_wherever_it_is_mounted(volume, way):
+    other = pathlib.Path("/tmp/elsewhere")
+    other.mkdir()
+    loop = pathlib.Path(run("findmnt", "--noheadings", "--output", "SOURCE", volume.path).out.strip())
+    freezer = Freezer(volume.path, max_freeze=60000)
+    keeper = Program("unshare", "--mount", "sleep", "600") if way == "in another namespace" else None
+    if keeper:
+        wait_until(lambda: os.readlink(f"/proc/{keeper.pid}/ns/mnt") != os.readlink("/proc/self/ns/mnt"))
+    freezer.kill()
+    if way == "moved":
+        assert run("mount", "--move", volume.path, other).status == 0
+    else:
+        assert run("umount", "--lazy", volume.path).status == 0
+    if way == "device out of reach":
+        assert run("mount", "--bind", "/dev/null", loop).status == 0
+        assert f"the file system on {loop} that was mounted at {volume.path} may be frozen" in \
+            run(PLUGIN_AGENT, "--thaw-and-exit").err
+        assert RECORD.exists()
+        assert run("umount", loop).status == 0
+    assert "was left frozen" in run(PLUGIN_AGENT, "--thaw-and-exit").err
+    volume.wait_until_thawed()
+    assert not RECORD.exists()
+    if way != "moved":
+        assert run("mount", loop, volume.path).status == 0  # for its close()
+    else:
+        assert run("mount", "--move", other, volume.path).status == 0
+
+
+@pytest.mark.parametrize("kind", ["bind mounts", "btrfs subvolumes"])
+def test_two_mounts_of_one_file_system_are_frozen_once(daemon, make_volume, start_agent, kind):
+    if kind == "bind mounts":
+        volume = make_volume("/tmp/data")
+        source, parts = volume.path, ["a", "b"]
+        for part in parts:
+            (volume.path / part).mkdir()
+        mounts = [["mount", "--bind", volume.path / part, f"/tmp/{part}"] for part in parts]
+    else:
+        image = "/tmp/btrfs.image"
+        for command in (["truncate", "--size", "128M", image], ["mkfs.btrfs", "-q", image],
+                        ["mkdir", "/tmp/whole"], ["mount", "-o", "loop", image, "/tmp/whole"],
+                        ["btrfs", "subvolume", "create", "/tmp/whole/a"],
+                        ["btrfs", "subvolume", "create", "/tmp/whole/b"]):
+            tried = run(*command)
+            if tried.status != 0:
+                pytest.skip(f"{command[0]}: {tried.err}")
+        source = run("findmnt", "--noheadings", "--output", "SOURCE", "/tmp/whole").out.strip()
+        mounts = [["mount", "-o", f"subvol={part}", source, f"/tmp/{part}"] for part in ("a", "b")]
+    for part, mount in zip("ab", mounts):
+        os.mkdir(f"/tmp/{part}")
+        assert run(*mount).status == 0
+    agent = start_agent("--fs", "/tmp/a", "--fs", "/tmp/b")
+    assert "/tmp/a is only /a of the file system on" in agent.err
+    assert "are one file system, which is frozen once" in agent.err
+    daemon.call.whole_handshake()
+    assert agent.record()["verdict"] == "filesystem-consistent", agent.record()
+    agent.leave()
+    for path in ("/tmp/a", "/tmp/b", "/tmp/whole")[:2 if kind == "bind mounts" else 3]:
+        assert run("umount", path).status == 0
+
+
+# --- hooks ----------------------------------------------------------------------------------------
+
+def test_a_hook_may_write_what_and_where_it_likes(daemon, start_agent):
+    hook = make_hook("10-talks", "echo said >/proc/self/fd/2 && head -c 300000 /dev/zero | tr '\\0' x || exit 9\n"
+                                 "[ $1 != prepare ] || (sleep 0.3; echo late; touch /tmp/late) &\n")
+    agent = start_agent("--hooks", hook.parent)
+    daemon.call.whole_handshake()
+    record = agent.record()
+    assert record["verdict"] == "application-consistent", record
+    printed = next(line for line in agent.err.splitlines() if "hook 10-talks freeze: said" in line)
+    assert 16000 < printed.count("x") < 16384
+
+
+def test_the_ready_hook_thaws_only_what_it_has_frozen(volume):
+    hook = SOURCE / "tools/plugin_agent/hooks/90-fsfreeze"
+    pathlib.Path("/tmp/conf").write_text(f"{volume.path}\n", encoding="ascii")
+    environment = {"FSFREEZE_CONF": "/tmp/conf", "PLUGIN_AGENT_STATE": "/tmp"}
+    assert volume.freeze() == 0
+    assert run(hook, "freeze", environment=environment).status == 1
+    assert run(hook, "thaw", environment=environment).status == 0
+    assert volume.thaw() == 0, "it was not the hook's to thaw"
+    assert run(hook, "freeze", environment=environment).status == 0
+    assert run(hook, "thaw", environment=environment).status == 0
+    volume.wait_until_thawed()

@@ -1,0 +1,170 @@
+# Exit code 0 of `plugin_ctl snapshot` means that the host was at rest throughout: snapshots of a file
+# system in use, with a fault each at a random moment, and a writer whose successes are on record.
+
+import json
+import os
+import random
+import signal
+import threading
+import time
+
+import pytest
+
+from lun_cmd_pb2 import LunCmdResp
+from plugin_service_pb2_grpc import PluginServiceServicer
+from support.calls import TCP, Caller, serve
+from support.network import lose_tcp
+from support.program import PLUGIN_CTL, Program, exists
+from support.waiting import wait_until
+
+# The real thing is VERDICT_CHAOS=125: eight times as many in all, since there are eight seeds then.
+SNAPSHOTS = int(os.environ.get("VERDICT_CHAOS", 10))
+SEEDS = range(8 if "VERDICT_CHAOS" in os.environ else 1)
+FAULTS = ["none", "agent killed", "freezer killed", "both killed", "agent stopped", "freezer stopped",
+          "both stopped", "daemon stopped", "network down", "split too long", "told to stop twice"]
+MAX_FREEZE, HOLD, MAX_SPLIT = 3, 1.5, 1.2  # seconds
+LUNS = [f"lun-{number:04}" for number in range(SNAPSHOTS)]
+PROXY = "127.0.0.1:3266"
+
+
+class Snapshot:
+    """A run of `plugin_ctl snapshot`, and when its split was under way."""
+
+    def __init__(self, lun, seconds):
+        reader, writer = os.pipe()
+        self._lines = {}  # of the report: when it came
+        split = f"sleep {seconds:.3f}; cut -d' ' -f1 /proc/uptime >/tmp/split_ended"
+        self.program = Program(PLUGIN_CTL, "snapshot", "--p80", lun, "-o", "json", "--max-split", MAX_SPLIT,
+                               "--split", split, stdout=writer)
+        os.close(writer)
+        self._reader = threading.Thread(target=self._read, args=(reader,))
+        self._reader.start()
+
+    def is_waited_for(self):
+        return "wait_for_depart" in self._lines
+
+    def was_called_good(self):
+        """Waits for its end."""
+        good = self.program.wait(patience=90) == 0
+        self._reader.join()
+        return good
+
+    def split(self):
+        """From the end of the wait to the end of the split, on the monotonic clock."""
+        with open("/tmp/split_ended", encoding="ascii") as ended:
+            return self._lines["wait_for_depart"], float(ended.read())
+
+    def _read(self, reader):
+        with open(reader, encoding="utf-8") as report:
+            for line in report:
+                self._lines[json.loads(line).get("step", "verdict")] = time.monotonic()
+
+
+def happen(kind, agent, daemon):
+    who, _, what = kind.partition(" ")
+    freezer = agent.find_freezer()
+    number = {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP}.get(what)
+    if who in ("freezer", "both") and freezer and exists(freezer):
+        os.kill(freezer, number)
+    if who in ("agent", "both"):
+        agent.signal(number)
+    elif kind == "daemon stopped":
+        daemon.stop()
+    elif kind == "network down":
+        lose_tcp(3265, True)
+    elif kind == "told to stop twice":
+        agent.signal(signal.SIGTERM)
+        agent.signal(signal.SIGTERM)
+
+
+def make_good(agent, daemon):
+    lose_tcp(3265, False)
+    for program in (daemon, agent):
+        program.signal(signal.SIGCONT)
+    freezer = agent.find_freezer()
+    if freezer and exists(freezer):
+        os.kill(freezer, signal.SIGCONT)
+
+
+def violations(daemon, volume, start, chance, kinds):
+    """Takes snapshots: how many were called good, and which of these were written to meanwhile."""
+    agent, good, bad = start(), 0, []
+    for lun in LUNS:
+        kind = chance.choice(kinds)
+        wait_until(lambda: daemon.call.ids() == ["host"])
+        for left in ("/run/plugin_agent/pause", "/tmp/split_ended"):  # no pause between two rests
+            if os.path.exists(left):
+                os.unlink(left)
+        volume.writes.clear()
+        snapshot = Snapshot(lun, chance.uniform(0, 1) + (MAX_FREEZE if kind == "split too long" else 0))
+        if chance.random() < 0.7:
+            wait_until(lambda: snapshot.is_waited_for() or not snapshot.program.alive)
+        time.sleep(chance.uniform(0, 0.9))
+        happen(kind, agent, daemon)
+        if kind in ("agent killed", "both killed", "told to stop twice"):
+            agent.wait()
+            agent = start()  # as a service manager does
+        elif kind == "daemon stopped" or chance.random() < 0.5:
+            time.sleep(chance.uniform(0, 1.5))
+            make_good(agent, daemon)
+        called_good = snapshot.was_called_good()
+        make_good(agent, daemon)
+        volume.wait_until_thawed()
+        if called_good:
+            good += 1
+            begin, end = snapshot.split()
+            if any(begin < began and ended < end for began, ended in list(volume.writes)):
+                bad.append((lun, kind))
+    return good, bad
+
+
+@pytest.fixture(name="daemon")
+def daemon_with_many_luns(start_daemon):
+    return start_daemon(luns=LUNS)
+
+
+@pytest.fixture
+def starter(volume, start_agent):
+    """starter(appliance): what starts an agent for it."""
+    return lambda appliance: lambda: start_agent(
+        "--fs", volume.path, "--max-freeze", MAX_FREEZE, "--hold", HOLD, appliance=appliance, lun="any",
+        serves=False)
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("seed", SEEDS)
+def test_what_is_called_good_was_not_written_to(daemon, volume, starter, seed):
+    good, bad = violations(daemon, volume, starter("127.0.0.1"), random.Random(seed), FAULTS)
+    print(f"seed {seed}: {good} of {SNAPSHOTS} called good, written to: {bad}")
+    assert not bad
+    assert good > 0
+
+
+class Deaf(PluginServiceServicer):
+    """The daemon, but for departures that are taken back, of which it does not hear."""
+
+    def __init__(self):
+        self._daemon, self._departed = Caller(TCP).stub, set()
+
+    def Subscribe(self, request, context):
+        yield from self._daemon.Subscribe(request)
+
+    def PluginConnList(self, request, context):
+        return self._daemon.PluginConnList(request)
+
+    def UnSubscribe(self, request, context):
+        return self._daemon.UnSubscribe(request)
+
+    def LunOp(self, request, context):
+        if request.HasField("depart_relation_req"):
+            self._departed.add(request.depart_relation_req.src_lun_id)
+        elif request.HasField("start_mirror_req") and request.start_mirror_req.src_lun_id in self._departed:
+            return LunCmdResp(success=True)
+        return self._daemon.LunOp(request)
+
+
+@pytest.mark.slow
+def test_the_record_of_writes_finds_a_host_that_does_not_take_its_departure_back(daemon, volume, starter):
+    serve(Deaf(), PROXY)
+    _, bad = violations(daemon, volume, starter(PROXY), random.Random(0), ["freezer killed"])
+    assert bad

@@ -1,0 +1,60 @@
+#ifndef TOOLS_PLUGIN_AGENT_HOST_RESTS_H_
+#define TOOLS_PLUGIN_AGENT_HOST_RESTS_H_
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "common/event.h"
+#include "freezer.pb.h"
+#include "plugin_agent/quiesce.h"
+
+namespace vexo::tools {
+
+// What the handshakes of this host share: the rest under way, and the moment in which those whose
+// mirrors are done at the same time gather, so that one rest is for all of them. Any thread may
+// call.
+class host_rests {
+ public:
+  using clock = std::chrono::steady_clock;
+
+  // How long a handshake whose mirror is done waits for others to find theirs done too.
+  static constexpr std::chrono::milliseconds kGatherTime{200};
+  // The pause between two questions about a mirror meanwhile.
+  static constexpr std::chrono::milliseconds kGatherPoll{20};
+
+  // While it lives a handshake waits for its mirror; `news` is raised when it is to ask at once.
+  class mirror_wait {
+   public:
+    mirror_wait(host_rests& all, event& news);
+    ~mirror_wait();
+    mirror_wait(const mirror_wait&) = delete;
+    mirror_wait& operator=(const mirror_wait&) = delete;
+
+   private:
+    host_rests& all_;
+    event& news_;
+  };
+
+  // A mirror is done: has the others ask about theirs.
+  void gather();
+  bool is_gathering();
+  // Whether a handshake whose mirror is done need not wait for others any longer.
+  bool has_gathered();
+
+  // The rest under way, joined, if `hold` is left of it; otherwise a new one. Throws
+  // std::runtime_error when there is no freezer to be had.
+  std::shared_ptr<quiesce> enter(const FreezerPlan& plan, event& news,
+                                 std::chrono::milliseconds hold);
+
+ private:
+  std::mutex mutex_;
+  std::weak_ptr<quiesce> current_;  // under mutex_, as all below
+  std::multiset<event*> waiting_;
+  clock::time_point gathered_;  // the end of the moment
+};
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_AGENT_HOST_RESTS_H_

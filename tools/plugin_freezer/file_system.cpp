@@ -1,0 +1,143 @@
+#include "plugin_freezer/file_system.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace vexo::tools {
+
+namespace {
+
+std::string errno_text() { return std::generic_category().message(errno); }
+
+// Blanks, among others, stand there as "\040".
+std::string unescaped(const std::string& text) {
+  std::string plain;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 3 < text.size()) {
+      plain += static_cast<char>(std::stoi(text.substr(i + 1, 3), nullptr, 8));
+      i += 3;
+    } else {
+      plain += text[i];
+    }
+  }
+  return plain;
+}
+
+std::string resolved(const std::string& path) {
+  const std::unique_ptr<char, void (*)(void*)> real(realpath(path.c_str(), nullptr), std::free);
+  if (!real) throw std::runtime_error(path + " cannot be frozen: " + errno_text());
+  return real.get();
+}
+
+}  // namespace
+
+std::vector<mount_entry> mount_table(const std::string& file) {
+  // 36 35 98:0 /root /mount/point rw,noatime shared:1 - ext4 /dev/sda1 rw
+  std::vector<mount_entry> found;
+  std::ifstream lines(file);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    mount_entry entry;
+    unsigned device_major = 0;
+    unsigned device_minor = 0;
+    char colon = 0;
+    std::string word;
+    words >> entry.id >> word >> device_major >> colon >> device_minor >> entry.root >>
+        entry.mount_point;
+    while (words >> word && word != "-") {
+    }
+    if (!(words >> entry.type)) continue;
+    words >> entry.source;
+    entry.device = makedev(device_major, device_minor);
+    for (auto* text : {&entry.root, &entry.mount_point, &entry.source}) *text = unescaped(*text);
+    found.push_back(std::move(entry));
+  }
+  return found;
+}
+
+int mount_id_of(int fd) {
+  std::ifstream facts("/proc/self/fdinfo/" + std::to_string(fd));
+  for (std::string name; facts >> name;) {
+    int id = -1;
+    if (name == "mnt_id:" && facts >> id) return id;
+  }
+  return -1;
+}
+
+std::vector<file_system> open_file_systems(const std::vector<std::string>& mount_points,
+                                           std::vector<std::string>* remarks) {
+  const auto remark = [&](const std::string& text) {
+    if (remarks != nullptr) remarks->push_back(text);
+  };
+  const auto table = mount_table();
+  std::map<std::ptrdiff_t, file_system, std::greater<>> by_place;
+  for (const auto& given : mount_points) {
+    const std::string path = resolved(given);
+    file_system opened;
+    opened.root = unique_fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!opened.root) throw std::runtime_error(given + " cannot be frozen: " + errno_text());
+    const int id = mount_id_of(opened.root.get());
+    const auto mount =
+        std::find_if(table.begin(), table.end(), [&](const auto& entry) { return entry.id == id; });
+    if (mount == table.end() || mount->mount_point != path) {
+      throw std::runtime_error(given + " cannot be frozen: nothing is mounted there");
+    }
+    opened.mount = *mount;
+    if (mount->root != "/") {
+      remark(given + " is only " + mount->root + " of the file system on " + mount->source +
+             ", all of which is frozen");
+    }
+    const auto same = std::find_if(by_place.begin(), by_place.end(), [&](const auto& other) {
+      return other.second.mount.device == mount->device;
+    });
+    if (same == by_place.end()) {
+      by_place.emplace(mount - table.begin(), std::move(opened));
+    } else {
+      remark(given + " and " + same->second.mount.mount_point +
+             " are one file system, which is frozen once");
+    }
+  }
+  std::vector<file_system> opened;
+  for (auto& [place, one] : by_place) opened.push_back(std::move(one));
+  return opened;
+}
+
+bool cannot_be_frozen(const std::string& type) {
+  // Those in memory, on the network or of other programs, the kernel's own views of itself, and the
+  // simplest of those on disks.
+  static const std::set<std::string> without = {
+      "9p",    "autofs", "ceph",    "cgroup",  "cgroup2",  "cifs",  "devpts", "devtmpfs",
+      "exfat", "fuse",   "fuseblk", "iso9660", "msdos",    "nfs",   "nfs4",   "overlay",
+      "proc",  "ramfs",  "smb3",    "sysfs",   "squashfs", "tmpfs", "vfat",   "virtiofs"};
+  return without.contains(type) || type.starts_with("fuse.");
+}
+
+dev_t superblock_of(const std::string& path) {
+  const unique_fd file(open(path.c_str(), O_PATH | O_CLOEXEC));
+  if (!file) throw std::runtime_error(path + ": " + errno_text());
+  const int id = mount_id_of(file.get());
+  for (const auto& entry : mount_table()) {
+    if (entry.id == id) return entry.device;
+  }
+  throw std::runtime_error(path + " lies on no mounted file system");
+}
+
+int freeze_file_system(int root) noexcept { return ioctl(root, FIFREEZE, 0) == 0 ? 0 : errno; }
+
+int thaw_file_system(int root) noexcept { return ioctl(root, FITHAW, 0) == 0 ? 0 : errno; }
+
+}  // namespace vexo::tools

@@ -1,0 +1,132 @@
+#include "plugin_freezer/turn.h"
+
+#include <fcntl.h>
+#include <google/protobuf/io/tokenizer.h>
+#include <google/protobuf/text_format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+#include "plugin_freezer/run_directory.h"
+
+namespace vexo::tools {
+
+namespace {
+
+constexpr char kRecord[] = "frozen";
+constexpr char kPause[] = "pause";
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+void sync_path(const std::string& path) {
+  const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file || fsync(file.get()) != 0) fail(path);
+}
+
+struct flock whole_file() {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+// Its complaints would go to stderr.
+class silent : public google::protobuf::io::ErrorCollector {
+  void AddError(int /*line*/, int /*column*/, const std::string& /*message*/) override {}
+};
+
+// False when not all of it could be read.
+bool read_message(const std::string& path, google::protobuf::Message& content) {
+  std::ifstream file(path);
+  const std::string text((std::istreambuf_iterator<char>(file)), {});
+  silent errors;
+  google::protobuf::TextFormat::Parser parser;
+  parser.RecordErrorsTo(&errors);
+  parser.AllowUnknownField(true);
+  return parser.ParseFromString(text, &content);
+}
+
+}  // namespace
+
+std::string boot_id() {
+  std::string id;
+  std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
+  return id;
+}
+
+turn::turn(std::string directory) : directory_(std::move(directory)) {
+  make_run_directory(directory_);
+  const std::string path = directory_ + "/lock";
+  lock_ = unique_fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!lock_) fail(path);
+}
+
+bool turn::try_take() {
+  auto lock = whole_file();
+  if (fcntl(lock_.get(), F_SETLK, &lock) == 0) return true;
+  if (errno != EAGAIN && errno != EACCES) fail(directory_ + "/lock");
+  return false;
+}
+
+void turn::give_back() {
+  auto lock = whole_file();
+  lock.l_type = F_UNLCK;
+  fcntl(lock_.get(), F_SETLK, &lock);
+}
+
+pid_t turn::holder() const {
+  auto lock = whole_file();
+  if (fcntl(lock_.get(), F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return 0;
+  return lock.l_pid;
+}
+
+std::optional<RestRecord> turn::record(bool* damaged) const {
+  const std::string path = directory_ + "/" + kRecord;
+  if (access(path.c_str(), F_OK) != 0) return std::nullopt;
+  RestRecord record;
+  const bool whole = read_message(path, record);
+  if (damaged != nullptr) *damaged = !whole;
+  return record;
+}
+
+void turn::write(const RestRecord& record) const { write_file(kRecord, record); }
+
+void turn::remove_record() const { unlink((directory_ + "/" + kRecord).c_str()); }
+
+std::chrono::steady_clock::time_point turn::not_before() const {
+  RestRecord pause;
+  read_message(directory_ + "/" + kPause, pause);
+  return pause.boot_id() == boot_id() ? from_ms(pause.until())
+                                      : std::chrono::steady_clock::time_point();
+}
+
+void turn::set_not_before(std::chrono::steady_clock::time_point time) const {
+  RestRecord pause;
+  pause.set_boot_id(boot_id());
+  pause.set_until(to_ms(time));
+  write_file(kPause, pause);
+}
+
+void turn::write_file(const std::string& name, const google::protobuf::Message& content) const {
+  const std::string path = directory_ + "/" + name;
+  const std::string incomplete = path + ".new";
+  {
+    std::string text;
+    google::protobuf::TextFormat::PrintToString(content, &text);
+    std::ofstream file(incomplete, std::ios::trunc);
+    file << text;
+    file.close();
+    if (!file) fail(incomplete);
+  }
+  sync_path(incomplete);
+  if (rename(incomplete.c_str(), path.c_str()) != 0) fail(path);
+  sync_path(directory_);
+}
+
+}  // namespace vexo::tools

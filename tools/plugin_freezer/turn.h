@@ -1,0 +1,63 @@
+#ifndef TOOLS_PLUGIN_FREEZER_TURN_H_
+#define TOOLS_PLUGIN_FREEZER_TURN_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "common/unique_fd.h"
+#include "freezer.pb.h"
+
+namespace vexo::tools {
+
+// Points in time as messages and records have them.
+inline std::int64_t to_ms(std::chrono::steady_clock::time_point time) {
+  return std::chrono::ceil<std::chrono::milliseconds>(time.time_since_epoch()).count();
+}
+inline std::chrono::steady_clock::time_point from_ms(std::int64_t time) {
+  return std::chrono::steady_clock::time_point(std::chrono::milliseconds(time));
+}
+
+// The right to freeze on this host, which one rest has at a time, and the record of that rest, in
+// the run directory. It is a lock on a file that belongs to the process alone: it ends with the
+// freezer, also while a child of it hangs in the kernel.
+class turn {
+ public:
+  // Creates the directory if it is missing. Throws std::runtime_error with a sentence for the user.
+  // One of one directory per process: closing another would give the lock back.
+  explicit turn(std::string directory);
+
+  bool try_take();
+  void give_back();
+  // Who has it; 0 when nobody or this process does.
+  pid_t holder() const;
+
+  // The record of the rest under way or, when nobody has the turn, of one that nobody has undone.
+  // Where it cannot be read in full, it is what could be read, and `damaged` is set.
+  std::optional<RestRecord> record(bool* damaged = nullptr) const;
+  // The following are for whoever has the turn. write() has synced when it returns, and throws
+  // std::system_error.
+  void write(const RestRecord& record) const;
+  void remove_record() const;
+
+  // No rest may begin before: between two the host is thawed for at least as long as the first
+  // lasted.
+  std::chrono::steady_clock::time_point not_before() const;
+  void set_not_before(std::chrono::steady_clock::time_point time) const;
+
+ private:
+  void write_file(const std::string& name, const google::protobuf::Message& content) const;
+
+  std::string directory_;
+  unique_fd lock_;
+};
+
+// Differs from boot to boot; empty when it cannot be read.
+std::string boot_id();
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_FREEZER_TURN_H_
