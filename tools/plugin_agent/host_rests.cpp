@@ -33,7 +33,7 @@ bool host_rests::has_gathered() {
 std::shared_ptr<quiesce> host_rests::enter(const FreezerPlan& plan, event& news,
                                            std::chrono::milliseconds hold) {
   const std::lock_guard lock(mutex_);
-  const auto current = current_.lock();
+  auto current = current_.lock();
   if (current && current->join(plan.member(), news, hold)) return current;
   auto begun = std::make_shared<quiesce>(plan, news);
   current_ = begun;

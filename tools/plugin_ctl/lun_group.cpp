@@ -23,7 +23,7 @@ namespace {
 
 using google::protobuf::util::JsonStringToMessage;
 
-[[noreturn]] void refuse(const std::string& file, const std::string& reason) {
+[[noreturn]] void refuse_file(const std::string& file, const std::string& reason) {
   throw tool_error({exit_code::usage, "--group " + file, reason,
                     "write a JSON array with an object for each LUN: "
                     "[{\"src_lun_p80\": \"...\"}, {\"src_lun_p80\": \"...\"}]"});
@@ -81,27 +81,27 @@ lun_group read_lun_group(const std::string& file) {
     throw tool_error({exit_code::failed, "--group " + file, std::generic_category().message(errno),
                       "name a file that can be read"});
   }
-  if (text.find_first_not_of(" \t\r\n") != text.find('[')) refuse(file, "it is no JSON array");
+  if (text.find_first_not_of(" \t\r\n") != text.find('[')) refuse_file(file, "it is no JSON array");
   google::protobuf::ListValue array;
   if (const auto status = JsonStringToMessage(text, &array); !status.ok()) {
-    refuse(file, in_one_line(std::string(status.message())));
+    refuse_file(file, in_one_line(std::string(status.message())));
   }
   lun_group luns;
   std::set<std::string> known;
   for (const auto& value : array.values()) {
     const std::string place = "luns[" + std::to_string(luns.size()) + "]: ";
     GroupLun lun;
-    if (!value.has_struct_value()) refuse(file, place + "it is no object");
+    if (!value.has_struct_value()) refuse_file(file, place + "it is no object");
     if (const auto status = JsonStringToMessage(to_json(value).str(), &lun); !status.ok()) {
-      refuse(file, place + in_one_line(std::string(status.message())));
+      refuse_file(file, place + in_one_line(std::string(status.message())));
     }
-    if (lun.src_lun_p80().empty()) refuse(file, place + "src_lun_p80 is missing");
+    if (lun.src_lun_p80().empty()) refuse_file(file, place + "src_lun_p80 is missing");
     if (!known.insert(lun.src_lun_p80()).second) {
-      refuse(file, place + "the LUN " + lun.src_lun_p80() + " is there already");
+      refuse_file(file, place + "the LUN " + lun.src_lun_p80() + " is there already");
     }
     luns.push_back(as_handshake(lun));
   }
-  if (luns.empty()) refuse(file, "the array is empty");
+  if (luns.empty()) refuse_file(file, "the array is empty");
   return luns;
 }
 
@@ -119,7 +119,8 @@ std::vector<std::string> group_environment(const lun_group& luns) {
       const std::string value = own[i].substr(equals + 1);
       values += (values.empty() ? "" : " ") + (value.empty() ? "-" : value);
     }
-    variables[i] = name + "=" + values;
+    variables[i] = name;
+    variables[i].append("=").append(values);
   }
   return variables;
 }

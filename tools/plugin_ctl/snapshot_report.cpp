@@ -37,9 +37,9 @@ shown_text row(const char* step, const char* outcome, const char* seconds,
 }
 
 std::string with_lun(const std::string& lun, const std::string& reason) {
-  constexpr std::size_t kUuid = 36;  // what most page-80h identifiers are
+  constexpr std::size_t kWidth = 36;  // what most page-80h identifiers are
   std::string text = lun;
-  if (!reason.empty() && text.size() < kUuid) text.resize(kUuid, ' ');
+  if (!reason.empty() && text.size() < kWidth) text.resize(kWidth, ' ');
   return reason.empty() ? text : text + "  " + reason;
 }
 

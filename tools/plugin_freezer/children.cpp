@@ -39,7 +39,7 @@ unique_fd watch_children() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGCHLD);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   unique_fd fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!fd) throw std::system_error(errno, std::generic_category(), "signalfd");
   return fd;

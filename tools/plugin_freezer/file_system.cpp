@@ -112,6 +112,7 @@ std::vector<file_system> open_file_systems(const std::vector<std::string>& mount
     }
   }
   std::vector<file_system> opened;
+  opened.reserve(by_place.size());
   for (auto& [place, one] : by_place) opened.push_back(std::move(one));
   return opened;
 }

@@ -16,7 +16,7 @@ outside::outside(int socket) : report(socket) {
   // What a fault of this program raises must not be blocked.
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
     sigdelset(&set, fault);
-  sigprocmask(SIG_SETMASK, &set, nullptr);
+  pthread_sigmask(SIG_SETMASK, &set, nullptr);
   sigemptyset(&set);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, signal);
   signals_ = unique_fd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));

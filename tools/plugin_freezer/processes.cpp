@@ -28,6 +28,7 @@ std::vector<process> descendants(const std::vector<process>& all, pid_t ancestor
                  [&](const process& one) { return one.parent == parent; });
   };
   add_children(ancestor);
+  // `found` grows meanwhile. NOLINTNEXTLINE(modernize-loop-convert)
   for (std::size_t i = 0; i < found.size(); ++i) add_children(found[i].pid);
   return found;
 }

@@ -19,8 +19,6 @@ std::vector<std::string> environment_of(const FreezerPlan& plan) {
   return merged_environment({plan.environment().begin(), plan.environment().end()});
 }
 
-std::string errno_text(int error) { return std::generic_category().message(error); }
-
 FreezerReport::HookRun report_of(const FreezerPlan::Hook& hook, const std::string& phase,
                                  const child& run) {
   FreezerReport::HookRun said;
@@ -242,7 +240,7 @@ void rest::freeze_file_systems() {
     const int error = *call.exit_code;
     throw over(one.facts.mount_point() + " cannot be frozen: " +
                    (error == EBUSY ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
-                                   : errno_text(error)) +
+                                   : std::generic_category().message(error)) +
                    (error == EPERM ? " (the agent needs CAP_SYS_ADMIN)" : ""),
                true);
   }

@@ -22,8 +22,6 @@ constexpr milliseconds kHookTurn{1000};  // until the next `thaw` hook starts al
 constexpr milliseconds kLook{100};
 constexpr milliseconds kLongestRest{60000};
 
-std::string errno_text(int error) { return std::generic_category().message(error); }
-
 }  // namespace
 
 void rest::thaw(bool asked) {
@@ -51,6 +49,7 @@ void rest::thaw(bool asked) {
   if (was_dying && !is_late_) thaw_again();
 
   std::vector<int> started;
+  started.reserve(record_.plan().hooks_size());
   for (int i = 0; i < record_.hooks_started(); ++i) started.push_back(i);
   const auto failed = thaw_hooks(started);
   if (!failed.empty()) {
@@ -159,7 +158,8 @@ void rest::settle(volume& one) {
                         "\"plugin_freezer --thaw\"");
   } else if (error < 128) {  // otherwise killed, and looked at again when it is gone
     certain_ = false;
-    world_.report.error(mount_point + " cannot be thawed: " + errno_text(error) +
+    world_.report.error(mount_point +
+                        " cannot be thawed: " + std::generic_category().message(error) +
                         "; try \"fsfreeze --unfreeze " + mount_point + "\"");
   }
 }
@@ -170,13 +170,13 @@ std::vector<int> rest::thaw_hooks(const std::vector<int>& which) {
   const auto is_running = [](const auto& one) {
     return !one.second->ended() && !one.second->killed;
   };
-  for (auto index = which.rbegin(); index != which.rend(); ++index) {
-    const auto& path = record_.plan().hooks(*index).path();
+  for (const int index : std::vector<int>(which.rbegin(), which.rend())) {
+    const auto& path = record_.plan().hooks(index).path();
     if (access(path.c_str(), X_OK) != 0 && !is_ours_) {
       world_.report.warn("hook " + path + " of an earlier agent is not there to thaw");
       continue;
     }
-    runs.emplace_back(*index, &start_hook(*index, "thaw", timeout));
+    runs.emplace_back(index, &start_hook(index, "thaw", timeout));
     const auto next = std::min(clock::now() + kHookTurn, deadline());
     while (is_running(runs.back()) && clock::now() < next) world_.wait(next);
   }
