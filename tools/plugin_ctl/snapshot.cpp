@@ -18,7 +18,7 @@ using scsiplugin::PluginClientList;
 using scsiplugin::PluginCmd;
 using scsiplugin::PluginCmdResp;
 using std::chrono::milliseconds;
-using seconds = std::chrono::duration<double>;
+using seconds_t = std::chrono::duration<double>;
 
 constexpr char kDepartDone[] = "depart_done";
 constexpr char kNo[] = "the daemon's answer is no (success: false)";
@@ -86,7 +86,7 @@ void snapshot::step(const std::string& name, std::size_t lines,
     }
   }
   for (auto& it : steps) {
-    if (it.seconds() == 0) it.set_seconds(seconds(clock::now() - start).count());
+    if (it.seconds() == 0) it.set_seconds(seconds_t(clock::now() - start).count());
     report_.ended(it);
   }
 }
@@ -401,7 +401,7 @@ SnapshotVerdict snapshot::verdict() {
       if (now && !contains(*now, host)) told.add_lost_hosts(host);
     }
   }
-  told.set_seconds(seconds(clock::now() - start_).count());
+  told.set_seconds(seconds_t(clock::now() - start_).count());
   return told;
 }
 
