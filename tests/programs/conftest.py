@@ -20,6 +20,7 @@ import itertools
 import json
 import os
 import pathlib
+import signal
 import sys
 
 import pytest
@@ -37,6 +38,7 @@ def pytest_addoption(parser):
 
 
 def pytest_configure(config):
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)  # under nohup it is ignored, also by what is started
     build = SOURCE / config.getoption("build")
     if not (build / "tests/python").is_dir():
         raise pytest.UsageError(f"{build} is not built: scripts/test builds it")
