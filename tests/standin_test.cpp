@@ -76,7 +76,7 @@ TEST_F(Standin, ABadFileFailsAsAWholeWithOneLine) {
   const std::string too_long = R"({"wwn": ")" + std::string(4395, 'x') + R"("})";
   // The document, or the second object of its list.
   const std::pair<std::string, std::string> documents[] = {
-      {"", "Empty"},
+      {"", "no JSON found"},
       {"{", "JSON"},
       {R"({"storage_objects": [)", "JSON"},
       {"[]", "not an object"},

@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -135,6 +137,48 @@ dev_t superblock_of(const std::string& path) {
     if (entry.id == id) return entry.device;
   }
   throw std::runtime_error(path + " lies on no mounted file system");
+}
+
+namespace {
+
+// Whether anything below this block device is a file on one of these superblocks. Also true when
+// that cannot be found out.
+bool lies_on(dev_t device, const std::set<dev_t>& superblocks) {
+  namespace fs = std::filesystem;
+  fs::path folder =
+      "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
+  if (fs::exists(folder / "partition")) folder = fs::canonical(folder).parent_path();
+  std::string backing;
+  if (std::ifstream file(folder / "loop/backing_file"); std::getline(file, backing)) {
+    const dev_t below = superblock_of(backing);
+    return superblocks.contains(below) || lies_on(below, superblocks);
+  }
+  std::error_code error;
+  for (const auto& below : fs::directory_iterator(folder / "slaves", error)) {
+    unsigned numbers[2] = {};
+    char colon = 0;
+    std::ifstream(below.path() / "dev") >> numbers[0] >> colon >> numbers[1];
+    if (lies_on(makedev(numbers[0], numbers[1]), superblocks)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool are_stacked(const std::vector<mount_entry>& mounts) {
+  std::set<dev_t> superblocks;
+  for (const auto& mount : mounts) superblocks.insert(mount.device);
+  return mounts.size() > 1 && std::any_of(mounts.begin(), mounts.end(), [&](const auto& mount) {
+           // One on several devices has a number of its own, and names one of them as its source.
+           struct stat source = {};
+           const bool is_numbered = major(mount.device) != 0;
+           if (!is_numbered && stat(mount.source.c_str(), &source) != 0) return true;
+           try {
+             return lies_on(is_numbered ? mount.device : source.st_rdev, superblocks);
+           } catch (const std::exception&) {
+             return true;
+           }
+         });
 }
 
 int freeze_file_system(int root) noexcept { return ioctl(root, FIFREEZE, 0) == 0 ? 0 : errno; }

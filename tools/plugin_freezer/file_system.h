@@ -46,6 +46,10 @@ std::vector<file_system> open_file_systems(const std::vector<std::string>& mount
 // freeze: FIFREEZE cannot be tried without being done, and FITHAW would end somebody else's.
 bool cannot_be_frozen(const std::string& type);
 
+// Whether one of these lies in an image on another, as far as can be seen: then they have to be
+// frozen one after the other.
+bool are_stacked(const std::vector<mount_entry>& mounts);
+
 // The superblock that `path` lies on. Throws std::runtime_error.
 dev_t superblock_of(const std::string& path);
 

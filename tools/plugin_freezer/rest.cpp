@@ -58,7 +58,9 @@ void run_prepare_hooks(outside& world, const FreezerPlan& plan) {
 
 rest::rest(outside& world, turn& right, const FreezerPlan& plan)
     : world_(world), turn_(right), is_ours_(true), environment_(environment_of(plan)) {
+  std::vector<mount_entry> mounts;
   for (auto& opened : open_file_systems({plan.mount_points().begin(), plan.mount_points().end()})) {
+    mounts.push_back(opened.mount);
     RestRecord::FileSystem facts;
     facts.set_mount_point(opened.mount.mount_point);
     facts.set_device(opened.mount.device);
@@ -67,6 +69,7 @@ rest::rest(outside& world, turn& right, const FreezerPlan& plan)
     *record_.add_file_systems() = facts;
     volumes_.push_back({facts, std::move(opened.root)});
   }
+  is_stacked_ = are_stacked(mounts);
   record_.set_boot_id(boot_id());
   *record_.mutable_plan() = plan;
   *record_.add_members() = plan.member();
@@ -85,6 +88,7 @@ rest::rest(outside& world, turn& right, RestRecord left)
     record_.clear_members();
     record_.set_begun(to_ms(clock::now()));
   }
+  record_.set_hooks_started(std::clamp(record_.hooks_started(), 0, record_.plan().hooks_size()));
   for (const auto& facts : record_.file_systems()) {
     volumes_.push_back({facts, unique_fd(), true});
   }
@@ -225,25 +229,40 @@ void rest::freeze_hooks() {
   }
 }
 
+// Side by side where that is possible: most of a freeze is waiting in the kernel.
 void rest::freeze_file_systems() {
-  for (auto& one : volumes_) {
+  const std::size_t at_once = is_stacked_ ? 1 : std::max<std::size_t>(volumes_.size(), 1);
+  for (std::size_t begin = 0; begin < volumes_.size(); begin += at_once) {
     check();
-    child& call = world_.programs.fork_call([&] { return freeze_file_system(one.root.get()); },
-                                            [&](pid_t pid) { write_processes({look_at(pid)}); });
-    one.may_be_frozen = true;
-    one.freezing = freezing_ = &call;
-    await_freezing(call);
-    one.freezing = freezing_ = nullptr;
+    std::vector<process> under_way;
+    for (std::size_t i = begin; i < begin + at_once; ++i) {
+      volume& one = volumes_[i];
+      one.freezing = &world_.programs.fork_call([&] { return freeze_file_system(one.root.get()); },
+                                                [&](pid_t pid) {
+                                                  under_way.push_back(look_at(pid));
+                                                  write_processes(under_way);
+                                                });
+      one.may_be_frozen = true;
+    }
+    for (std::size_t i = begin; i < begin + at_once; ++i) await_freezing(*volumes_[i].freezing);
     write_processes({});
-    if (call.succeeded()) continue;
-    one.may_be_frozen = false;
-    const int error = *call.exit_code;
-    throw over(one.facts.mount_point() + " cannot be frozen: " +
-                   (error == EBUSY ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
-                                   : std::generic_category().message(error)) +
-                   (error == EPERM ? " (the agent needs CAP_SYS_ADMIN)" : ""),
-               true);
+    std::string refusal;
+    for (std::size_t i = begin; i < begin + at_once; ++i) {
+      const int error = frozen(volumes_[i]);
+      if (error == 0) continue;
+      refusal = volumes_[i].facts.mount_point() + " cannot be frozen: " +
+                (error == EBUSY ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
+                                : std::generic_category().message(error)) +
+                (error == EPERM ? " (the agent needs CAP_SYS_ADMIN)" : "");
+    }
+    if (!refusal.empty()) throw over(refusal, true);
   }
+}
+
+int rest::frozen(volume& one) {
+  const int error = *std::exchange(one.freezing, nullptr)->exit_code;
+  if (error != 0) one.may_be_frozen = false;
+  return error;
 }
 
 void rest::write_record() { turn_.write(record_); }

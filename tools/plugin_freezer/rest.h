@@ -49,6 +49,8 @@ class rest {
 
   void freeze_hooks();
   void freeze_file_systems();
+  // Of a FIFREEZE that has ended: its errno.
+  static int frozen(volume& one);
   // Throws `over` when there is a reason to end.
   void check();
   // Blocks while it runs, with check().
@@ -86,6 +88,7 @@ class rest {
   RestRecord record_;
   std::vector<std::string> environment_;
   std::vector<volume> volumes_;
+  bool is_stacked_ = true;        // the volumes have to be frozen one after the other
   std::string disturbed_;         // a mount point that somebody else has thawed
   bool is_told_to_thaw_ = false;  // by the agent, whoever has joined
   std::string reason_;            // why the host was not at rest all the time; empty when it was

@@ -41,6 +41,14 @@ void rest::thaw(bool asked) {
   world_.report.send(report);
 
   if (freezing_ != nullptr) world_.programs.kill(*freezing_);
+  for (auto& one : volumes_) {
+    if (one.freezing == nullptr) continue;
+    if (one.freezing->ended() && !one.freezing->killed) {
+      frozen(one);
+    } else {
+      world_.programs.kill(*one.freezing);
+    }
+  }
   if (!asked) run_commands();
   const bool was_dying = !world_.programs.lingering().empty();
   thaw_file_systems();
