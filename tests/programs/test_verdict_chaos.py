@@ -131,9 +131,15 @@ def starter(volume, start_agent):
         serves=False)
 
 
-@pytest.mark.slow
+@pytest.mark.fault
 @pytest.mark.parametrize("seed", SEEDS)
 def test_what_is_called_good_was_not_written_to(daemon, volume, starter, seed):
+    """snapshots of a file system in use, while agent, freezer or both are killed or stopped, the daemon
+    is stopped, the agent's network is down, or the split takes too long, at random moments
+
+    Must hold: whenever `plugin_ctl snapshot` exits with 0, no write succeeded from the end of
+    wait_for_depart to the end of the split
+    """
     good, bad = violations(daemon, volume, starter("127.0.0.1"), random.Random(seed), FAULTS)
     print(f"seed {seed}: {good} of {SNAPSHOTS} called good, written to: {bad}")
     assert not bad

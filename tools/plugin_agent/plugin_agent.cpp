@@ -28,7 +28,7 @@
 namespace vexo::tools {
 namespace {
 
-// Becomes the freezer, for the emergency.
+// Replaces this process by the freezer with --thaw.
 [[noreturn]] void become_freezer(const agent_options& options) {
   std::string arguments[] = {
       freezer_path(),
@@ -59,7 +59,7 @@ exit_code run(const agent_options& options, interrupt& stop) {
     open_file_systems(options.mount_points, &remarks);
     for (const auto& remark : remarks) agent_log().warn("--fs {}", printable(remark));
   }
-  // For good: gRPC's own end waits for the threads that it could not start.
+  // Never ended: gRPC's shutdown would wait for threads that it could not start.
   grpc_init();
   agent(options).run(stop);
   return exit_code::done;
@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
   using namespace vexo::tools;
   // Freezers are started while gRPC is at work, and never use it themselves.
   setenv("GRPC_ENABLE_FORK_SUPPORT", "0", 1);  // NOLINT(concurrency-mt-unsafe): no threads yet
-  // A log that nobody reads any more is no reason to leave, least of all without unsubscribing.
+  // A write to a closed stderr must not end the agent.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGCHLD, SIG_IGN);  // a freezer may outlive the rest that it was started for
   yield_lowest_oom_score();

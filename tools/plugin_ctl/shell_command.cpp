@@ -38,7 +38,7 @@ class shell_process {
   bool end(interrupt& stop) {
     const int seen = stop.count();
     kill(-leader_, SIGTERM);
-    kill(-leader_, SIGCONT);  // those that are stopped hear it only now
+    kill(-leader_, SIGCONT);  // stopped processes get SIGTERM only now
     if (wait_until_gone(stop, seen, clock::now() + kTermGrace)) return true;
     kill(-leader_, SIGKILL);
     return wait_until_gone(stop, std::numeric_limits<int>::max(), clock::now() + kKillGrace);
@@ -80,7 +80,7 @@ class shell_process {
 command_result run_shell_command(const std::string& command,
                                  const std::vector<std::string>& variables, interrupt& stop,
                                  std::optional<std::chrono::milliseconds> limit) {
-  // Orphans of the group become children of this program, which alone can tell when they are gone.
+  // Orphans of the group become children of this program, so that it can wait for them.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   command_result result;
   const auto deadline = limit ? clock::now() + *limit : clock::time_point::max();

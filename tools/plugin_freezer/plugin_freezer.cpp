@@ -27,10 +27,10 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// How often another rest on this host is looked at.
+// How often to look whether another rest has ended.
 constexpr milliseconds kTurnLook{50};
-// How long after its limit another freezer counts as one that hangs, and how long it has to begin
-// a thaw that it was told to make.
+// How long after its deadline another freezer counts as hanging, and how long it may take to begin
+// a thaw after SIGTERM.
 constexpr milliseconds kPatience{1000};
 
 // False when something may still be frozen.
@@ -51,11 +51,11 @@ class other_freezer {
   other_freezer(outside& world, const turn& right, bool is_emergency)
       : world_(world), turn_(right), is_emergency_(is_emergency) {}
 
-  // Wakes it if it is stopped, and kills it when it hangs. False when there is none, or none that
-  // is worth waiting for since all that it does is to watch.
+  // Wakes it if it is stopped, and kills it when it hangs. False when there is no other freezer, or
+  // one that has thawed and only watches processes.
   bool is_worth_waiting() {
     const pid_t pid = turn_.holder();
-    if (pid <= 1) return true;  // it ends just now
+    if (pid <= 1) return true;  // it is ending
     if (std::exchange(pid_, pid) != pid) since_ = steady_clock::now();
     if (look_at(pid).is_stopped()) kill(pid, SIGCONT);
     const auto record = turn_.record();
