@@ -79,9 +79,13 @@ std::vector<outcome<Response>> call_all(
     const std::function<bool(const outcome<Response>&)>& is_failure = {}) {
   using std::chrono::steady_clock;
   event news;
+  enum { closed, open, given_up };
+  std::atomic<int> gate = closed;  // no call begins before all have their threads
   std::deque<detail::call_under_way<Response>> calls;
   const auto start = steady_clock::now();
   const auto run = [&](auto& call, const Request& request) {
+    gate.wait(closed);
+    if (gate == given_up) return;
     call.result.status = (stub.*method)(&call.context, request, &call.result.response);
     call.result.took = steady_clock::now() - start;
     call.ended = true;
@@ -95,9 +99,12 @@ std::vector<outcome<Response>> call_all(
       call.thread = std::jthread([&run, &call, &request] { run(call, request); });
     }
   } catch (const std::system_error&) {
-    for (auto& call : calls) call.context.TryCancel();
+    gate = given_up;
+    gate.notify_all();
     throw;
   }
+  gate = open;
+  gate.notify_all();
   const auto look = [&] {
     bool all_ended = true;
     bool one_failed = false;
