@@ -77,7 +77,11 @@ void snapshot::step(const std::string& name, std::size_t lines,
       body(steps);
     }
   } catch (const tool_error& error) {
-    for (auto& it : steps) fail(it, SnapshotStep::FAILED, error.why.came_back, error.why);
+    const bool by_signal = error.code == exit_code::interrupted;
+    for (auto& it : steps) {
+      fail(it, by_signal ? SnapshotStep::INTERRUPTED : SnapshotStep::FAILED, error.why.came_back,
+           error.why);
+    }
   } catch (const std::exception& error) {
     // This machine refused something, as a process or a file. depart_done must still follow.
     for (auto& it : steps) {
@@ -142,7 +146,6 @@ snapshot::ask snapshot::init_snapshot() {
   hosts_ = list_hosts(with_.limits().timeout);
   require_hosts(hosts_);
   ask asked;
-  asked.concerns = [](const member&) { return true; };
   asked.command = [](const member& of) { return of.lun.init_snapshot(); };
   asked.options = host_wait("init_snapshot");
   asked.options.timeout = std::max(asked.options.timeout, kRefusalTime);
@@ -180,7 +183,6 @@ void snapshot::judge_init(SnapshotStep& step, member& of, const answer& result) 
 
 snapshot::ask snapshot::mirror_done() {
   ask asked;
-  asked.concerns = [](const member& of) { return of.has_host; };
   asked.command = [](const member& of) { return of.lun.mirror_done(); };
   asked.options = with_.limits();
   asked.judge = [this](SnapshotStep& step, member&, const answer& result) {
@@ -198,7 +200,6 @@ snapshot::ask snapshot::mirror_done() {
 
 snapshot::ask snapshot::wait_for_depart() {
   ask asked;
-  asked.concerns = [](const member& of) { return of.has_host; };
   asked.command = [](const member& of) { return of.lun.wait_for_depart(); };
   asked.options = host_wait("wait_for_depart");
   asked.judge = [this](auto& step, auto& of, const auto& result) { judge_wait(step, of, result); };
@@ -222,7 +223,6 @@ void snapshot::judge_wait(SnapshotStep& step, member& of, const answer& result) 
 snapshot::ask snapshot::confirm() {
   at_rest_ = clock::now() - all_at_rest_;
   ask asked;
-  asked.concerns = [](const member& of) { return of.has_host; };
   asked.command = [](const member& of) { return of.lun.wait_for_depart(); };
   asked.options.timeout = kConfirmTime;
   asked.judge = [this](SnapshotStep& step, member&, const answer& result) {

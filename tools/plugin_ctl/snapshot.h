@@ -44,7 +44,8 @@ class snapshot {
   };
   // A call for each LUN, side by side.
   struct ask {
-    std::function<bool(const member&)> concerns;  // a LUN that it does not concern is skipped
+    // A LUN that it does not concern is skipped.
+    std::function<bool(const member&)> concerns = [](const member& of) { return of.has_host; };
     std::function<scsiplugin::PluginCmd(const member&)> command;
     call_options options;
     // Marks the step's line by the answer.
