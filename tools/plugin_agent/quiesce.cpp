@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/poll_until.h"
+#include "plugin_freezer/packets.h"
 
 namespace vexo::tools {
 
@@ -14,10 +15,6 @@ using std::chrono::milliseconds;
 
 // How long after its time a freezer that says nothing counts as one that hangs.
 constexpr milliseconds kGrace{400};
-
-std::chrono::steady_clock::time_point from_ms(std::int64_t time) {
-  return std::chrono::steady_clock::time_point(milliseconds(time));
-}
 
 }  // namespace
 

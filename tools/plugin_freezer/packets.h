@@ -3,6 +3,9 @@
 
 #include <google/protobuf/message_lite.h>
 
+#include <chrono>
+#include <cstdint>
+
 namespace vexo::tools {
 
 // Messages over a socket of type SOCK_SEQPACKET. Neither blocks.
@@ -12,6 +15,14 @@ bool send_packet(int socket, const google::protobuf::MessageLite& message);
 
 enum class packet { received, none, closed };
 packet receive_packet(int socket, google::protobuf::MessageLite& message);
+
+// Points in time as messages and records have them.
+inline std::int64_t to_ms(std::chrono::steady_clock::time_point time) {
+  return std::chrono::ceil<std::chrono::milliseconds>(time.time_since_epoch()).count();
+}
+inline std::chrono::steady_clock::time_point from_ms(std::int64_t time) {
+  return std::chrono::steady_clock::time_point(std::chrono::milliseconds(time));
+}
 
 }  // namespace vexo::tools
 

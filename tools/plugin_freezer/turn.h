@@ -10,16 +10,9 @@
 
 #include "common/unique_fd.h"
 #include "freezer.pb.h"
+#include "plugin_freezer/packets.h"
 
 namespace vexo::tools {
-
-// Points in time as messages and records have them.
-inline std::int64_t to_ms(std::chrono::steady_clock::time_point time) {
-  return std::chrono::ceil<std::chrono::milliseconds>(time.time_since_epoch()).count();
-}
-inline std::chrono::steady_clock::time_point from_ms(std::int64_t time) {
-  return std::chrono::steady_clock::time_point(std::chrono::milliseconds(time));
-}
 
 // The right to freeze on this host, which one rest has at a time, and the record of that rest, in
 // the run directory. It is a lock on a file that belongs to the process alone: it ends with the
