@@ -85,20 +85,31 @@ def test_reads_a_file_where_the_command_line_says_nothing(daemon):
 
 def test_runs_hooks_in_order_and_undoes_in_reverse(daemon, hooks, start_agent):
     hooks.add("20-b")
-    hooks.add("30-not-executable", mode=0o644)
-    hooks.add("40-everybodys", mode=0o757)
     agent = start_agent("--hooks", hooks.path)
     daemon.call.whole_handshake()
     record = agent.record()
     assert (record["verdict"], record["lun"]) == ("application-consistent", LUN)
     assert record["frozen_ms"] > 0
-    assert len(record["hooks"]) == 6 and len(record["refused_hooks"]) == 2
+    assert len(record["hooks"]) == 6
     assert hooks.take_runs() == ["10-a prepare", "20-b prepare", "10-a freeze", "20-b freeze",
                                  "20-b thaw", "10-a thaw"]
-    assert "30-not-executable is not run: it is not executable" in agent.err
-    assert "40-everybodys is not run: everybody may write" in agent.err
     agent.leave()
     assert not daemon.call.ask(init_snapshot(LUN), timeout=10)  # which meets no vanished host
+
+
+@pytest.mark.parametrize("options", [(), ("--refused-hooks", "warn")])
+def test_a_refused_hook_is_told_at_the_start_and_fails_each_snapshot(daemon, hooks, start_agent, options):
+    """Its application would not have been asked. Without file systems, none would be left to vouch for."""
+    hooks.add("20-not-executable", mode=0o644)
+    hooks.add("30-everybodys", mode=0o757)
+    agent = start_agent("--hooks", hooks.path, *options)
+    assert "error: hook 30-everybodys is refused: everybody may write to it" in agent.err
+    announced = daemon.call.begin(init_snapshot(LUN))
+    record = agent.record()
+    assert (record["verdict"], record["reason"]) == (
+        "failed", "hook 20-not-executable is refused: it is not executable")
+    assert record["refused_hooks"] == ["20-not-executable", "30-everybodys"]
+    assert not hooks.take_runs() and not announced.done()
 
 
 @pytest.mark.parametrize("hangs", [False, True])
