@@ -34,7 +34,7 @@ Examples:
   # Databases brought to rest by hooks, everything said in a file:
   plugin_agent --config /etc/plugin_agent/plugin_agent.toml
 
-  # After a crash: thaw what an agent has left frozen, and end (for systemd's ExecStopPost=):
+  # Thaw what any agent of this host has frozen, living or not (as systemd's ExecStopPost= does):
   plugin_agent --thaw-and-exit
 
 Hooks are the executables of the --hooks directory, run in name order with one argument: prepare,
@@ -100,7 +100,7 @@ void declare(CLI::App& app, agent_options& options, words& given) {
       ->capture_default_str();
   app.add_flag("--verbose", options.verbose, "Say more in the log");
   app.add_flag("--thaw-and-exit", options.thaw_and_exit,
-               "Only thaw what an earlier agent left frozen");
+               "Only thaw, now, what any agent of this host has frozen, and end");
   app.add_option("--withdraw", options.withdraw,
                  "Only tell the appliance that this host is no longer at rest for this LUN "
                  "(plugin_freezer does, before a thaw that nobody has asked for)")
