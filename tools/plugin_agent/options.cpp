@@ -14,6 +14,7 @@
 #include "common/text.h"
 #include "plugin_agent/hooks.h"
 #include "plugin_agent/options_file.h"
+#include "plugin_agent/verbs.h"
 #include "plugin_freezer/file_system.h"
 #include "plugin_freezer/run_directory.h"
 
@@ -159,7 +160,10 @@ void check_freeze(const agent_options& options) {
 }
 
 void convert(agent_options& options, const words& given) {
-  if (options.thaw_and_exit) return;
+  if (options.thaw_and_exit && options.verb) {
+    throw std::invalid_argument("--thaw-and-exit is for itself, without a verb");
+  }
+  if (options.thaw_and_exit || options.needs == agent_options::need::run_dir) return;
 
   if (given.appliances.empty()) throw std::invalid_argument("--appliance is required");
   for (const auto& text : given.appliances) options.appliances.push_back(parse_appliance(text));
@@ -205,6 +209,7 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   options.plugin_id = host_name();
   words given;
   declare(app, options, given);
+  add_verbs(app, options);
   options_file file;
   const auto complain = [&](const std::exception& error, exit_code why) {
     std::cerr << "plugin_agent: " << printable(file.located(error.what(), app))

@@ -2,12 +2,15 @@
 #define TOOLS_PLUGIN_AGENT_OPTIONS_H_
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "common/endpoint.h"
 #include "common/exit_codes.h"
+#include "common/interrupt.h"
+#include "common/output.h"
 #include "plugin_cmd.pb.h"
 
 namespace vexo::tools {
@@ -30,6 +33,11 @@ struct agent_options {
   std::string run_dir = "/run/plugin_agent";
   bool verbose = false;
   bool thaw_and_exit = false;
+  // What to do instead of serving, which options that needs, and how to print its result.
+  std::function<exit_code(const agent_options& options, interrupt& stop)> verb;
+  enum class need { run_dir, freezing, all_unchecked, all };
+  need needs = need::all;
+  output_format format = output_format::table;
   std::string withdraw;  // the LUN whose departure is only to be taken back; empty for none
 
   bool freezes() const { return !mount_points.empty() || !hooks_dir.empty(); }

@@ -15,12 +15,14 @@
 #include <vector>
 
 #include "common/channel.h"
+#include "common/errors.h"
 #include "common/exit_codes.h"
 #include "common/interrupt.h"
 #include "plugin_agent/agent.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
 #include "plugin_agent/options.h"
+#include "plugin_agent/verbs.h"
 #include "plugin_agent/withdrawal.h"
 #include "plugin_freezer/file_system.h"
 #include "plugin_freezer/survival.h"
@@ -45,6 +47,7 @@ namespace {
 }
 
 exit_code run(const agent_options& options, interrupt& stop) {
+  if (options.verb) return options.verb(options, stop);
   if (options.verbose) agent_log().set_level(spdlog::level::debug);
   if (!options.withdraw.empty()) {
     const auto daemon =
@@ -84,6 +87,9 @@ int main(int argc, char** argv) {
       end = run(*options, stop);
     }
     return static_cast<int>(end);
+  } catch (const tool_error& error) {
+    say(error.text);
+    return static_cast<int>(error.code);
   } catch (const std::exception& error) {
     agent_log().critical("{}", printable(error.what()));
     return static_cast<int>(exit_code::failed);
