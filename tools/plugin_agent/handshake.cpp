@@ -13,7 +13,6 @@
 #include "common/output.h"
 #include "common/poll_until.h"
 #include "common/text.h"
-#include "handshake_record.pb.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
 #include "plugin_agent/withdrawal.h"
@@ -124,10 +123,12 @@ void handshake::take_part() {
     come_to_rest();
     depart();
     hold();
+    step_ = "thaw";
     rest_->end(name);
     take_figures();
     verdict_ = verdict();
   } catch (const std::runtime_error&) {
+    step_ = "thaw";
     if (may_count_on_rest_) withdraw(*appliance_->stub(), lun(), options_.plugin_id);
     try {
       rest_->end(name);
@@ -175,6 +176,7 @@ void handshake::start_mirror() {
 }
 
 void handshake::wait_for_mirror() {
+  step_ = "mirror";
   LunCmd question = lun_command();
   auto& body = *question.mutable_is_mirror_done_req();
   body.set_task_id(command_.task_id());
@@ -207,6 +209,7 @@ void handshake::wait_for_mirror() {
 }
 
 void handshake::gather() {
+  step_ = "gather";
   rests_.gather();
   while (!rests_.has_gathered()) wait_or_give_up(clock::now() + kGatherLook);
 }
@@ -220,6 +223,7 @@ void handshake::enter_rest() {
 bool handshake::is_at_rest() { return rest_->at_rest(plan_.member().name()); }
 
 void handshake::come_to_rest() {
+  step_ = "freeze";
   for (int tries = 1;; ++tries) {
     try {
       while (!is_at_rest()) wait_or_give_up(rest_->deadline());
@@ -233,6 +237,7 @@ void handshake::come_to_rest() {
 }
 
 void handshake::depart() {
+  step_ = "depart";
   connection_was_lost();  // what was before does not matter any more
   for (;;) {
     const auto news = wait(clock::now());
@@ -262,6 +267,7 @@ void handshake::depart() {
 // The pauses cost the appliance fewer than 80 of these questions in 30 s, with a line of its log
 // each.
 void handshake::hold() {
+  step_ = "hold";
   for (;;) {
     const auto now = clock::now();
     const auto pause = growing_pause(now - rest_->since(), kFirstDepartPoll, options_.poll);
@@ -330,6 +336,13 @@ void handshake::write_record() {
   }
   for (const auto& refusal : hooks_.refused) record.add_refused_hooks(printable(refusal.name));
   log_record(to_json(record));
+  const std::lock_guard lock(mutex_);
+  record_ = std::move(record);
+}
+
+std::optional<HandshakeRecord> handshake::record() {
+  const std::lock_guard lock(mutex_);
+  return record_;
 }
 
 LunCmd handshake::lun_command() const {
@@ -411,6 +424,7 @@ void handshake::wait_or_give_up(clock::time_point until, int fd) {
 
 void handshake::hear_the_freezer_out() {
   if (!rest_) return;
+  step_ = "watch";
   while (!rest_->over()) {
     const auto news = wait(clock::now() + kFreezerLook);
     if (news.stop || news.superseded) break;

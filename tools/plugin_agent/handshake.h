@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/event.h"
+#include "handshake_record.pb.h"
 #include "lun_cmd.pb.h"
 #include "plugin_agent/appliance.h"
 #include "plugin_agent/hooks.h"
@@ -45,6 +46,11 @@ class handshake {
   // Whether run() is through.
   bool over() const { return over_; }
   void wait_until_over() const { over_.wait(false); }
+  // As AgentStatus has it.
+  const char* step() const { return step_; }
+  std::chrono::duration<double> age() const { return clock::now() - start_; }
+  // Its verdict, once there is one.
+  std::optional<HandshakeRecord> record();
   const std::string& lun() const { return command_.init_snapshot_req().src_lun_p80(); }
 
  private:
@@ -101,11 +107,13 @@ class handshake {
   std::string verdict_;
   std::string reason_;
   std::atomic<bool> over_ = false;
+  std::atomic<const char*> step_ = "prepare";
 
   event news_event_;
   std::mutex mutex_;
-  // Both under mutex_.
+  // All under mutex_.
   news_flags news_;
+  std::optional<HandshakeRecord> record_;
   std::shared_ptr<quiesce> rest_;  // written by this handshake's thread, for stop_now()
 };
 

@@ -24,7 +24,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr char kAnyLun[] = "any";
 constexpr double kLongestFreeze = 60;  // as long as the appliance waits for a host
 
 constexpr char kExamples[] = R"(
@@ -39,7 +38,7 @@ Examples:
   plugin_agent --thaw-and-exit
 
 Hooks are the executables of the --hooks directory, run in name order with one argument: prepare,
-freeze or thaw. Exit codes: 0 told to stop, or --help; 2 usage; 4 failure on this host.)";
+freeze or thaw. Exit codes: 0 told to stop, or --help; 2 usage; 3 no answer; 4 failure on this host.)";
 
 std::string host_name() {
   char name[HOST_NAME_MAX + 1] = {};
@@ -118,29 +117,6 @@ endpoint parse_appliance(const std::string& text) {
   return parsed;
 }
 
-void check_mount_point(const std::string& path, const agent_options& options) {
-  if (std::any_of(path.begin(), path.end(), [](unsigned char c) { return c < ' ' || c == 127; })) {
-    throw std::invalid_argument("--fs " + path + " has control characters");
-  }
-  if (!path.starts_with('/')) throw std::invalid_argument("--fs " + path + " is no absolute path");
-  mount_entry mount;
-  try {
-    mount = open_file_systems({path}).front().mount;
-  } catch (const std::runtime_error& error) {
-    throw std::runtime_error("--fs " + std::string(error.what()) +
-                             "; mount it first, or name a mount point as findmnt shows it");
-  }
-  if (mount.device == superblock_of(options.run_dir)) {
-    throw std::invalid_argument("--run-dir " + options.run_dir + " lies on " + path +
-                                ", which is to be frozen; name a directory on a tmpfs");
-  }
-  if (cannot_be_frozen(mount.type)) {
-    throw std::invalid_argument("--fs " + path + ": a file system of type " + mount.type +
-                                " cannot be frozen; leave it out, and bring what is on it to rest "
-                                "with a hook");
-  }
-}
-
 template <class Check>
 void name_option_in_error(const std::string& option, Check check) {
   try {
@@ -191,6 +167,29 @@ void convert(agent_options& options, const words& given) {
 }
 
 }  // namespace
+
+void check_mount_point(const std::string& path, const agent_options& options) {
+  if (std::any_of(path.begin(), path.end(), [](unsigned char c) { return c < ' ' || c == 127; })) {
+    throw std::invalid_argument("--fs " + path + " has control characters");
+  }
+  if (!path.starts_with('/')) throw std::invalid_argument("--fs " + path + " is no absolute path");
+  mount_entry mount;
+  try {
+    mount = open_file_systems({path}).front().mount;
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error("--fs " + std::string(error.what()) +
+                             "; mount it first, or name a mount point as findmnt shows it");
+  }
+  if (mount.device == superblock_of(options.run_dir)) {
+    throw std::invalid_argument("--run-dir " + options.run_dir + " lies on " + path +
+                                ", which is to be frozen; name a directory on a tmpfs");
+  }
+  if (cannot_be_frozen(mount.type)) {
+    throw std::invalid_argument("--fs " + path + ": a file system of type " + mount.type +
+                                " cannot be frozen; leave it out, and bring what is on it to rest "
+                                "with a hook");
+  }
+}
 
 bool agent_options::concerns(const scsiplugin::InitSnapshotReq& request) const {
   if (any_lun) return true;

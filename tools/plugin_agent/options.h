@@ -15,6 +15,9 @@
 
 namespace vexo::tools {
 
+// The value of --lun that stands for all.
+inline constexpr char kAnyLun[] = "any";
+
 // How an agent is to behave, checked as far as it can be without the appliance.
 struct agent_options {
   std::vector<endpoint> appliances;  // IPv4 addresses and host names
@@ -44,6 +47,10 @@ struct agent_options {
   // Whether the command is about a LUN of this host, by any of its identifiers.
   bool concerns(const scsiplugin::InitSnapshotReq& request) const;
 };
+
+// Throws std::runtime_error, with a sentence for the user, when what is mounted there cannot be
+// frozen yet, and std::invalid_argument when it never can be.
+void check_mount_point(const std::string& path, const agent_options& options);
 
 // Reads the command line, and the file it names with --config. Empty when the program has to end
 // with the code `end`: help or version has been printed, or on stderr what is wrong with the

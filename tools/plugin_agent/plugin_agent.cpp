@@ -22,9 +22,11 @@
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
 #include "plugin_agent/options.h"
+#include "plugin_agent/status_socket.h"
 #include "plugin_agent/verbs.h"
 #include "plugin_agent/withdrawal.h"
 #include "plugin_freezer/file_system.h"
+#include "plugin_freezer/run_directory.h"
 #include "plugin_freezer/survival.h"
 
 namespace vexo::tools {
@@ -64,7 +66,15 @@ exit_code run(const agent_options& options, interrupt& stop) {
   }
   // Never ended: gRPC's shutdown would wait for threads that it could not start.
   grpc_init();
-  agent(options).run(stop);
+  agent serving(options);
+  std::optional<status_socket> status;
+  try {
+    make_run_directory(options.run_dir);
+    status.emplace(options.run_dir, [&serving] { return serving.status(); });
+  } catch (const std::runtime_error& error) {
+    agent_log().warn("\"plugin_agent status\" finds no agent: {}", printable(error.what()));
+  }
+  serving.run(stop);
   return exit_code::done;
 }
 

@@ -44,6 +44,7 @@ void subscription::run() {
     } catch (const std::exception& error) {
       how_it_ended = std::string("not subscribed: ") + error.what();  // no thread, or no descriptor
     }
+    state_.fails(how_it_ended);
     if (stop_.raised()) return;
     const auto wait =
         backoff_.next(std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));
@@ -91,12 +92,14 @@ bool subscription::confirm(subscribe_call& call) {
     found = call.confirm(kListedWithin, &stop_);
   } while (!found.status.ok() && ++tries < kListTries && !stop_.raised() && !call.ended().raised());
   if (found.entry) {
+    state_.stands(found.entry->ip());
     agent_log().info("subscribed to {} as \"{}\", seen there as {}", printable(appliance_->name()),
                      printable(self_.plugin_id()), printable(found.entry->ip()));
     return true;
   }
   if (stop_.raised() || call.ended().raised()) return true;
   if (found.status.ok()) return false;
+  state_.fails("it does not say whether it lists this host: " + status_text(found.status));
   agent_log().warn(
       "subscribing to {}, but it does not list this host ({}); its daemon may be stuck "
       "on a vanished subscriber: see \"plugin_ctl probe\" there",

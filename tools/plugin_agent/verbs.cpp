@@ -15,6 +15,10 @@ struct verb_row {
 };
 
 constexpr verb_row kVerbs[] = {
+    {"status",
+     "Asks the agent of this host how it is: subscriptions, what it freezes, handshakes, verdicts",
+     "plugin_agent status\n  plugin_agent status -o json", agent_options::need::run_dir,
+     show_status},
     {"luns",
      "Lists the LUNs that this host sees as SCSI disks, what lies on them, and the value for --lun",
      "plugin_agent luns\n  plugin_agent luns -o json", agent_options::need::run_dir, show_luns},
