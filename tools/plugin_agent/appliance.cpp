@@ -31,6 +31,10 @@ std::string ipv4_address(const std::string& host) {
 
 appliance::appliance(endpoint where) : where_(std::move(where)) {}
 
+appliance::appliance(std::string name, const std::shared_ptr<grpc::Channel>& channel)
+    : where_{endpoint::family::host_name, "", 0, std::move(name), ""},
+      stub_(scsiplugin::PluginService::NewStub(channel)) {}
+
 void appliance::connect() {
   endpoint numeric = where_;
   const std::string address = ipv4_address(where_.host) + ":" + std::to_string(where_.port);

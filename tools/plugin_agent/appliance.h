@@ -19,6 +19,9 @@ namespace vexo::tools {
 class appliance {
  public:
   explicit appliance(endpoint where);
+  // One that is only played, in this process; connect() is not for it.
+  appliance(std::string name, const std::shared_ptr<grpc::Channel>& channel);
+  bool is_played() const { return where_.target.empty(); }
 
   // Looks the name up, for an IPv4 address, and begins a new connection to it. Throws
   // std::runtime_error. Blocks for as long as the name service takes.

@@ -105,8 +105,10 @@ void handshake::take_part() {
   plan_.set_hook_timeout_ms(options_.hook_timeout.count());
   auto& member = *plan_.mutable_member();
   member.set_name(lun() + kOf + appliance_->name());
-  for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
-    member.add_command(word);
+  if (!appliance_->is_played()) {
+    for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
+      member.add_command(word);
+    }
   }
   prepare();
   start_mirror();
@@ -117,6 +119,7 @@ void handshake::take_part() {
   const std::string& name = plan_.member().name();
   const auto take_figures = [&] {
     frozen_for_ = rest_->frozen_for();
+    freeze_took_ = rest_->freeze_took();
     for (auto& run : rest_->runs()) runs_.push_back(std::move(run));
   };
   try {
@@ -317,6 +320,7 @@ void handshake::write_record() {
   record.set_verdict(verdict_);
   record.set_reason(printable(reason_));
   record.set_frozen_ms(count_of(frozen_for_));
+  record.set_freeze_ms(count_of(freeze_took_));
   record.set_total_ms(count_of(std::chrono::duration_cast<milliseconds>(clock::now() - start_)));
   for (const auto& mount_point : options_.mount_points) {
     record.add_file_systems(printable(mount_point));

@@ -101,6 +101,7 @@ class handshake {
   FreezerPlan plan_;
   std::vector<hook_run> runs_;
   std::chrono::milliseconds frozen_for_{};
+  std::chrono::milliseconds freeze_took_{};
   // The appliance may count on the host being at rest, until it says that the split is over.
   bool may_count_on_rest_ = false;
   unsigned losses_seen_ = appliance_->losses();

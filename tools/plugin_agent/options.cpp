@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
@@ -24,6 +25,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
+// Of the unit of systemd.
+constexpr char kServiceFile[] = "/etc/plugin_agent/plugin_agent.toml";
 constexpr double kLongestFreeze = 60;  // as long as the appliance waits for a host
 
 constexpr char kExamples[] = R"(
@@ -38,7 +41,8 @@ Examples:
   plugin_agent --thaw-and-exit
 
 Hooks are the executables of the --hooks directory, run in name order with one argument: prepare,
-freeze or thaw. Exit codes: 0 told to stop, or --help; 2 usage; 3 no answer; 4 failure on this host.)";
+freeze or thaw. Exit codes: 0 told to stop, done, or --help; 1 rehearsed, and not as asked;
+2 usage; 3 no answer; 4 failure on this host; 5 a rehearsal was interrupted.)";
 
 std::string host_name() {
   char name[HOST_NAME_MAX + 1] = {};
@@ -52,15 +56,6 @@ struct words {
   std::optional<std::string> hooks_dir;
   std::optional<double> hold;
 };
-
-void add_seconds(CLI::App& app, const std::string& name, milliseconds& time, double least,
-                 double most, const std::string& description) {
-  const auto set = [&time](double seconds) { time = milliseconds(std::llround(seconds * 1000)); };
-  app.add_option_function<double>(name, set, description)
-      ->check(number_between(least, most))
-      ->type_name(kSeconds)
-      ->default_str(std::to_string(time.count() / 1000));
-}
 
 void declare(CLI::App& app, agent_options& options, words& given) {
   app.set_version_flag("--version", "plugin_agent " VEXO_TOOLS_VERSION);
@@ -141,9 +136,12 @@ void convert(agent_options& options, const words& given) {
   }
   if (options.thaw_and_exit || options.needs == agent_options::need::run_dir) return;
 
-  if (given.appliances.empty()) throw std::invalid_argument("--appliance is required");
+  const bool serves = options.needs != agent_options::need::freezing;
+  if (given.appliances.empty() && serves) throw std::invalid_argument("--appliance is required");
   for (const auto& text : given.appliances) options.appliances.push_back(parse_appliance(text));
   if (!options.withdraw.empty()) return;
+  // The freezer has another working directory.
+  options.run_dir = std::filesystem::absolute(options.run_dir);
   options.hold = given.hold ? milliseconds(std::llround(*given.hold * 1000))
                             : std::min(options.hold, options.max_freeze * 2 / 3);
   if (options.hold >= options.max_freeze) {
@@ -152,7 +150,7 @@ void convert(agent_options& options, const words& given) {
   const auto any = std::remove(options.luns.begin(), options.luns.end(), kAnyLun);
   options.any_lun = any != options.luns.end();
   options.luns.erase(any, options.luns.end());
-  if (options.luns.empty() && !options.any_lun) {
+  if (options.luns.empty() && !options.any_lun && serves) {
     throw std::invalid_argument("--lun is required: the LUNs this host uses, or \"any\"");
   }
   if (std::find(options.luns.begin(), options.luns.end(), "") != options.luns.end()) {
@@ -163,7 +161,15 @@ void convert(agent_options& options, const words& given) {
     throw std::invalid_argument("--hooks is empty: name a directory, or leave it out");
   }
   options.hooks_dir = given.hooks_dir.value_or("");
-  check_freeze(options);
+  if (options.needs != agent_options::need::all_unchecked) check_freeze(options);
+}
+
+// Whether a verb that is about what the agent does is asked without saying what that is.
+bool is_for_the_service(const agent_options& options, const words& given) {
+  using need = agent_options::need;
+  return (options.needs == need::freezing || options.needs == need::all_unchecked) &&
+         given.appliances.empty() && !given.hooks_dir && options.luns.empty() &&
+         options.mount_points.empty() && access(kServiceFile, F_OK) == 0;
 }
 
 }  // namespace
@@ -218,6 +224,7 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   };
   try {
     app.parse(argc, argv);
+    if (!given.config && is_for_the_service(options, given)) given.config = kServiceFile;
     if (given.config) file.read(*given.config, app);
     convert(options, given);
     return options;

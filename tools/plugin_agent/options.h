@@ -41,6 +41,7 @@ struct agent_options {
   enum class need { run_dir, freezing, all_unchecked, all };
   need needs = need::all;
   output_format format = output_format::table;
+  std::chrono::milliseconds rehearse_for = std::chrono::seconds(1);
   std::string withdraw;  // the LUN whose departure is only to be taken back; empty for none
 
   bool freezes() const { return !mount_points.empty() || !hooks_dir.empty(); }

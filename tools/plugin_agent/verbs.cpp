@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "plugin_agent/options_file.h"
+
 namespace vexo::tools {
 
 namespace {
@@ -19,6 +21,11 @@ constexpr verb_row kVerbs[] = {
      "Asks the agent of this host how it is: subscriptions, what it freezes, handshakes, verdicts",
      "plugin_agent status\n  plugin_agent status -o json", agent_options::need::run_dir,
      show_status},
+    {"rehearse",
+     "Brings this host to rest as for a snapshot, without an appliance, and thaws it: tests hooks",
+     "plugin_agent rehearse --hooks /etc/plugin_agent/hooks --fs /srv/db\n"
+     "  plugin_agent rehearse --config /etc/plugin_agent/plugin_agent.toml --seconds 5",
+     agent_options::need::freezing, rehearse},
     {"luns",
      "Lists the LUNs that this host sees as SCSI disks, what lies on them, and the value for --lun",
      "plugin_agent luns\n  plugin_agent luns -o json", agent_options::need::run_dir, show_luns},
@@ -41,6 +48,12 @@ void add_verbs(CLI::App& app, agent_options& options) {
         ->check(CLI::IsMember({"table", "json"}))
         ->type_name("FORMAT")
         ->default_str("table");
+    if (row.run == rehearse) {
+      constexpr double kLeast = 0;
+      constexpr double kMost = 60;
+      add_seconds(*verb, "--seconds", options.rehearse_for, kLeast, kMost,
+                  "How long to stay at rest before the thaw; less than --max-freeze");
+    }
     verb->callback([&options, &row] {
       options.verb = row.run;
       options.needs = row.needs;
