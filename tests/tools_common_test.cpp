@@ -6,6 +6,7 @@
 
 #include "common/command_fields.h"
 #include "common/endpoint.h"
+#include "common/metrics.h"
 #include "common/output.h"
 #include "common/text.h"
 
@@ -73,6 +74,28 @@ TEST(Table, LinesUpByCharacters) {
   rows.add({"M\xc3\xbcnchen", "1.2.3.4"});
   rows.add({"", "x\ny"});
   EXPECT_EQ(rows.text().str(), "ID       IP\nM\xc3\xbcnchen  1.2.3.4\n\"\"       x\\x0ay\n");
+}
+
+TEST(MetricsPage, IsTextThatPrometheusReads) {
+  using type = metrics_page::type;
+  metrics_page page;
+  histogram frozen({0.25, 10});
+  for (const double seconds : {0.25, 0.5, 20.25}) frozen.observe(seconds);
+  page.family("x_seconds", type::histogram, "How long.");
+  page.samples(frozen, {{"lun", "a\"b\\c\n\xff"}});
+  page.family("x_listed", type::gauge, "Whether.");
+  page.sample(1732233600);
+  EXPECT_EQ(page.text(), R"(# HELP x_seconds How long.
+# TYPE x_seconds histogram
+x_seconds_bucket{lun="a\"b\\c\\x0a\\xff",le="0.25"} 1
+x_seconds_bucket{lun="a\"b\\c\\x0a\\xff",le="10"} 2
+x_seconds_bucket{lun="a\"b\\c\\x0a\\xff",le="+Inf"} 3
+x_seconds_sum{lun="a\"b\\c\\x0a\\xff"} 21
+x_seconds_count{lun="a\"b\\c\\x0a\\xff"} 3
+# HELP x_listed Whether.
+# TYPE x_listed gauge
+x_listed 1732233600
+)");
 }
 
 TEST(CommandEnvironment, HoldsEveryFieldAndOnlyThoseOfTheBodyThatIsSet) {

@@ -33,7 +33,7 @@ def test_says_how_the_agent_is(start_daemon, hooks, start_agent):
     here, nowhere = status()["appliances"]
     assert (here["appliance"], here["subscribed"], here["listed"], here["seen_as"]) == \
         ("127.0.0.1:3265", True, "YES", "127.0.0.1")
-    wait_until(lambda: "UNAVAILABLE" in status()["appliances"][1]["reason"])
+    wait_until(lambda: "Connection refused" in status()["appliances"][1]["reason"])
     assert (nowhere["subscribed"], nowhere["listed"]) == (False, "UNKNOWN")
     assert {each["name"]: each["refused"] for each in status()["hooks"]} == \
         {"10-a": "", "20-everybodys": "everybody may write to it"}

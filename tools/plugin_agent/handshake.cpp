@@ -88,8 +88,9 @@ void handshake::run() {
 
 void handshake::take_part() {
   if (!options_.hooks_dir.empty()) hooks_ = list_hooks(options_.hooks_dir);
-  for (const auto& [name, reason] : hooks_.refused) {
-    agent_log().warn("hook {} is not run: {}", printable(name), printable(reason));
+  for (const auto& refusal : refusals(hooks_)) {
+    if (!options_.tolerates_refused_hooks) throw given_up(refusal);
+    agent_log().warn("{}", printable(refusal));
   }
   plan_.set_run_dir(options_.run_dir);
   *plan_.mutable_mount_points() = {options_.mount_points.begin(), options_.mount_points.end()};
@@ -299,7 +300,7 @@ void handshake::hold() {
 std::string handshake::verdict() const {
   const bool hooks_ran = std::any_of(runs_.begin(), runs_.end(),
                                      [](const auto& run) { return run.phase() == "freeze"; });
-  if (hooks_ran) return "application-consistent";
+  if (hooks_ran && hooks_.refused.empty()) return "application-consistent";
   return plan_.mount_points().empty() ? "crash-consistent" : "filesystem-consistent";
 }
 

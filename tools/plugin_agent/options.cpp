@@ -54,6 +54,7 @@ struct words {
   std::optional<std::string> config;
   std::vector<std::string> appliances;
   std::optional<std::string> hooks_dir;
+  std::string refused_hooks = "fail";
   std::optional<double> hold;
 };
 
@@ -73,6 +74,12 @@ void declare(CLI::App& app, agent_options& options, words& given) {
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
                  "\"any\" takes part in every snapshot");
   app.add_option("--hooks", given.hooks_dir, "Directory of the hooks")->type_name("DIR");
+  app.add_option("--refused-hooks", given.refused_hooks,
+                 "When a hook is refused (it is not executable, or others may write to it): fail "
+                 "every snapshot, or warn and take it without the hook, at most "
+                 "\"filesystem-consistent\", if --fs is given")
+      ->check(CLI::IsMember({"fail", "warn"}))
+      ->capture_default_str();
   app.add_option("--fs", options.mount_points,
                  "Mount point of a file system that the agent freezes itself (repeatable)")
       ->type_name("DIR");
@@ -161,6 +168,7 @@ void convert(agent_options& options, const words& given) {
     throw std::invalid_argument("--hooks is empty: name a directory, or leave it out");
   }
   options.hooks_dir = given.hooks_dir.value_or("");
+  options.tolerates_refused_hooks = given.refused_hooks == "warn" && !options.mount_points.empty();
   if (options.needs != agent_options::need::all_unchecked) check_freeze(options);
 }
 

@@ -27,6 +27,9 @@ struct agent_options {
   bool any_lun = false;
   std::string hooks_dir;                  // empty for none
   std::vector<std::string> mount_points;  // to be frozen by the agent itself
+  // Whether a snapshot goes on without the hooks that are refused. Only where file systems are
+  // frozen: of the copy of a host that nothing has brought to rest nothing can be said.
+  bool tolerates_refused_hooks = false;
   std::chrono::milliseconds max_freeze = std::chrono::seconds(30);
   // Of max_freeze, how much must be left when the host departs.
   std::chrono::milliseconds hold = std::chrono::seconds(20);

@@ -21,6 +21,7 @@
 #include "plugin_agent/agent.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
+#include "plugin_agent/hooks.h"
 #include "plugin_agent/options.h"
 #include "plugin_agent/status_socket.h"
 #include "plugin_agent/verbs.h"
@@ -63,6 +64,15 @@ exit_code run(const agent_options& options, interrupt& stop) {
     std::vector<std::string> remarks;
     open_file_systems(options.mount_points, &remarks);
     for (const auto& remark : remarks) agent_log().warn("--fs {}", printable(remark));
+    if (!options.hooks_dir.empty()) {
+      for (const auto& refusal : refusals(list_hooks(options.hooks_dir))) {
+        if (options.tolerates_refused_hooks) {
+          agent_log().warn("{}", printable(refusal));
+        } else {
+          agent_log().error("{}; until that is changed every snapshot fails", printable(refusal));
+        }
+      }
+    }
   }
   // Never ended: gRPC's shutdown would wait for threads that it could not start.
   grpc_init();

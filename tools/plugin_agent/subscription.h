@@ -32,10 +32,19 @@ class subscription {
   subscription& operator=(const subscription&) = delete;
 
  private:
+  struct attempt {
+    std::string text;  // what there is to say about its end
+    backoff::ending how = backoff::ending::unreachable;
+    std::chrono::milliseconds held{};
+  };
+
   void run();
-  // Subscribes, and returns when that is over, with what there is to say about it.
-  std::string subscribe_once();
-  // Says in the log whether the daemon lists this host. False when it never will.
+  // Subscribes, and returns when that is over.
+  attempt subscribe_once();
+  // Says how it ended, but the same thing only once a minute.
+  void report(const attempt& ended, std::chrono::milliseconds wait);
+  // Says in the log whether the daemon lists this host. False when it never will. Blocks for up to
+  // a minute when the host has come back.
   bool confirm(subscribe_call& call);
   void leave(subscribe_call& call);
   // Blocks for `time`; true, at once, when the agent leaves.
@@ -46,6 +55,9 @@ class subscription {
   const subscribe_call::on_command receive_;
   backoff backoff_;
   subscription_state state_;
+  bool comes_back_ = false;  // perhaps with all the other hosts
+  std::string reported_;
+  std::chrono::steady_clock::time_point reported_at_;
   event stop_;
   std::thread thread_;
 };
