@@ -139,7 +139,7 @@ class Appliance:
     def end(self, result=0, lun=None):
         """depart_done. When that was sent, by the clock of `mark`."""
         sent = self.mark()
-        self._publish(depart_done(lun or self.luns[0], result), CONFIRM_SECONDS)
+        self._publish(depart_done(lun or self.luns[0], result), self.settings.patience)
         return sent
 
     def whole_handshake(self):

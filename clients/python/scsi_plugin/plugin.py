@@ -136,8 +136,10 @@ class _Subscription:
         finally:
             # After whatever was cancelled or lost: a subscriber that has vanished hangs the daemon at
             # the next announcement.
-            if self._daemon is not None and not self._daemon.unsubscribe(self._client):
-                _log.warning("%s: left without being able to unsubscribe", self._appliance)
+            if self._daemon is not None:
+                if not self._daemon.unsubscribe(self._client):
+                    _log.warning("%s: left without being able to unsubscribe", self._appliance)
+                self._daemon.close()
             self._plugin._over(self)
 
     def _stay_subscribed(self) -> None:
