@@ -5,10 +5,9 @@ import os
 import signal
 import sys
 
-import grpc
 import pytest
 
-from support.calls import LUN, wait_for_depart
+from support.calls import LUN
 from support.program import SOURCE, Program, run
 
 EXAMPLES = SOURCE / "examples"
@@ -28,18 +27,6 @@ def start_plugin(log, daemon, *languages):
     log.wait_for("Connected: Plugin ID=example IP=127.0.0.1")
     daemon.call.wait_until_listed("example")
     return plugin
-
-
-@pytest.mark.parametrize("host", LANGUAGES)
-def test_a_host_that_leaves_takes_its_departure_back(log, daemon, host):
-    plugin = start_plugin(log, daemon, host)
-    daemon.call.go_to_split()
-    plugin.signal(signal.SIGTERM)
-    plugin.wait_for_out("at work")
-    with pytest.raises(grpc.RpcError):
-        daemon.call.ask(wait_for_depart(LUN), timeout=0.5)
-    plugin.wait()
-    log.wait_for("Disconnect: Plugin ID=example")
 
 
 @pytest.mark.parametrize("local", LANGUAGES)

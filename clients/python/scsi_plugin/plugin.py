@@ -134,8 +134,8 @@ class _Subscription:
         try:
             self._stay_subscribed()
         finally:
-            # After whatever was cancelled or lost: a subscriber that has vanished hangs the daemon at
-            # the next announcement.
+            # Also when the stream was lost: a subscriber that has vanished hangs the daemon at the next
+            # announcement.
             if self._daemon is not None:
                 if not self._daemon.unsubscribe(self._client):
                     _log.warning("%s: left without being able to unsubscribe", self._appliance)
@@ -182,8 +182,9 @@ class _Subscription:
                 # First this, and then cancel. An UnSubscribe that comes before the daemon has begun to
                 # wait on the stream does not end it.
                 answered = daemon.unsubscribe(self._client)
-                ended.wait(_STREAM_END if answered else 0)
-                stream.cancel()
+                if not ended.wait(_STREAM_END if answered else 0):
+                    stream.cancel()
+                    daemon.unsubscribe(self._client)
             reader.join()
         if listed is False:
             return False, "it does not list this host: somebody unsubscribed it as it subscribed"
