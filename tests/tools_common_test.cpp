@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "common/command_fields.h"
+#include "common/daemon_log.h"
 #include "common/endpoint.h"
 #include "common/metrics.h"
 #include "common/output.h"
@@ -42,6 +43,15 @@ TEST(Endpoint, IsReadAsPeopleWriteIt) {
                           "[::1",    "[::1]x",  "[::1]:",   "[h]:1",  "1:2:3:4:5:6:7:8:9",
                           "unix:",   "unix://", "unix://x", "user@h", "/x"}) {
     EXPECT_THROW(parse_endpoint(bad), std::invalid_argument) << bad;
+  }
+}
+
+TEST(DaemonLog, TellsWhichHostWasPushedTo) {
+  const std::string before = "scsi_plugin:plugin_client:37:push_cmd push command to plugin_id=";
+  EXPECT_EQ(pushed_host(before + "esx 7 ip=x ip=10.0.0.7"), "esx 7 ip=x (10.0.0.7)");
+  EXPECT_EQ(pushed_host(before + " ip=10.0.0.7"), " (10.0.0.7)");
+  for (const auto& other : {before + "esx", "other: " + before + "esx ip=10.0.0.7", std::string()}) {
+    EXPECT_FALSE(pushed_host(other)) << other;
   }
 }
 

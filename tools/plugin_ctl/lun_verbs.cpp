@@ -52,9 +52,7 @@ struct lun_verb {
 
 constexpr lun_verb kVerbs[] = {
     {"support", "Asks whether snapshots of a LUN are supported", true, "is_lun_support_req",
-     about<&LunCmd::mutable_is_lun_support_req>,
-     "the appliance's configuration does not hold this LUN, or its kind is not supported: compare "
-     "the identifier letter by letter, upper and lower case differ"},
+     about<&LunCmd::mutable_is_lun_support_req>, kIfNotSupported},
     {"start-mirror", "Reports, as a host plugin does, that the mirror may start", false,
      "start_mirror_req", about<&LunCmd::mutable_start_mirror_req>, kNoTask},
     {"mirror-done",
@@ -117,6 +115,10 @@ void add_naa(CLI::App& lun, session& with) {
 }
 
 }  // namespace
+
+LunCmd is_lun_support(const std::string& p80) {
+  return about<&LunCmd::mutable_is_lun_support_req>({p80, "", nullptr});
+}
 
 void add_lun_verbs(CLI::App& app, session& with) {
   CLI::App* const lun = app.add_subcommand("lun", "What a host plugin asks and reports of one LUN");

@@ -87,7 +87,7 @@ class subscriber {
   }
 
   tool_error no_list(const grpc::Status& status) const {
-    return tool_error(call_problem("PluginConnList", with_.where, status));
+    return tool_error(with_.no_answer("PluginConnList", status));
   }
 
   // A signal does not end this: an UnSubscribe before the registration would be lost.
@@ -143,7 +143,7 @@ class subscriber {
           " was unsubscribed, or subscribed anew from elsewhere");
       return exit_code::done;
     }
-    problem why = call_problem("Subscribe", with_.where, status);
+    problem why = with_.no_answer("Subscribe", status);
     if (!call_->leave().ok()) why.next += "; " + leftover();
     say(why.text());
     return why.code;
@@ -151,7 +151,7 @@ class subscriber {
 
   exit_code leave() {
     if (const auto status = call_->leave(); !status.ok()) {
-      problem why = call_problem("UnSubscribe", with_.where, status);
+      problem why = with_.no_answer("UnSubscribe", status);
       why.next = leftover();
       say(why.text());
       return why.code;
