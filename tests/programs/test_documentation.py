@@ -83,6 +83,6 @@ def test_exit_codes_are_those_of_the_help():
         if page.stem not in PROGRAMS:
             continue
         codes = re.search(r"^\.Sh EXIT STATUS\n(.*?)^\.Sh", page.read_text(), re.M | re.DOTALL)[1]
-        said = re.findall(r"(?:Exit codes|With --status): (.*?\.)(?:\n|$)",
+        said = re.findall(r"(?:Exit codes|With --status|With --check): (.*?\.)(?:\n|$)",
                           run(PROGRAMS[page.stem], "--help").out, re.DOTALL)
         assert set(re.findall(r"^\.It (\d)", codes, re.M)) == set(re.findall(r"\b\d(?= )", " ".join(said)))
