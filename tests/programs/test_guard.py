@@ -28,7 +28,7 @@ def open_sockets(pid):
 
 
 def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, start_agent):
-    guard = start_guard()
+    guard = start_guard("--metrics", "/tmp/guard.prom")
     start_agent()
     ids = ["", 'a "b"', "h\u00f6st"]
     hosts = [start_agent("--plugin-id", plugin_id) for plugin_id in ids]
@@ -44,6 +44,9 @@ def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, 
         guard.wait_for_err(f'swept "{plugin_id}"')
     supervisor.call.whole_handshake()
     wait_until(lambda: [reported(key) for key in ("hosts", "sweeps", "restarts")] == [1, 3, 0])
+    metrics = pathlib.Path("/tmp/guard.prom")
+    wait_until(lambda: {"scsi_plugin_guard_hosts 1", "scsi_plugin_guard_sweeps_total 3",
+                        'scsi_plugin_guard_state{state="ok"} 1'} <= {*metrics.read_text().splitlines()})
     assert max(most_sockets) <= 3, "two connections, and the system log"
     assert supervisor.restarts == 0
 
