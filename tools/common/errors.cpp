@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 
 namespace vexo::tools {
@@ -59,6 +60,13 @@ std::string next_step(const endpoint& where, grpc::StatusCode code) {
 }
 
 }  // namespace
+
+int end_with(const shown_text& program, const tool_error& error) {
+  if (error.code != exit_code::closed_pipe) {
+    std::fprintf(stderr, "%s: %s\n", program.c_str(), error.text.c_str());
+  }
+  return static_cast<int>(error.code);
+}
 
 shown_text problem::text() const {
   return printable(tried) + "\n  came back: " + printable(came_back) +

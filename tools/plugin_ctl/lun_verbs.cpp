@@ -1,5 +1,8 @@
+#include <algorithm>
+#include <cctype>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "report.pb.h"
 #include "verbs.h"
@@ -98,6 +101,15 @@ std::string naa_of(const std::string& uuid) {
   return naa;
 }
 
+// For an option's check().
+std::string refuse_other_than_uuid(const std::string& text) {
+  constexpr std::string_view kForm = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+  const bool fits = std::equal(
+      text.begin(), text.end(), kForm.begin(), kForm.end(),
+      [](unsigned char c, char form) { return form == 'x' ? std::isxdigit(c) != 0 : c == '-'; });
+  return fits ? "" : "\"" + text + "\" is no UUID, such as " + kUuid;
+}
+
 void add_naa(CLI::App& lun, session& with) {
   const auto uuid = std::make_shared<std::string>();
   CLI::App* const verb =
@@ -111,7 +123,9 @@ void add_naa(CLI::App& lun, session& with) {
                  print((as_json ? to_json(result) : printable(result.naa())) + "\n");
                  return exit_code::done;
                });
-  add_text(*verb, "UUID", *uuid, "The LUN's UUID, written as the appliance writes it")->required();
+  add_text(*verb, "UUID", *uuid, "The LUN's UUID, written as the appliance writes it")
+      ->required()
+      ->check(CLI::Validator(refuse_other_than_uuid, ""));
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 
 #include "common/errors.h"
 #include "common/exit_codes.h"
+#include "common/help_text.h"
 #include "common/interrupt.h"
 #include "common/number_option.h"
 #include "common/output.h"
@@ -185,6 +186,7 @@ int run(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   interrupt stop;
   CLI::App app(kDescription, "plugin_guard");
+  wrap_help(app);
   app.footer(kFooter);
   words given;
   declare(app, given);
@@ -218,8 +220,7 @@ int main(int argc, char** argv) {
   try {
     return run(argc, argv);
   } catch (const tool_error& error) {
-    say(error.text);
-    return static_cast<int>(error.code);
+    return end_with("plugin_guard", error);
   } catch (const std::exception& error) {
     say("this machine refused: " + printable(error.what()));
     return static_cast<int>(exit_code::failed);
