@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "common/exit_codes.h"
+#include "common/help_text.h"
 #include "common/number_option.h"
 #include "common/text.h"
 #include "plugin_freezer/outside.h"
@@ -224,6 +225,7 @@ exit_code run(int argc, char** argv) {
       "it.\n"
       "By hand it is of use with --thaw only.",
       "plugin_freezer");
+  wrap_help(app);
   bool thaw = false;
   std::string run_dir = "/run/plugin_agent";
   double hook_timeout = 10;
