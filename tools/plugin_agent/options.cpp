@@ -1,5 +1,6 @@
 #include "plugin_agent/options.h"
 
+#include <syslog.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "common/journal.h"
 #include "common/number_option.h"
 #include "common/plugin_type.h"
 #include "common/text.h"
@@ -215,7 +217,8 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   declare(app, options, given);
   options_file file;
   const auto complain = [&](const std::exception& error, exit_code why) {
-    std::cerr << "plugin_agent: " << printable(file.located(error.what(), app))
+    std::cerr << journal_prefix(LOG_ERR)
+              << "plugin_agent: " << printable(file.located(error.what(), app))
               << "\nRun with --help for more information.\n";
     end = why;
     return std::nullopt;
