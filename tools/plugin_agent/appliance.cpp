@@ -61,6 +61,10 @@ unique_fd make_connection(const endpoint& where, const event& stop) {
 
 appliance::appliance(endpoint where) : where_(std::move(where)) {}
 
+appliance::appliance(std::string name, const std::shared_ptr<grpc::Channel>& channel)
+    : where_{endpoint::family::host_name, "", 0, std::move(name), ""},
+      stub_(PluginService::NewStub(channel)) {}
+
 void appliance::connect(const event& stop) {
   const auto with_port = [&](const std::string& each) {
     return each + ":" + std::to_string(where_.port);

@@ -20,6 +20,9 @@ namespace vexo::tools {
 class appliance {
  public:
   explicit appliance(endpoint where);
+  // One that is only played, in this process; connect() is not for it.
+  appliance(std::string name, const std::shared_ptr<grpc::Channel>& channel);
+  bool is_played() const { return where_.target.empty(); }
 
   // Looks the name up and connects anew to one of its IPv4 addresses: to the one of the last time
   // if it still answers, otherwise to the first that does. Throws std::runtime_error when none

@@ -14,7 +14,6 @@
 #include "common/output.h"
 #include "common/poll_until.h"
 #include "common/text.h"
-#include "handshake_record.pb.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
 #include "plugin_agent/handshake_check.h"
@@ -117,8 +116,10 @@ void handshake::take_part() {
   plan_.set_hook_timeout_ms(options_.hook_timeout.count());
   auto& member = *plan_.mutable_member();
   member.set_name(lun() + kOf + appliance_->name());
-  for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
-    member.add_command(word);
+  if (!appliance_->is_played()) {
+    for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
+      member.add_command(word);
+    }
   }
   prepare();
   start_mirror();
@@ -129,16 +130,19 @@ void handshake::take_part() {
   const std::string& name = plan_.member().name();
   const auto take_figures = [&] {
     frozen_for_ = rest_->frozen_for();
+    freeze_took_ = rest_->freeze_took();
     for (auto& run : rest_->runs()) runs_.push_back(std::move(run));
   };
   try {
     come_to_rest();
     depart();
     hold();
+    step_ = "thaw";
     rest_->end(name);
     take_figures();
     verdict_ = verdict();
   } catch (const std::runtime_error&) {
+    step_ = "thaw";
     if (may_count_on_rest_) withdraw(*appliance_->stub(), lun(), options_.plugin_id);
     try {
       rest_->end(name);
@@ -221,6 +225,7 @@ void handshake::start_mirror() {
 }
 
 void handshake::wait_for_mirror() {
+  step_ = "mirror";
   LunCmd question = lun_command();
   auto& body = *question.mutable_is_mirror_done_req();
   body.set_task_id(command_.task_id());
@@ -263,6 +268,7 @@ void handshake::wait_for_mirror() {
 }
 
 void handshake::gather() {
+  step_ = "gather";
   rests_.gather();
   while (!rests_.has_gathered()) wait_or_give_up(clock::now() + kGatherLook);
 }
@@ -276,6 +282,7 @@ void handshake::enter_rest() {
 bool handshake::is_at_rest() { return rest_->at_rest(plan_.member().name()); }
 
 void handshake::come_to_rest() {
+  step_ = "freeze";
   for (int tries = 1;; ++tries) {
     try {
       while (!is_at_rest()) wait_or_give_up(rest_->deadline());
@@ -290,6 +297,7 @@ void handshake::come_to_rest() {
 }
 
 void handshake::depart() {
+  step_ = "depart";
   connection_was_lost();  // what was before does not matter any more
   for (;;) {
     const auto news = wait(clock::now());
@@ -319,6 +327,7 @@ void handshake::depart() {
 // The pauses cost the appliance fewer than 80 of these questions in 30 s, with a line of its log
 // each.
 void handshake::hold() {
+  step_ = "hold";
   for (;;) {
     const auto now = clock::now();
     const auto pause = growing_pause(now - rest_->since(), kFirstDepartPoll, options_.poll);
@@ -368,6 +377,7 @@ void handshake::write_record() {
   record.set_verdict(verdict_);
   record.set_reason(printable(reason_));
   record.set_frozen_ms(count_of(frozen_for_));
+  record.set_freeze_ms(count_of(freeze_took_));
   record.set_total_ms(count_of(std::chrono::duration_cast<milliseconds>(clock::now() - start_)));
   for (const auto& mount_point : options_.mount_points) {
     record.add_file_systems(printable(mount_point));
@@ -387,6 +397,13 @@ void handshake::write_record() {
   }
   for (const auto& refusal : hooks_.refused) record.add_refused_hooks(printable(refusal.name));
   log_record(to_json(record), verdict_ == "failed" ? spdlog::level::err : spdlog::level::info);
+  const std::lock_guard lock(mutex_);
+  record_ = std::move(record);
+}
+
+std::optional<HandshakeRecord> handshake::record() {
+  const std::lock_guard lock(mutex_);
+  return record_;
 }
 
 LunCmd handshake::lun_command() const {
@@ -468,6 +485,7 @@ void handshake::wait_or_give_up(clock::time_point until, int fd) {
 
 void handshake::hear_the_freezer_out() {
   if (!rest_) return;
+  step_ = "watch";
   while (!rest_->over()) {
     const auto news = wait(clock::now() + kFreezerLook);
     if (news.stop || news.superseded) break;

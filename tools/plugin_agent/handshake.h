@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/event.h"
+#include "handshake_record.pb.h"
 #include "lun_cmd.pb.h"
 #include "plugin_agent/appliance.h"
 #include "plugin_agent/freezer_process.h"
@@ -46,6 +47,11 @@ class handshake {
   // Whether run() is through.
   bool over() const { return over_; }
   void wait_until_over() const { over_.wait(false); }
+  // As AgentStatus has it.
+  const char* step() const { return step_; }
+  std::chrono::duration<double> age() const { return clock::now() - start_; }
+  // Its verdict, once there is one.
+  std::optional<HandshakeRecord> record();
   const std::string& lun() const { return command_.init_snapshot_req().src_lun_p80(); }
 
  private:
@@ -104,17 +110,20 @@ class handshake {
   // Has `thaw` run for the hooks that were prepared, also when the agent is killed.
   std::optional<freezer_process> preparer_;
   std::chrono::milliseconds frozen_for_{};
+  std::chrono::milliseconds freeze_took_{};
   // The appliance may count on the host being at rest, until it says that the split is over.
   bool may_count_on_rest_ = false;
   unsigned losses_seen_ = appliance_->losses();
   std::string verdict_;
   std::string reason_;
   std::atomic<bool> over_ = false;
+  std::atomic<const char*> step_ = "prepare";
 
   event news_event_;
   std::mutex mutex_;
-  // Both under mutex_.
+  // All under mutex_.
   news_flags news_;
+  std::optional<HandshakeRecord> record_;
   std::shared_ptr<quiesce> rest_;  // written by this handshake's thread, for stop_now()
 };
 

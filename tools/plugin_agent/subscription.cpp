@@ -44,6 +44,7 @@ void subscription::run() {
       ended.text = std::string("not subscribed: ") + error.what();  // no thread, or no descriptor
       ended.how = backoff::ending::turned_away;
     }
+    state_.fails(ended.text);
     if (stop_.raised()) return;
     comes_back_ = ended.how != backoff::ending::turned_away;
     const auto wait = backoff_.next(ended.how, ended.held);
@@ -110,6 +111,7 @@ subscription::attempt subscription::subscribe_once() {
 
 bool subscription::confirm(subscribe_call& call) {
   if (comes_back_) {
+    state_.fails("it is subscribing, and asks within a minute whether it is listed");
     agent_log().info(
         "connected to {} and subscribing as \"{}\"; asking within a minute whether it is listed",
         printable(appliance_->name()), printable(self_.plugin_id()));
@@ -121,12 +123,14 @@ bool subscription::confirm(subscribe_call& call) {
     found = call.confirm(kListedWithin, &stop_);
   } while (!found.status.ok() && ++tries < kListTries && !stop_.raised() && !call.ended().raised());
   if (found.entry) {
+    state_.stands(found.entry->ip());
     agent_log().info("subscribed to {} as \"{}\", seen there as {}", printable(appliance_->name()),
                      printable(self_.plugin_id()), printable(found.entry->ip()));
     return true;
   }
   if (stop_.raised() || call.ended().raised()) return true;
   if (found.status.ok()) return false;
+  state_.fails("it does not say whether it lists this host: " + status_text(found.status));
   agent_log().warn(
       "subscribing to {}, but it does not list this host ({}); its daemon may be stuck "
       "on a vanished subscriber: see \"plugin_ctl probe\" there",

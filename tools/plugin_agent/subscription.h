@@ -10,6 +10,7 @@
 #include "common/subscribe_call.h"
 #include "plugin_agent/appliance.h"
 #include "plugin_agent/backoff.h"
+#include "plugin_agent/subscription_state.h"
 #include "plugin_cmd.pb.h"
 
 namespace vexo::tools {
@@ -25,6 +26,8 @@ class subscription {
   // begins it without blocking, so that several subscriptions do it at the same time.
   ~subscription();
   void begin_to_leave() { stop_.raise(); }
+  const appliance& where() const { return *appliance_; }
+  const subscription_state& state() const { return state_; }
   subscription(const subscription&) = delete;
   subscription& operator=(const subscription&) = delete;
 
@@ -51,6 +54,7 @@ class subscription {
   const scsiplugin::PluginClient self_;
   const subscribe_call::on_command receive_;
   backoff backoff_;
+  subscription_state state_;
   bool comes_back_ = false;  // perhaps with all the other hosts
   std::string reported_;
   std::chrono::steady_clock::time_point reported_at_;
