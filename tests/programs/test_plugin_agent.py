@@ -153,6 +153,17 @@ def test_what_was_prepared_is_undone_when_the_mirror_comes_to_nothing(daemon, ho
     assert runs == ["10-a prepare", "20-b prepare", "20-b thaw", "10-a thaw"]
 
 
+def test_its_lines_have_priorities_in_the_journal(daemon, start_agent):
+    """Whose device and inode the service manager names. The journal has the time of a line itself."""
+    agent = start_agent(before=("sh", "-c", 'JOURNAL_STREAM=$(stat -Lc %d:%i /proc/self/fd/2) exec "$@"', "sh"))
+    daemon.call.whole_handshake()
+    agent.wait_for_err('<6>{"time":')
+    assert daemon.call.ask(init_snapshot(LUN))
+    agent.leave()
+    assert '<3>{"time":' in agent.err
+    assert agent.err.startswith('<6>subscribed to 127.0.0.1:3265 as "host"')
+
+
 def test_ignores_luns_of_other_hosts(log, daemon, start_agent):
     agent = start_agent()
     other = daemon.call.begin(init_snapshot(OTHER_LUN))

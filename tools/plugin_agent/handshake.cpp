@@ -396,7 +396,7 @@ void handshake::write_record() {
     }
   }
   for (const auto& refusal : hooks_.refused) record.add_refused_hooks(printable(refusal.name));
-  log_record(to_json(record));
+  log_record(to_json(record), verdict_ == "failed" ? spdlog::level::err : spdlog::level::info);
   const std::lock_guard lock(mutex_);
   record_ = std::move(record);
 }

@@ -1,5 +1,6 @@
 #include "plugin_agent/options.h"
 
+#include <syslog.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -11,6 +12,7 @@
 #include <stdexcept>
 
 #include "common/help_text.h"
+#include "common/journal.h"
 #include "common/number_option.h"
 #include "common/plugin_type.h"
 #include "common/text.h"
@@ -227,7 +229,8 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   add_verbs(app, options);
   options_file file;
   const auto complain = [&](const std::exception& error, exit_code why) {
-    std::cerr << "plugin_agent: " << printable(file.located(error.what(), app))
+    std::cerr << journal_prefix(LOG_ERR)
+              << "plugin_agent: " << printable(file.located(error.what(), app))
               << "\nRun with --help for more information.\n";
     end = why;
     return std::nullopt;
