@@ -5,7 +5,9 @@
 #include <stdexcept>
 
 #include "common/command_fields.h"
+#include "common/daemon_log.h"
 #include "common/endpoint.h"
+#include "common/help_text.h"
 #include "common/metrics.h"
 #include "common/output.h"
 #include "common/text.h"
@@ -43,6 +45,39 @@ TEST(Endpoint, IsReadAsPeopleWriteIt) {
                           "unix:",   "unix://", "unix://x", "user@h", "/x"}) {
     EXPECT_THROW(parse_endpoint(bad), std::invalid_argument) << bad;
   }
+}
+
+TEST(DaemonLog, TellsWhichHostWasPushedTo) {
+  const std::string before = "scsi_plugin:plugin_client:37:push_cmd push command to plugin_id=";
+  EXPECT_EQ(pushed_host(before + "esx 7 ip=x ip=10.0.0.7"), "esx 7 ip=x (10.0.0.7)");
+  EXPECT_EQ(pushed_host(before + " ip=10.0.0.7"), " (10.0.0.7)");
+  for (const auto& other :
+       {before + "esx", "other: " + before + "esx ip=10.0.0.7", std::string()}) {
+    EXPECT_FALSE(pushed_host(other)) << other;
+  }
+}
+
+TEST(Help, FitsTheTerminal) {
+  const std::string row(30, ' ');
+  const std::string help =
+      "What it does, in sentences that were broken at\n"
+      "some other width than this.\nUsage: tool\n\nOptions:\n"
+      "  -a,--all TEXT               Everything, however much that may be for a terminal\n" +
+      row + "as narrow as this one\n  --a-name-that-leaves-no-room-for-it SECONDS:[1 to 2]\n" +
+      row +
+      "Fits\n\nExample:\n  tool --with a --command line --that must --not be --broken or --joined\n"
+      "  tool\n";
+  EXPECT_EQ(wrapped_help(help, 200), help);
+  EXPECT_EQ(wrapped_help(help, 64),
+            "What it does, in sentences that were broken at\n"
+            "some other width than this.\nUsage: tool\n\nOptions:\n"
+            "  -a,--all TEXT               Everything, however much that may\n" +
+                row + "be for a terminal as narrow as\n" + row + "this one\n" +
+                help.substr(help.find("  --a-name")));
+  EXPECT_TRUE(
+      wrapped_help(help, 40).starts_with("What it does, in sentences that were\n"
+                                         "broken at some other width than this.\n"
+                                         "Usage: tool\n"));
 }
 
 TEST(Text, CannotSteerATerminal) {

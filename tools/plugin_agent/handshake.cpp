@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <ctime>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "common/channel.h"
@@ -15,6 +16,7 @@
 #include "common/text.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
+#include "plugin_agent/handshake_check.h"
 #include "plugin_agent/withdrawal.h"
 
 namespace vexo::tools {
@@ -30,6 +32,13 @@ constexpr milliseconds kFirstDepartPoll{10};
 // How often those that gather, and a freezer that goes on alone, are looked at.
 constexpr milliseconds kGatherLook{5};
 constexpr milliseconds kFreezerLook{200};
+// How often to ask whether the handshake is over: each question has the daemon keep a thread for a
+// minute, and a handshake that is over is noticed within that.
+constexpr int kCheckPolls = 45;
+constexpr milliseconds kLeastCheck{5000};
+constexpr milliseconds kMostCheck{45000};
+// How long a rest of another handshake may keep the hooks of this one from being thawed.
+constexpr std::chrono::minutes kOthersTurn{2};
 constexpr char kOf[] = " of ";  // in the name of a member of a rest: the LUN, then the appliance
 constexpr int kMostTries = 3;   // to come to rest, each with a freezer of its own
 
@@ -76,6 +85,7 @@ void handshake::run() {
     reason_ = error.what();
   }
   try {
+    undo_prepare();
     write_record();
   } catch (const std::exception& error) {
     agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), printable(verdict_),
@@ -148,10 +158,11 @@ void handshake::prepare() {
   if (hooks_.usable.empty()) return;
   FreezerRequest request;
   *request.mutable_prepare() = plan_;
-  const freezer_process freezer(request);
-  for (bool gone = false; !gone;) {
-    wait_or_give_up(clock::time_point::max(), freezer.fd());
-    while (const auto report = freezer.receive(gone)) {
+  preparer_.emplace(request);
+  for (bool gone = false; runs_.size() != hooks_.usable.size();) {
+    if (gone) throw given_up("the freezer has died");
+    wait_or_give_up(clock::time_point::max(), preparer_->fd());
+    while (const auto report = preparer_->receive(gone)) {
       if (!report->has_hook()) continue;
       runs_.push_back(report->hook());
       const auto& run = runs_.back();
@@ -162,7 +173,42 @@ void handshake::prepare() {
       }
     }
   }
-  if (runs_.size() != hooks_.usable.size()) throw given_up("the freezer has died");
+}
+
+void handshake::release_preparer() {
+  FreezerRequest request;
+  request.set_leave("");
+  if (preparer_) preparer_->send(request);
+  preparer_.reset();
+}
+
+void handshake::undo_prepare() {
+  const bool is_undone = std::any_of(runs_.begin(), runs_.end(),
+                                     [](const auto& run) { return run.phase() == "thaw"; });
+  if (is_undone) release_preparer();
+  if (!preparer_) return;
+  step_ = "thaw";
+  FreezerRequest request;
+  request.set_end(true);
+  preparer_->send(request);
+  if (hear_thaw(*preparer_)) return;
+  *request.mutable_undo() = plan_;
+  hear_thaw(freezer_process(request));
+}
+
+bool handshake::hear_thaw(const freezer_process& freezer) {
+  const auto until = clock::now() + kOthersTurn + 2 * options_.hook_timeout * plan_.hooks_size();
+  for (bool gone = false; !gone && clock::now() < until;) {
+    wait(until, freezer.fd());
+    while (const auto report = freezer.receive(gone)) {
+      if (report->has_hook()) runs_.push_back(report->hook());
+      if (report->has_thawed()) return true;
+    }
+    if (gone) return false;
+  }
+  agent_log().error("LUN {}: `thaw` of the hooks that were prepared is late; it follows",
+                    printable(lun()));
+  return true;
 }
 
 void handshake::start_mirror() {
@@ -187,6 +233,9 @@ void handshake::wait_for_mirror() {
   body.set_type(scsiplugin::LUN_TYPE_80);
   body.set_src_lun_id(lun());
   const auto start = clock::now();
+  const auto check_pause = std::clamp(kCheckPolls * options_.poll, kLeastCheck, kMostCheck);
+  auto next_check = start + check_pause;
+  std::optional<handshake_check> check;
   const host_rests::mirror_wait waiting(rests_, news_event_);
   // Not at once: the yes for a LUN that needs no mirror moves the task on, and must not do so
   // before the local caller has seen that the mirror may start.
@@ -194,21 +243,28 @@ void handshake::wait_for_mirror() {
   for (;;) {
     const auto answer = appliance_->lun_op(question, kCallTimeout);
     if (answer.yes) return;
-    if (answer.status.ok() && connection_was_lost()) {
-      // A daemon that was started anew knows of no handshake and would answer no for ever.
-      // Asking for the mirror again tells, and cannot be asked each time: it would undo a "mirror
-      // done" that comes in between.
-      if (const auto known = ask_start_mirror(); known.status.ok() && !known.yes) {
-        throw given_up("the appliance has forgotten the handshake: its daemon was started anew");
-      }
-    }
     const auto now = clock::now();
     if (now >= start + options_.max_mirror) {
       throw given_up("the mirror was not done in time (--max-mirror)");
     }
-    wait_or_give_up(now + (rests_.is_gathering()
-                               ? host_rests::kGatherPoll
-                               : growing_pause(now - start, kFirstMirrorPoll, options_.poll)));
+    if (check && check->is_over()) {
+      throw given_up(
+          "the appliance no longer has the handshake: it was given up there, or the daemon was "
+          "started anew");
+    }
+    if (answer.status.ok() && connection_was_lost()) next_check = now;
+    if (now >= next_check) {
+      next_check = now + check_pause;
+      try {
+        check.emplace(appliance_->stub(), lun(), news_event_);
+      } catch (const std::system_error&) {
+        check.reset();  // no thread to be had, perhaps there is one the next time
+      }
+    }
+    const auto pause = rests_.is_gathering()
+                           ? host_rests::kGatherPoll
+                           : growing_pause(now - start, kFirstMirrorPoll, options_.poll);
+    wait_or_give_up(std::min(now + pause, next_check));
   }
 }
 
@@ -231,6 +287,7 @@ void handshake::come_to_rest() {
   for (int tries = 1;; ++tries) {
     try {
       while (!is_at_rest()) wait_or_give_up(rest_->deadline());
+      release_preparer();
       return;
     } catch (const rest_missed&) {
       if (tries == kMostTries) throw;

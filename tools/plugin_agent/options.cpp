@@ -10,6 +10,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "common/help_text.h"
 #include "common/number_option.h"
 #include "common/plugin_type.h"
 #include "common/text.h"
@@ -258,6 +259,7 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
       "Takes part in an appliance's snapshots as a host: brings the host's applications and file\n"
       "systems to rest while the mirror is split.",
       "plugin_agent");
+  wrap_help(app);
   agent_options options;
   options.plugin_id = host_name();
   words given;

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "common/exit_codes.h"
+#include "common/help_text.h"
 #include "common/number_option.h"
 #include "common/text.h"
 #include "plugin_freezer/outside.h"
@@ -116,6 +117,30 @@ bool take_turn(outside& world, turn& right, bool to_freeze) {
   }
 }
 
+// The same hooks may have applications at rest for another snapshot: so this has to have the turn.
+void undo_prepare(outside& world, FreezerPlan plan, int begun) {
+  turn right(plan.run_dir());
+  other_freezer other(world, right, false);
+  while (!right.try_take()) {
+    other.is_worth_waiting();
+    world.wait(steady_clock::now() + kTurnLook);
+  }
+  thaw_what_was_left(world, right, milliseconds(0));
+  plan.clear_mount_points();
+  plan.mutable_hooks()->DeleteSubrange(begun, plan.hooks_size() - begun);
+  rest(world, right, plan).undo_prepare();
+}
+
+void prepare(outside& world, const FreezerPlan& plan) {
+  const int begun = run_prepare_hooks(world, plan);
+  while (world.requests.empty() && !world.agent_gone && !world.terminated) {
+    world.wait(steady_clock::time_point::max());
+  }
+  if (world.requests.empty() || !world.requests.front().has_leave()) {
+    undo_prepare(world, plan, begun);
+  }
+}
+
 void serve(outside& world) {
   while (world.requests.empty()) {
     if (world.agent_gone) return;
@@ -123,7 +148,8 @@ void serve(outside& world) {
   }
   const FreezerRequest request = std::move(world.requests.front());
   world.requests.pop_front();
-  if (request.has_prepare()) return run_prepare_hooks(world, request.prepare());
+  if (request.has_prepare()) return prepare(world, request.prepare());
+  if (request.has_undo()) return undo_prepare(world, request.undo(), request.undo().hooks_size());
   if (!request.has_begin() && !request.has_recover()) return;
   const FreezerPlan& plan = request.has_begin() ? request.begin() : request.recover();
   turn right(plan.run_dir());
@@ -199,6 +225,7 @@ exit_code run(int argc, char** argv) {
       "it.\n"
       "By hand it is of use with --thaw only.",
       "plugin_freezer");
+  wrap_help(app);
   bool thaw = false;
   std::string run_dir = "/run/plugin_agent";
   double hook_timeout = 10;
