@@ -187,6 +187,7 @@ void handshake::undo_prepare() {
                                      [](const auto& run) { return run.phase() == "thaw"; });
   if (is_undone) release_preparer();
   if (!preparer_) return;
+  step_ = "thaw";
   FreezerRequest request;
   request.set_end(true);
   preparer_->send(request);
