@@ -5,7 +5,10 @@
 #include <stdexcept>
 
 #include "common/command_fields.h"
+#include "common/daemon_log.h"
 #include "common/endpoint.h"
+#include "common/help_text.h"
+#include "common/metrics.h"
 #include "common/output.h"
 #include "common/text.h"
 
@@ -44,6 +47,39 @@ TEST(Endpoint, IsReadAsPeopleWriteIt) {
   }
 }
 
+TEST(DaemonLog, TellsWhichHostWasPushedTo) {
+  const std::string before = "scsi_plugin:plugin_client:37:push_cmd push command to plugin_id=";
+  EXPECT_EQ(pushed_host(before + "esx 7 ip=x ip=10.0.0.7"), "esx 7 ip=x (10.0.0.7)");
+  EXPECT_EQ(pushed_host(before + " ip=10.0.0.7"), " (10.0.0.7)");
+  for (const auto& other :
+       {before + "esx", "other: " + before + "esx ip=10.0.0.7", std::string()}) {
+    EXPECT_FALSE(pushed_host(other)) << other;
+  }
+}
+
+TEST(Help, FitsTheTerminal) {
+  const std::string row(30, ' ');
+  const std::string help =
+      "What it does, in sentences that were broken at\n"
+      "some other width than this.\nUsage: tool\n\nOptions:\n"
+      "  -a,--all TEXT               Everything, however much that may be for a terminal\n" +
+      row + "as narrow as this one\n  --a-name-that-leaves-no-room-for-it SECONDS:[1 to 2]\n" +
+      row +
+      "Fits\n\nExample:\n  tool --with a --command line --that must --not be --broken or --joined\n"
+      "  tool\n";
+  EXPECT_EQ(wrapped_help(help, 200), help);
+  EXPECT_EQ(wrapped_help(help, 64),
+            "What it does, in sentences that were broken at\n"
+            "some other width than this.\nUsage: tool\n\nOptions:\n"
+            "  -a,--all TEXT               Everything, however much that may\n" +
+                row + "be for a terminal as narrow as\n" + row + "this one\n" +
+                help.substr(help.find("  --a-name")));
+  EXPECT_TRUE(
+      wrapped_help(help, 40).starts_with("What it does, in sentences that were\n"
+                                         "broken at some other width than this.\n"
+                                         "Usage: tool\n"));
+}
+
 TEST(Text, CannotSteerATerminal) {
   const std::pair<std::string, std::string> cases[] = {
       {"plain", "plain"},
@@ -73,6 +109,28 @@ TEST(Table, LinesUpByCharacters) {
   rows.add({"M\xc3\xbcnchen", "1.2.3.4"});
   rows.add({"", "x\ny"});
   EXPECT_EQ(rows.text().str(), "ID       IP\nM\xc3\xbcnchen  1.2.3.4\n\"\"       x\\x0ay\n");
+}
+
+TEST(MetricsPage, IsTextThatPrometheusReads) {
+  using type = metrics_page::type;
+  metrics_page page;
+  histogram frozen({0.25, 10});
+  for (const double seconds : {0.25, 0.5, 20.25}) frozen.observe(seconds);
+  page.family("x_seconds", type::histogram, "How long.");
+  page.samples(frozen, {{"lun", "a\"b\\c\n\xff"}});
+  page.family("x_listed", type::gauge, "Whether.");
+  page.sample(1732233600);
+  EXPECT_EQ(page.text(), R"(# HELP x_seconds How long.
+# TYPE x_seconds histogram
+x_seconds_bucket{lun="a\"b\\c\\x0a\\xff",le="0.25"} 1
+x_seconds_bucket{lun="a\"b\\c\\x0a\\xff",le="10"} 2
+x_seconds_bucket{lun="a\"b\\c\\x0a\\xff",le="+Inf"} 3
+x_seconds_sum{lun="a\"b\\c\\x0a\\xff"} 21
+x_seconds_count{lun="a\"b\\c\\x0a\\xff"} 3
+# HELP x_listed Whether.
+# TYPE x_listed gauge
+x_listed 1732233600
+)");
 }
 
 TEST(CommandEnvironment, HoldsEveryFieldAndOnlyThoseOfTheBodyThatIsSet) {

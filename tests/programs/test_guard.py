@@ -28,7 +28,7 @@ def open_sockets(pid):
 
 
 def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, start_agent):
-    guard = start_guard()
+    guard = start_guard("--metrics", "/tmp/guard.prom")
     start_agent()
     ids = ["", 'a "b"', "h\u00f6st"]
     hosts = [start_agent("--plugin-id", plugin_id) for plugin_id in ids]
@@ -44,6 +44,9 @@ def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, 
         guard.wait_for_err(f'swept "{plugin_id}"')
     supervisor.call.whole_handshake()
     wait_until(lambda: [reported(key) for key in ("hosts", "sweeps", "restarts")] == [1, 3, 0])
+    metrics = pathlib.Path("/tmp/guard.prom")
+    wait_until(lambda: {"scsi_plugin_guard_hosts 1", "scsi_plugin_guard_sweeps_total 3",
+                        'scsi_plugin_guard_state{state="ok"} 1'} <= {*metrics.read_text().splitlines()})
     assert max(most_sockets) <= 3, "two connections, and the system log"
     assert supervisor.restarts == 0
 
@@ -189,25 +192,30 @@ def test_refuses_options_that_do_not_fit_together():
     for options, complaint in (("--fail-after 5 --timeout 5", "--timeout is not shorter"),
                                ("--interval 0", "--interval"),
                                ("-o json", "--output is for --status only"),
+                               ("--status --metrics x", "--metrics is for the guard itself"),
                                ("--status --no-kill", "--no-kill is for the guard itself")):
         ended = run(PLUGIN_GUARD, *options.split())
         assert (options, ended.status) == (options, 2)
         assert complaint in ended.err
 
 
-@pytest.mark.parametrize("text, age, status, err", [
-    ('{"state":"OK","sweeps":3}', 0, 0, ""),
-    ('{"state":"DEGRADED","error":"127.0.0.1:3265 is full"}', 0, 1, "is full"),
-    ('{"state":"DOWN","error":"no daemon"}', 0, 3, "no daemon"),
-    ('{"state":"OK","of_a_later_version":1}', 0, 0, ""),
-    ('{"state":"OK"}', 60, 3, "has written nothing since"),
-    ('{"state":"OK"}', -60, 3, "has written nothing since"),
-    ('{"state":"O', 0, 3, "is no guard's status"),
-    ("", 0, 3, "is no guard's status"),
+@pytest.mark.parametrize("text, age, status, err, checked", [
+    ('{"state":"OK","sweeps":3}', 0, 0, "", 0),
+    ('{"state":"DEGRADED","error":"127.0.0.1:3265 is full"}', 0, 1, "is full", 1),
+    ('{"state":"DOWN","error":"no daemon"}', 0, 3, "no daemon", 2),
+    ('{"state":"OK","of_a_later_version":1}', 0, 0, "", 0),
+    ('{"state":"OK"}', 60, 3, "has written nothing since", 3),
+    ('{"state":"OK"}', -60, 3, "has written nothing since", 3),
+    ('{"state":"O', 0, 3, "is no guard's status", 3),
 ])
-def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err):
+def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err, checked):
     pathlib.Path(STATUS_FILE).write_text(text)
     os.utime(STATUS_FILE, 2 * (time.time() - age,))
     ended = run(PLUGIN_GUARD, "--status", "--status-file", STATUS_FILE)
     assert ended.status == status
     assert err in ended.err
+    ended = run(PLUGIN_GUARD, "--check", "--status-file", STATUS_FILE)
+    word = ("OK", "WARNING", "CRITICAL", "UNKNOWN")[checked]
+    assert (ended.status, ended.out.count("\n")) == (checked, 1)
+    assert ended.out.startswith(f"SCSI_PLUGIN {word}: ") and err in ended.out
+    assert (" | hosts=0;" in ended.out) == (checked != 3)

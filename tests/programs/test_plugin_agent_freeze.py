@@ -13,18 +13,19 @@ import pytest
 
 from support import agent
 from support.calls import LUN, depart_done, init_snapshot, mirror_done
-from support.program import PLUGIN_AGENT, SANITIZED, SOURCE, Program, exists, run
+from support.program import PLUGIN_AGENT, SANITIZED, SLACK, SOURCE, Program, exists, run
 from support.waiting import wait_until
 
-LIMIT = 1
-LONGEST_STALL = LIMIT + 1  # seconds
+LIMIT = 3 if SANITIZED else 1  # seconds, like the next two
+LONGEST_STALL = LIMIT + SLACK
+FAR_LIMIT = 20  # for tests of what is thawed before it
 STEPS = ["prepare", "mirror", "freeze", "depart", "hold", "thaw"]
 
 
 @pytest.fixture
 def start_freezer(daemon, volume, start_agent):
-    return lambda *options: start_agent("--fs", volume.path, "--max-freeze", LIMIT, "--hold", 0.1,
-                                        *options)
+    return lambda *options, limit=LIMIT: start_agent("--fs", volume.path, "--max-freeze", limit,
+                                                     "--hold", 0.1, *options)
 
 
 @pytest.fixture
@@ -58,18 +59,17 @@ def start_over(daemon, volume, hooks):
 @pytest.mark.parametrize("step", STEPS)
 def test_killed_at_any_step_the_host_is_thawed_at_once(daemon, volume, hooks, start_freezer, go_to,
                                                        start_over, step):
-    agent = start_freezer("--hooks", hooks.path)
+    agent = start_freezer("--hooks", hooks.path, limit=FAR_LIMIT)
     go_to(step)
-    volume.longest_stall()
     agent.kill()
     volume.wait_until_thawed()
-    assert volume.longest_stall() < 1
+    assert volume.longest_stall() < FAR_LIMIT / 2
     if step == "thaw":
         hooks.unblock()  # and the one that runs it again
     hooks.wait_until_thawed("10-a")
     hooks.unblock()
     daemon.signal(signal.SIGCONT)
-    start_over(start_freezer("--hooks", hooks.path), 0)
+    start_over(start_freezer("--hooks", hooks.path, limit=FAR_LIMIT), 0)
 
 
 @pytest.mark.parametrize("step", STEPS)
@@ -99,25 +99,25 @@ def test_thaws_at_the_limit_when_the_split_takes_longer(daemon, volume, start_fr
     agent = start_freezer()
     daemon.call.go_to_split()
     record = agent.record()
-    assert (record["verdict"], record["reason"]) == ("failed", "the host was thawed at the limit of 1 s")
+    assert (record["verdict"], record["reason"]) == ("failed", f"the host was thawed at the limit of {LIMIT} s")
     assert record["frozen_ms"] >= 700 * LIMIT  # its last quarter is for taking the departure back
     assert volume.longest_stall() < LONGEST_STALL
 
 
 def test_thaws_when_its_freezer_is_killed(volume, start_freezer, go_to):
-    agent = start_freezer()
+    agent = start_freezer(limit=FAR_LIMIT)
     go_to("hold")
     freezer = agent.freezer()
     locked_kib = int(re.search(r"VmLck:\s+(\d+) kB", pathlib.Path(f"/proc/{freezer}/status").read_text())[1])
     os.kill(freezer, signal.SIGKILL)
     assert agent.record()["reason"] == "the freezer has died"
     volume.wait_until_thawed()
-    assert volume.longest_stall() < LIMIT
+    assert volume.longest_stall() < FAR_LIMIT / 2
     assert locked_kib > 0 or SANITIZED  # which lock no memory
 
 
 def test_a_new_agent_thaws_what_agent_and_freezer_could_not(volume, hooks, start_freezer, go_to):
-    agent = start_freezer("--hooks", hooks.path)
+    agent = start_freezer("--hooks", hooks.path, limit=FAR_LIMIT)
     go_to("hold")
     freezer = agent.freezer()
     os.kill(freezer, signal.SIGSTOP)
@@ -136,7 +136,7 @@ def test_a_new_agent_thaws_what_agent_and_freezer_could_not(volume, hooks, start
 
 
 def test_does_not_call_a_freeze_its_own_that_somebody_else_began(daemon, volume, start_freezer):
-    agent = start_freezer()
+    agent = start_freezer(limit=FAR_LIMIT)
     assert volume.freeze() == 0
     assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
     record = agent.record()
@@ -146,7 +146,7 @@ def test_does_not_call_a_freeze_its_own_that_somebody_else_began(daemon, volume,
 
 
 def test_does_not_call_a_freeze_its_own_that_somebody_else_ended(daemon, volume, start_freezer):
-    agent = start_freezer()
+    agent = start_freezer(limit=FAR_LIMIT)
     daemon.call.go_to_split()
     assert volume.thaw() == 0
     assert daemon.call.ask(depart_done(LUN))
@@ -182,16 +182,19 @@ def test_the_ready_hook_freezes_what_its_file_names(daemon, volume, start_agent)
     volume.wait_until_thawed()
 
 
-def test_freezes_what_was_mounted_last_first(daemon, volume, make_volume, start_freezer):
-    """One lies in an image on the other, and can only come to rest while that one still takes writes."""
+def test_freezes_what_was_mounted_last_first(daemon, volume, hooks, make_volume, start_freezer):
+    """One lies in an image on the other, and can only come to rest while that one still takes writes.
+
+    What one hook has brought to rest does not vouch for another that is refused.
+    """
     inner = make_volume(volume.path / "inner")
-    agent = start_freezer("--fs", inner.path)
+    hooks.add("20-refused", mode=0o644)
+    agent = start_freezer("--fs", inner.path, "--hooks", hooks.path, "--refused-hooks", "warn",
+                          limit=FAR_LIMIT)
     daemon.call.go_to_split()
     volume.wait_until_frozen()
     assert daemon.call.ask(depart_done(LUN))
-    record = agent.record()
-    assert record["verdict"] == "filesystem-consistent"
-    assert record["frozen_ms"] < 1000 * LIMIT
+    assert agent.record()["verdict"] == "filesystem-consistent"
     agent.leave()
 
 
@@ -203,7 +206,7 @@ def test_a_log_on_the_frozen_file_system_is_written_afterwards(daemon, volume):
     daemon.call.wait_until_listed("host")
     daemon.call.whole_handshake()
     volume.wait_until_thawed()
-    assert volume.longest_stall() < LIMIT
+    assert volume.longest_stall() < LIMIT + SLACK
     agent.signal(signal.SIGTERM)
     assert agent.wait() == 0
     record = next(line for line in log.read_text().splitlines() if line.startswith("{"))

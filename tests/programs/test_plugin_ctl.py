@@ -4,12 +4,14 @@ import concurrent.futures
 import os
 import pathlib
 import signal
+import subprocess
 
 import grpc
 import pytest
 
 from plugin_cmd_pb2 import PluginCmd
 from support.calls import LUN, LUN_NAA, UNSUPPORTED_LUN
+from support.program import PLUGIN_CTL, PLUGIN_GUARD
 
 NO = "the daemon's answer is no"
 YES_JSON = '{"cmd_sn":0,"success":true}\n'
@@ -43,7 +45,7 @@ def test_answers_in_tables_and_json(daemon, expect):
              verdict("is_lun_support_req", UNSUPPORTED_LUN, "no"), NO),
             (["lun", "support", "--p83", LUN, "-o", "json"], 1, LUN_JSON % "false", NO),
             (["lun", "naa", LUN], 0, LUN_NAA + "\n", ""),
-            (["lun", "naa", "a-b", "-o", "json"], 0, '{"uuid":"a-b","naa":"6001405adb"}\n', ""),
+            (["lun", "naa", LUN, "-o", "json"], 0, '{"uuid":"%s","naa":"%s"}\n' % (LUN, LUN_NAA), ""),
             (["lun", "start-mirror", LUN], 1, verdict("start_mirror_req", LUN, "no"), "init-snapshot"),
             (["lun", "mirror-done", "--p80", LUN], 1, verdict("is_mirror_done_req", LUN, "no"), NO),
             (["lun", "depart", LUN], 1, verdict("depart_relation_req", LUN, "no"), "init-snapshot"),
@@ -97,7 +99,7 @@ CALLING_VERBS = [each.split() for each in (
 
 @pytest.mark.parametrize("is_up, options, status, next_step", [
     (False, [], "UNAVAILABLE", "see that scsi_plugin_server"),
-    (True, ["--timeout", "0.2"], "DEADLINE_EXCEEDED", "allow it longer with --timeout"),
+    (True, ["--timeout", "0.2"], "DEADLINE_EXCEEDED", "ask again in 20 s"),
 ])
 def test_says_what_to_do_without_an_answer(start_daemon, plugin_ctl, is_up, options, status, next_step):
     verbs = CALLING_VERBS
@@ -144,7 +146,10 @@ def test_refuses_command_lines_that_say_too_little_or_too_much(expect):
             ("publish depart-done a --result 2147483648", "--result"),
             ("subscribe a --type linux", "--type"),
             (f"lun depart {os.fsdecode(bytes([255]))}", "not well-formed UTF-8"),
-            ("list -o xml", "--output"),
+            ("list -o xml", "see plugin_ctl --help"),
+            ("lun naa xyz", "is no UUID"),
+            (f"lun naa {LUN}0", "is no UUID"),
+            (f"lun naa g{LUN[1:]}", "is no UUID"),
             ("list --timeout 0", "no number from 0.001"),
             ("list --timeout nan", "no number from 0.001"),
             ("list -t host:0", "the port must be a number"),
@@ -160,6 +165,14 @@ def test_shows_an_example_in_the_help_of_each_verb(plugin_ctl):
         assert (verb, ended.status) == (verb, 0)
         assert "\n  plugin_ctl " in ended.out
     assert plugin_ctl("--version").out.startswith("plugin_ctl ")
+
+
+def test_ends_without_a_word_when_nobody_reads():
+    reads, writes = os.pipe()
+    os.close(reads)
+    for command in ([PLUGIN_CTL, "lun", "naa", LUN], [PLUGIN_GUARD, "--check"]):
+        ended = subprocess.run(command, stdout=writes, stderr=subprocess.PIPE)
+        assert (ended.returncode, ended.stderr) == (141, b""), command
 
 
 def test_probes_both_endpoints_on_connections_of_their_own(log, start_daemon, plugin_ctl):

@@ -12,11 +12,16 @@ MANY = [f"lun-{i:02}" for i in range(64)]
 
 
 @pytest.fixture
+def daemon(start_daemon):
+    return start_daemon(luns=[LUN, OTHER_LUN])
+
+
+@pytest.fixture
 def group(plugin_ctl):
     """group([...], *options): runs it with this array in its file."""
     def run(luns, *options):
-        pathlib.Path("/tmp/luns.json").write_text(luns if isinstance(luns, str) else json.dumps(luns))
-        return plugin_ctl("snapshot", "--group", "/tmp/luns.json", "-o", "json", *options)
+        pathlib.Path("/tmp/group.json").write_text(luns if isinstance(luns, str) else json.dumps(luns))
+        return plugin_ctl("snapshot", "--group", "/tmp/group.json", "-o", "json", *options)
     return run
 
 
@@ -93,7 +98,7 @@ def test_the_commands_get_all_luns_in_order(daemon, group):
 def test_refuses_a_wrong_file_with_place_and_reason(group, text, reason):
     refused = group(text)
     assert refused.status == 2
-    assert "--group /tmp/luns.json" in refused.err and reason in refused.err
+    assert "--group /tmp/group.json" in refused.err and reason in refused.err
 
 
 @pytest.mark.parametrize("options", [

@@ -105,9 +105,14 @@ def test_ends_what_it_began(log, daemon, snapshot, options, host, interrupted_in
         (syslog.LOG_NOTICE if status == 0 else syslog.LOG_ERR, told_at_last)]
 
 
-def test_goes_on_without_a_host_when_it_is_told_to(daemon, snapshot):
+def test_goes_on_without_a_host_when_it_is_told_to(log, daemon, snapshot):
     refused = snapshot("--split", "touch /tmp/was_split")
     assert refused.wait() == 1 and not os.path.exists("/tmp/was_split")
+    mistyped = snapshot(lun=LUN.upper())
+    assert mistyped.wait() == 1 and "nothing was announced" in mistyped.err
+    assert log.count("Init snapshots broadcast") == 0
+    mistyped = snapshot("--no-host", "crash-consistent", lun=LUN.upper())
+    assert mistyped.wait() == 0 and "warning: the daemon does not know the LUN" in mistyped.err
     alone = snapshot("--split", "touch /tmp/was_split", "--no-host", "crash-consistent")
     assert alone.wait() == 0
     assert outcomes(alone) == "SKIPPED SKIPPED SKIPPED SKIPPED DONE SKIPPED NOT_RUN"
@@ -215,7 +220,7 @@ def test_ends_the_handshake_even_if_nobody_reads_the_report(daemon, snapshot):
     reader, writer = os.pipe()
     tool = snapshot("--mirror", "true", stdout=writer)
     os.close(reader)
-    assert tool.wait() == 4
+    assert (tool.wait(), tool.err) == (141, "")
     assert host.told(LUN) == 0
     assert not task_is_there(daemon)
 

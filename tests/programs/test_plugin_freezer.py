@@ -11,7 +11,8 @@ import time
 import pytest
 
 from support.calls import LUN, depart_done, init_snapshot, mirror_done
-from support.program import PLUGIN_AGENT, PLUGIN_FREEZER, SOURCE, Program, exists, run
+from support.program import PLUGIN_AGENT, PLUGIN_FREEZER, SLACK, SOURCE, Program, exists, run
+from support.volume import mount_image
 from support.waiting import wait_until
 
 RECORD = pathlib.Path("/run/plugin_agent/frozen")
@@ -110,7 +111,7 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
         assert reason in freezer.report("thawed").reason
     volume.wait_until_thawed()
     assert pathlib.Path("/tmp/a").exists() and pathlib.Path("/tmp/b").exists()
-    assert volume.longest_stall() < 2.5
+    assert volume.longest_stall() < 1.5 + SLACK
     assert freezer.wait() in (0, -signal.SIGKILL)
 
 
@@ -131,7 +132,7 @@ def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, vol
     volume.longest_stall()
     assert daemon.call.ask(mirror_done(LUN))
     assert agent.record()["verdict"] == "failed"
-    assert volume.longest_stall() < 3.2, "one stuck device must not keep the others frozen"
+    assert volume.longest_stall() < 2.2 + SLACK, "one stuck device must not keep the others frozen"
     if killed:
         os.kill(agent.freezer(), signal.SIGKILL)
         agent.kill()
@@ -155,29 +156,38 @@ def test_a_thaw_hook_that_hangs_keeps_nothing_else_frozen(daemon, volume, start_
     daemon.call.go_to_split()
     assert daemon.call.ask(depart_done(LUN))
     record = agent.record()
-    assert volume.longest_stall() < 2
+    assert volume.longest_stall() < 1 + SLACK
     assert record["verdict"] == "failed" and "longer than the limit of 1 s" in record["reason"], record
 
 
-@pytest.mark.parametrize("how", ["--thaw-and-exit", "second SIGTERM"])
+@pytest.mark.parametrize("how", ["--thaw-and-exit", "--thaw-and-exit, agent and freezer stopped",
+                                 "second SIGTERM"])
 def test_the_emergency_thaws_at_once(daemon, volume, hooks, start_agent, how):
     """Whatever the living agent waits for."""
-    agent = start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", "25")
+    agent = start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", "60")
     daemon.call.go_to_split()
     volume.wait_until_frozen()
     daemon.stop()
     begun = time.monotonic()
-    if how == "--thaw-and-exit":
-        run(PLUGIN_AGENT, "--thaw-and-exit")
-    else:
+    if how == "second SIGTERM":
         agent.signal(signal.SIGTERM)
         time.sleep(0.1)
         agent.signal(signal.SIGTERM)
+    else:
+        if "stopped" in how:
+            os.kill(agent.freezer(), signal.SIGSTOP)
+            agent.stop()
+        thawed = run(PLUGIN_AGENT, "--thaw-and-exit")
+        assert thawed.status == 0
+        assert f"is told to thaw {volume.path}, what hook 10-a has frozen\n" in thawed.err
+        assert "everything is thawed" in thawed.err
     volume.wait_until_thawed()
-    assert time.monotonic() - begun < 2
+    assert time.monotonic() - begun < 2 + SLACK
     hooks.wait_until_thawed("10-a")
-    daemon.signal(signal.SIGCONT)
+    for program in (daemon, agent):
+        program.signal(signal.SIGCONT)
     assert agent.record()["verdict"] == "failed"
+    assert "nothing to do" in run(PLUGIN_AGENT, "--thaw-and-exit").err
 
 
 def test_a_stopped_freezer_of_a_killed_agent_is_woken(daemon, volume, start_agent):
@@ -189,7 +199,7 @@ def test_a_stopped_freezer_of_a_killed_agent_is_woken(daemon, volume, start_agen
     begun = time.monotonic()
     start_agent("--fs", volume.path, serves=False)
     volume.wait_until_thawed()
-    assert time.monotonic() - begun < 5
+    assert time.monotonic() - begun < 4 + SLACK
 
 
 def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_agent):
@@ -212,12 +222,12 @@ def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_a
 def test_between_two_rests_the_host_is_thawed_as_long_as_it_was_frozen(volume):
     first = Freezer(volume.path)
     time.sleep(0.7)
+    left_at = time.monotonic()
     first.ask(leave=b"a")
     frozen = first.report("thawed").frozen_ms
-    thawed_at = time.monotonic()
     second = Freezer(volume.path, waits=False)
     second.report("begun")
-    assert time.monotonic() - thawed_at > 0.9 * frozen / 1000
+    assert time.monotonic() - left_at > frozen / 1000
     second.leave()
 
 
@@ -262,13 +272,10 @@ def test_two_mounts_of_one_file_system_are_frozen_once(daemon, make_volume, star
         mounts = [["mount", "--bind", volume.path / part, f"/tmp/{part}"] for part in parts]
     else:
         image = "/tmp/btrfs.image"
-        for command in (["truncate", "--size", "128M", image], ["mkfs.btrfs", "-q", image],
-                        ["mkdir", "/tmp/whole"], ["mount", "-o", "loop", image, "/tmp/whole"],
-                        ["btrfs", "subvolume", "create", "/tmp/whole/a"],
-                        ["btrfs", "subvolume", "create", "/tmp/whole/b"]):
-            tried = run(*command)
-            if tried.status != 0:
-                pytest.skip(f"{command[0]}: {tried.err}")
+        os.mkdir("/tmp/whole")
+        mount_image(image, "/tmp/whole", "btrfs", "128M")
+        for part in "ab":
+            assert run("btrfs", "subvolume", "create", f"/tmp/whole/{part}").status == 0
         source = run("findmnt", "--noheadings", "--output", "SOURCE", "/tmp/whole").out.strip()
         mounts = [["mount", "-o", f"subvol={part}", source, f"/tmp/{part}"] for part in ("a", "b")]
     for part, mount in zip("ab", mounts):
@@ -281,7 +288,7 @@ def test_two_mounts_of_one_file_system_are_frozen_once(daemon, make_volume, star
     assert agent.record()["verdict"] == "filesystem-consistent", agent.record()
     agent.leave()
     for path in ("/tmp/a", "/tmp/b", "/tmp/whole")[:2 if kind == "bind mounts" else 3]:
-        assert run("umount", path).status == 0
+        wait_until(lambda: run("umount", path).status == 0)  # when the freezer has ended
 
 
 # --- hooks ----------------------------------------------------------------------------------------

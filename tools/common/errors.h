@@ -33,6 +33,10 @@ class tool_error : public std::runtime_error {
   shown_text text;
 };
 
+// Ends a tool: writes what went wrong to stderr, with the program's name before it, unless the
+// cause is a closed pipe. The exit code.
+int end_with(const shown_text& program, const tool_error& error);
+
 // `done` for OK, `failed` for CANCELLED: only the caller knows whether a signal was the cause.
 exit_code exit_code_of(const grpc::Status& status);
 

@@ -11,6 +11,9 @@ enum class exit_code : int {
   unreachable = 3,  // no connection, or no answer before the deadline
   failed = 4,       // any other gRPC status, or a failure on this side
   interrupted = 5,  // ended by SIGINT, SIGTERM or SIGHUP
+  // Nobody reads the output any more. What a shell says of a program that SIGPIPE ended; nothing is
+  // written to stderr.
+  closed_pipe = 141,
 };
 
 }  // namespace vexo::tools

@@ -68,8 +68,9 @@ void print(const shown_text& shown) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) {
     return;
   }
-  throw tool_error({exit_code::failed, "writing to standard output",
-                    std::generic_category().message(errno), "see where the output goes"});
+  throw tool_error({errno == EPIPE ? exit_code::closed_pipe : exit_code::failed,
+                    "writing to standard output", std::generic_category().message(errno),
+                    "see where the output goes"});
 }
 
 }  // namespace vexo::tools

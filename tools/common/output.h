@@ -36,7 +36,7 @@ class table {
 };
 
 // Writes to stdout and flushes. Throws tool_error when that fails (closed pipe, full disk), so that
-// no incomplete result ends with exit code 0.
+// no incomplete result ends with exit code 0. SIGPIPE has to be ignored.
 void print(const shown_text& text);
 
 }  // namespace vexo::tools

@@ -1,5 +1,8 @@
+#include <algorithm>
+#include <cctype>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "report.pb.h"
 #include "verbs.h"
@@ -52,9 +55,7 @@ struct lun_verb {
 
 constexpr lun_verb kVerbs[] = {
     {"support", "Asks whether snapshots of a LUN are supported", true, "is_lun_support_req",
-     about<&LunCmd::mutable_is_lun_support_req>,
-     "the appliance's configuration does not hold this LUN, or its kind is not supported: compare "
-     "the identifier letter by letter, upper and lower case differ"},
+     about<&LunCmd::mutable_is_lun_support_req>, kIfNotSupported},
     {"start-mirror", "Reports, as a host plugin does, that the mirror may start", false,
      "start_mirror_req", about<&LunCmd::mutable_start_mirror_req>, kNoTask},
     {"mirror-done",
@@ -100,6 +101,15 @@ std::string naa_of(const std::string& uuid) {
   return naa;
 }
 
+// For an option's check().
+std::string refuse_other_than_uuid(const std::string& text) {
+  constexpr std::string_view kForm = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+  const bool fits = std::equal(
+      text.begin(), text.end(), kForm.begin(), kForm.end(),
+      [](unsigned char c, char form) { return form == 'x' ? std::isxdigit(c) != 0 : c == '-'; });
+  return fits ? "" : "\"" + text + "\" is no UUID, such as " + kUuid;
+}
+
 void add_naa(CLI::App& lun, session& with) {
   const auto uuid = std::make_shared<std::string>();
   CLI::App* const verb =
@@ -113,10 +123,16 @@ void add_naa(CLI::App& lun, session& with) {
                  print((as_json ? to_json(result) : printable(result.naa())) + "\n");
                  return exit_code::done;
                });
-  add_text(*verb, "UUID", *uuid, "The LUN's UUID, written as the appliance writes it")->required();
+  add_text(*verb, "UUID", *uuid, "The LUN's UUID, written as the appliance writes it")
+      ->required()
+      ->check(CLI::Validator(refuse_other_than_uuid, ""));
 }
 
 }  // namespace
+
+LunCmd is_lun_support(const std::string& p80) {
+  return about<&LunCmd::mutable_is_lun_support_req>({p80, "", nullptr});
+}
 
 void add_lun_verbs(CLI::App& app, session& with) {
   CLI::App* const lun = app.add_subcommand("lun", "What a host plugin asks and reports of one LUN");

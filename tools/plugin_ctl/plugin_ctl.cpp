@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -6,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/help_text.h"
 #include "common/number_option.h"
 #include "session.h"
 #include "verbs.h"
@@ -77,6 +79,14 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
   return "\"" + not_understood.front() + "\" is not understood";
 }
 
+// The help of a verb does not explain the options of all verbs.
+bool is_about_global_option(const CLI::App& app, const std::string& complaint) {
+  const auto options = app.get_options();
+  return std::any_of(options.begin(), options.end(), [&](const CLI::Option* option) {
+    return complaint.starts_with(option->get_name());
+  });
+}
+
 int run(int argc, char** argv) {
   // A write to a closed pipe is an error of print() instead of the program's end: a verb may have
   // to clean up before the program ends.
@@ -87,6 +97,7 @@ int run(int argc, char** argv) {
   session with(stop);
 
   CLI::App app(kDescription, "plugin_ctl");
+  wrap_help(app);
   app.footer(kExitCodes);
   app.require_subcommand(1);
   app.fallthrough();  // global options may stand behind the verb too
@@ -103,15 +114,16 @@ int run(int argc, char** argv) {
   } catch (const CLI::Success& help_or_version) {
     return app.exit(help_or_version);
   } catch (const CLI::ParseError& error) {
-    say(printable(complaint(app, error)) + "\n  next:      see " + printable(understood(app)) +
+    const std::string what = complaint(app, error);
+    say(printable(what) + "\n  next:      see " +
+        printable(is_about_global_option(app, what) ? app.get_name() : understood(app)) +
         " --help");
     return static_cast<int>(exit_code::usage);
   }
   try {
     return static_cast<int>(with.action());
   } catch (const tool_error& error) {
-    say(error.text);
-    return static_cast<int>(error.code);
+    return end_with("plugin_ctl", error);
   }
 }
 

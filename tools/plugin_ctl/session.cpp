@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "common/daemon_log.h"
+
 namespace vexo::tools {
 
 call_options session::limits(std::chrono::milliseconds otherwise) const {
@@ -19,6 +21,20 @@ service_stub& session::stub() {
   channel();
   if (!stub_) stub_ = scsiplugin::PluginService::NewStub(channel_);
   return *stub_;
+}
+
+problem session::no_answer(const std::string& what, const grpc::Status& status) const {
+  problem why = call_problem(what, where, status);
+  if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
+    const std::string host = last_pushed_host();
+    if (!host.empty()) why.next += ". The last host that it pushed a command to: " + host;
+  }
+  return why;
+}
+
+std::string session::last_pushed_host() const {
+  const bool is_here = where.kind == endpoint::family::unix_socket || where.host == kTcpEndpoint;
+  return is_here ? tools::last_pushed_host() : "";
 }
 
 problem session::interrupted(const std::string& what, const std::string& next) const {

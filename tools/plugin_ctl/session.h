@@ -40,9 +40,14 @@ class session {
     auto result = call(stub(), method, request, stop, options);
     if (result.answered()) return std::move(result.response);
     if (result.interrupted) throw tool_error(interrupted(what, if_interrupted));
-    throw tool_error(call_problem(what, where, result.status));
+    throw tool_error(no_answer(what, result.status));
   }
 
+  // Why `what` did not end with OK. After a deadline it names the host that the daemon waits for,
+  // as far as its log tells.
+  problem no_answer(const std::string& what, const grpc::Status& status) const;
+  // last_pushed_host() of the daemon at `where`; empty when that is not on this machine.
+  std::string last_pushed_host() const;
   // Why a signal ended `what`.
   problem interrupted(const std::string& what, const std::string& next) const;
 

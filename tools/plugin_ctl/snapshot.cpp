@@ -8,12 +8,15 @@
 #include <utility>
 
 #include "shell_command.h"
+#include "verbs.h"
 
 namespace vexo::tools {
 
 namespace {
 
 using google::protobuf::Empty;
+using scsiplugin::LunCmd;
+using scsiplugin::LunCmdResp;
 using scsiplugin::PluginClientList;
 using scsiplugin::PluginCmd;
 using scsiplugin::PluginCmdResp;
@@ -31,8 +34,12 @@ bool is_yes(const outcome<PluginCmdResp>& result) {
   return result.answered() && result.response.success();
 }
 
-bool contains(const std::vector<std::string>& all, const std::string& one) {
-  return std::find(all.begin(), all.end(), one) != all.end();
+// A wait that is longer than this is explained.
+constexpr milliseconds kLongWait{5000};
+
+bool contains(const PluginClientList& all, const std::string& id) {
+  return std::any_of(all.list().begin(), all.list().end(),
+                     [&](const auto& host) { return host.plugin_id() == id; });
 }
 
 }  // namespace
@@ -145,6 +152,7 @@ snapshot::ask snapshot::init_snapshot() {
   connect();
   hosts_ = list_hosts(with_.limits().timeout);
   require_hosts(hosts_);
+  require_luns();
   ask asked;
   asked.command = [](const member& of) { return of.lun.init_snapshot(); };
   asked.options = host_wait("init_snapshot");
@@ -159,7 +167,7 @@ snapshot::ask snapshot::init_snapshot() {
 
 void snapshot::judge_init(SnapshotStep& step, member& of, const answer& result) {
   of.owes_depart = !result.answered() || result.response.success();
-  const bool nobody_listed = hosts_ && hosts_->empty();
+  const bool nobody_listed = hosts_ && hosts_->list().empty();
   const bool nobody_answered = result.answered() && result.took > kRefusalTime;
   if (options_.goes_on_without_host && result.answered() && !result.response.success() &&
       (nobody_listed || nobody_answered)) {
@@ -319,30 +327,27 @@ void snapshot::connect() {
       // The channel does not tell why it failed, but a call on it ends at once with the reason.
       const auto list = call<Empty, PluginClientList>(with_.stub(), &service_stub::PluginConnList,
                                                       Empty(), with_.stop);
-      if (!list.answered()) throw tool_error(call_problem(tried, with_.where, list.status));
+      if (!list.answered()) throw tool_error(with_.no_answer(tried, list.status));
     }
     with_.channel().WaitForStateChange(state, std::chrono::system_clock::now() + kSlice);
   }
   if (with_.stop.requested()) {
     throw tool_error(with_.interrupted(tried, "nothing is left behind: call it again"));
   }
-  throw tool_error(
-      call_problem(tried, with_.where,
-                   grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time")));
+  throw tool_error(with_.no_answer(
+      tried, grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time")));
 }
 
-std::optional<std::vector<std::string>> snapshot::list_hosts(milliseconds timeout) {
+std::optional<PluginClientList> snapshot::list_hosts(milliseconds timeout) {
   call_options options = with_.limits();
   options.timeout = std::min(options.timeout, timeout);
   const auto list = call<Empty, PluginClientList>(with_.stub(), &service_stub::PluginConnList,
                                                   Empty(), with_.stop, options);
   if (!list.answered()) return std::nullopt;
-  std::vector<std::string> ids;
-  for (const auto& host : list.response.list()) ids.push_back(host.plugin_id());
-  return ids;
+  return list.response;
 }
 
-void snapshot::require_hosts(const std::optional<std::vector<std::string>>& listed) {
+void snapshot::require_hosts(const std::optional<PluginClientList>& listed) {
   for (const auto& host : options_.hosts) {
     if (listed && contains(*listed, host)) continue;
     throw tool_error({exit_code::refused, "PluginConnList at " + with_.where.text,
@@ -351,10 +356,50 @@ void snapshot::require_hosts(const std::optional<std::vector<std::string>>& list
   }
 }
 
+// Without an answer, as while the configuration takes long to load, the announcement decides.
+void snapshot::require_luns() {
+  std::vector<LunCmd> questions;
+  for (const member& one : members_) questions.push_back(is_lun_support(one.lun.p80));
+  const auto answers = call_all<LunCmd, LunCmdResp>(with_.stub(), &service_stub::LunOp, questions,
+                                                    with_.stop, with_.limits());
+  for (std::size_t i = 0; i < answers.size(); ++i) {
+    if (!answers[i].answered() || answers[i].response.success()) continue;
+    const std::string& lun = members_[i].lun.p80;
+    const std::string reason =
+        "the daemon does not know the LUN " + lun + ", or does not support it";
+    if (!options_.goes_on_without_host) {
+      throw tool_error({exit_code::refused, "LunOp is_lun_support_req at " + with_.where.text,
+                        reason,
+                        std::string(kIfNotSupported) +
+                            "; nothing was announced. `--no-host crash-consistent` goes on"});
+    }
+    say("warning: " + printable(reason) + "; going on, as --no-host allows");
+  }
+}
+
+void snapshot::say_who_is_waited_for(const std::string& step) {
+  explained_ = step;
+  std::string text = step + " takes long; listed at the announcement: ";
+  if (!hosts_) {
+    text += "not known";
+  } else if (hosts_->list().empty()) {
+    text += "nobody";
+  } else {
+    const char* separator = "";
+    for (const auto& host : hosts_->list()) {
+      text += std::exchange(separator, ", ") + host.plugin_id() + " (" + host.ip() + ")";
+    }
+  }
+  const std::string last = with_.last_pushed_host();
+  if (!last.empty()) text += "; last pushed to: " + last;
+  report_.explain(printable(text));
+}
+
 call_options snapshot::host_wait(const std::string& step) {
   call_options options = with_.limits(kHostWaitTimeout);
   const milliseconds limit = std::min(options.timeout, kHostWait);
   options.on_tick = [this, step, limit](milliseconds elapsed) {
+    if (elapsed >= kLongWait && explained_ != step) say_who_is_waited_for(step);
     report_.waiting(step, elapsed, limit);
   };
   return options;
@@ -374,7 +419,7 @@ bool snapshot::judge(SnapshotStep& step, const answer& result, const std::string
          with_.interrupted(tried, "call it again"));
   } else {
     fail(step, SnapshotStep::FAILED, status_text(result.status),
-         call_problem(tried, with_.where, result.status));
+         with_.no_answer(tried, result.status));
   }
   return false;
 }
@@ -395,10 +440,10 @@ SnapshotVerdict snapshot::verdict() {
     if (any_host) told.set_at_rest_seconds(at_rest_.count());
   }
   if (hosts_) {
-    for (const auto& host : *hosts_) told.add_hosts(host);
-    const auto now = hosts_->empty() ? std::nullopt : list_hosts(kConfirmTime);
-    for (const auto& host : *hosts_) {
-      if (now && !contains(*now, host)) told.add_lost_hosts(host);
+    const auto now = hosts_->list().empty() ? std::nullopt : list_hosts(kConfirmTime);
+    for (const auto& host : hosts_->list()) {
+      told.add_hosts(host.plugin_id());
+      if (now && !contains(*now, host.plugin_id())) told.add_lost_hosts(host.plugin_id());
     }
   }
   told.set_seconds(seconds_t(clock::now() - start_).count());

@@ -81,11 +81,18 @@ class snapshot {
 
   // Waits for a connection as long as a call may take. Throws tool_error when none comes.
   void connect();
-  // The plugin ids in the daemon's list; empty when it gave none in time.
-  std::optional<std::vector<std::string>> list_hosts(std::chrono::milliseconds timeout);
+  // The daemon's list; empty when it gave none in time.
+  std::optional<scsiplugin::PluginClientList> list_hosts(std::chrono::milliseconds timeout);
   // Throws tool_error when a host that the user named is not listed.
-  void require_hosts(const std::optional<std::vector<std::string>>& listed);
+  void require_hosts(const std::optional<scsiplugin::PluginClientList>& listed);
+  // Throws tool_error when the daemon says that it does not support one of the LUNs, which is also
+  // its answer for one that it does not know. When the user allows a copy without a host, that is
+  // only a warning.
+  void require_luns();
+  // The limits of a call that waits for a host, and what the user is told meanwhile.
   call_options host_wait(const std::string& step);
+  // Says once why `step` may be taking long.
+  void say_who_is_waited_for(const std::string& step);
   SnapshotVerdict verdict();
   exit_code end();
 
@@ -97,7 +104,8 @@ class snapshot {
   std::optional<failure> failure_;  // the first one
   // What depart_done tells the hosts after a failure: the exit status of the command, else 1.
   std::int32_t failed_result_ = 1;
-  std::optional<std::vector<std::string>> hosts_;  // listed at the announcement
+  std::optional<scsiplugin::PluginClientList> hosts_;  // listed at the announcement
+  std::string explained_;  // the step whose wait the user was last told about
   clock::time_point all_at_rest_;
   std::chrono::duration<double> at_rest_{};
   bool copy_is_good_ = false;

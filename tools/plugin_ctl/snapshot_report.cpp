@@ -83,6 +83,11 @@ void snapshot_report::print_line(const google::protobuf::Message& json, const sh
   }
 }
 
+void snapshot_report::explain(const shown_text& text) {
+  clear_wait();
+  say(text);
+}
+
 void snapshot_report::waiting(const std::string& step, std::chrono::milliseconds elapsed,
                               std::chrono::milliseconds limit) {
   if (!takes_escapes(STDERR_FILENO)) return;

@@ -27,6 +27,8 @@ class snapshot_report {
   // The problem that kept a line from being printed, if there was one.
   const std::optional<tool_error>& output_error() const { return output_error_; }
 
+  // Writes a message to stderr.
+  void explain(const shown_text& text);
   // Shows, on a terminal, that `step` has been waiting for a host.
   void waiting(const std::string& step, std::chrono::milliseconds elapsed,
                std::chrono::milliseconds limit);

@@ -87,7 +87,7 @@ class subscriber {
   }
 
   tool_error no_list(const grpc::Status& status) const {
-    return tool_error(call_problem("PluginConnList", with_.where, status));
+    return tool_error(with_.no_answer("PluginConnList", status));
   }
 
   // A signal does not end this: an UnSubscribe before the registration would be lost.
@@ -143,7 +143,7 @@ class subscriber {
           " was unsubscribed, or subscribed anew from elsewhere");
       return exit_code::done;
     }
-    problem why = call_problem("Subscribe", with_.where, status);
+    problem why = with_.no_answer("Subscribe", status);
     if (!call_->leave().ok()) why.next += "; " + leftover();
     say(why.text());
     return why.code;
@@ -151,7 +151,7 @@ class subscriber {
 
   exit_code leave() {
     if (const auto status = call_->leave(); !status.ok()) {
-      problem why = call_problem("UnSubscribe", with_.where, status);
+      problem why = with_.no_answer("UnSubscribe", status);
       why.next = leftover();
       say(why.text());
       return why.code;
@@ -184,11 +184,13 @@ void add_subscribe_verb(CLI::App& app, session& with) {
   CLI::App* const verb = add_verb(
       app, with, "subscribe",
       "Subscribes as a host plugin does and prints each command as it comes, until Ctrl-C.\n"
-      "Answers none of them: a snapshot that finds no other plugin waits for its host in vain",
-      "plugin_ctl --target 127.0.0.1 subscribe watcher\n"
-      "plugin_ctl --target 127.0.0.1 -o json subscribe watcher --type windows",
+      "Answers none of them: a snapshot that finds no other plugin waits for its host in vain.\n"
+      "Without --target it connects to 127.0.0.1: over the unix socket nothing is pushed",
+      "plugin_ctl subscribe watcher\n"
+      "plugin_ctl --target 10.0.0.7 -o json subscribe watcher --type windows",
       [&with, self, type] {
         self->set_type(*type);
+        if (!with.target_given) with.where = parse_endpoint(kTcpEndpoint);
         return subscriber(with, *self).run();
       });
   add_text(*verb, "PLUGIN_ID", *self->mutable_plugin_id(), "The id to subscribe under")->required();

@@ -18,6 +18,13 @@ void add_publish_verbs(CLI::App& app, session& with);
 void add_snapshot_verb(CLI::App& app, session& with);
 void add_probe_verb(CLI::App& app, session& with);
 
+// The question whether a LUN is supported, and what to do after a no.
+scsiplugin::LunCmd is_lun_support(const std::string& p80);
+inline constexpr char kIfNotSupported[] =
+    "either the appliance's configuration does not hold this LUN (compare the identifier letter by "
+    "letter, upper and lower case differ), or it cannot be read, which the daemon's log says, or "
+    "the LUN's kind is not supported";
+
 // A verb whose help ends with `example`, one or more command lines. `run` is called when the
 // command line has been read.
 CLI::App* add_verb(CLI::App& parent, session& with, const std::string& name,

@@ -141,24 +141,37 @@ dev_t superblock_of(const std::string& path) {
 
 namespace {
 
-// Whether anything below this block device is a file on one of these superblocks. Also true when
-// that cannot be found out.
-bool lies_on(dev_t device, const std::set<dev_t>& superblocks) {
+// The superblock that `path` lies on, from the paths alone: the file is not touched, as its storage
+// may have stalled. 0 when nothing is mounted above it.
+dev_t superblock_above(const std::string& path, const std::vector<mount_entry>& table) {
+  const mount_entry* above = nullptr;
+  for (const auto& entry : table) {
+    const std::string folder = entry.mount_point == "/" ? "/" : entry.mount_point + "/";
+    const bool is_nearer =
+        above == nullptr || entry.mount_point.size() >= above->mount_point.size();
+    if (path.starts_with(folder) && is_nearer) above = &entry;
+  }
+  return above == nullptr ? 0 : above->device;
+}
+
+// Whether anything below this block device is a file on one of these superblocks.
+bool lies_on(dev_t device, const std::set<dev_t>& superblocks,
+             const std::vector<mount_entry>& table) {
   namespace fs = std::filesystem;
   fs::path folder =
       "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
   if (fs::exists(folder / "partition")) folder = fs::canonical(folder).parent_path();
   std::string backing;
   if (std::ifstream file(folder / "loop/backing_file"); std::getline(file, backing)) {
-    const dev_t below = superblock_of(backing);
-    return superblocks.contains(below) || lies_on(below, superblocks);
+    const dev_t below = superblock_above(backing, table);
+    return superblocks.contains(below) || lies_on(below, superblocks, table);
   }
   std::error_code error;
   for (const auto& below : fs::directory_iterator(folder / "slaves", error)) {
     unsigned numbers[2] = {};
     char colon = 0;
     std::ifstream(below.path() / "dev") >> numbers[0] >> colon >> numbers[1];
-    if (lies_on(makedev(numbers[0], numbers[1]), superblocks)) return true;
+    if (lies_on(makedev(numbers[0], numbers[1]), superblocks, table)) return true;
   }
   return false;
 }
@@ -168,16 +181,13 @@ bool lies_on(dev_t device, const std::set<dev_t>& superblocks) {
 bool are_stacked(const std::vector<mount_entry>& mounts) {
   std::set<dev_t> superblocks;
   for (const auto& mount : mounts) superblocks.insert(mount.device);
+  const auto table = mount_table();
   return mounts.size() > 1 && std::any_of(mounts.begin(), mounts.end(), [&](const auto& mount) {
            // One on several devices has a number of its own, and names one of them as its source.
            struct stat source = {};
            const bool is_numbered = major(mount.device) != 0;
            if (!is_numbered && stat(mount.source.c_str(), &source) != 0) return true;
-           try {
-             return lies_on(is_numbered ? mount.device : source.st_rdev, superblocks);
-           } catch (const std::exception&) {
-             return true;
-           }
+           return lies_on(is_numbered ? mount.device : source.st_rdev, superblocks, table);
          });
 }
 

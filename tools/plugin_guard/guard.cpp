@@ -11,10 +11,12 @@
 #include <utility>
 
 #include "common/call.h"
+#include "common/connection.h"
+#include "common/daemon_log.h"
+#include "common/metrics.h"
 #include "common/text.h"
 #include "plugin_guard/daemon_evidence.h"
 #include "plugin_guard/daemon_process.h"
-#include "plugin_guard/local_socket.h"
 #include "plugin_guard/status.h"
 
 namespace vexo::tools {
@@ -27,6 +29,11 @@ using std::chrono::system_clock;
 constexpr std::chrono::milliseconds kTick{100};
 // A failure that is over sooner, as when somebody restarts the daemon, is not reported.
 constexpr std::chrono::seconds kToldAfter{1};
+// How often a node exporter is usually asked.
+constexpr std::chrono::seconds kMetricsEvery{15};
+
+constexpr std::pair<GuardStatus::State, const char*> kStateNames[] = {
+    {GuardStatus::OK, "ok"}, {GuardStatus::DEGRADED, "degraded"}, {GuardStatus::DOWN, "down"}};
 
 double seconds_since(std::chrono::steady_clock::time_point then) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - then).count();
@@ -47,7 +54,7 @@ std::string joined(const std::vector<finding>& found) {
 guard::guard(options given, interrupt& stop)
     : options_(std::move(given)), stop_(stop), watch_(options_.patience) {
   start_sweeper();
-  status_.set_guard_since(time_text(system_clock::now()));
+  status_.set_guard_since(time_text(started_));
   status_.set_since(status_.guard_since());
   status_.set_error("the guard has just started");
 }
@@ -114,8 +121,10 @@ void guard::judge(std::vector<finding> found) {
   status_.set_error(error);
   const pid_t pid = watch_.process() ? watch_.process()->pid() : 0;
   if (state != GuardStatus::OK) {
-    complain(error +
-             (pid > 0 ? " [process " + std::to_string(pid) + ": " + open_files(pid) + "]" : ""));
+    const std::string host = last_pushed_host();
+    complain(error + (pid > 0 ? " [process " + std::to_string(pid) + ": " + open_files(pid) +
+                                    (host.empty() ? "" : ", last pushed to host " + host) + "]"
+                              : ""));
   } else if (failing_since_) {
     status_.set_last_recovery_seconds(seconds_since(*failing_since_));
     failing_since_.reset();
@@ -241,6 +250,13 @@ void guard::report() {
   const auto& process = watch_.process();
   status_.set_daemon_pid(process && process->alive() ? process->pid() : 0);
   sd_notify(0, "WATCHDOG=1");
+  const auto now = clock::now();
+  if (judged_) {
+    seconds_in_.at(static_cast<std::size_t>(status_.state())) +=
+        std::chrono::duration<double>(now - counted_until_).count();
+  }
+  counted_until_ = now;
+  write_metrics();
   if (options_.status_file.empty()) return;
   try {
     write_status(options_.status_file, status_);
@@ -248,6 +264,45 @@ void guard::report() {
   } catch (const std::system_error& error) {
     if (std::exchange(status_file_works_, false)) {
       syslog(LOG_ERR, "going on without the status file, which cannot be written: %s",
+             error.what());
+    }
+  }
+}
+
+void guard::write_metrics() {
+  const bool is_news = status_.SerializeAsString() != in_metrics_.SerializeAsString();
+  if (options_.metrics_file.empty() || !judged_ || (!is_news && clock::now() < next_metrics_)) {
+    return;
+  }
+  next_metrics_ = clock::now() + kMetricsEvery;
+  in_metrics_ = status_;
+  using type = metrics_page::type;
+  metrics_page page;
+  page.family("scsi_plugin_guard_hosts", type::gauge, "Hosts listed at the last look.");
+  page.sample(status_.hosts());
+  page.family("scsi_plugin_guard_sweeps_total", type::counter, "Vanished hosts unsubscribed.");
+  page.sample(status_.sweeps());
+  page.family("scsi_plugin_guard_restarts_total", type::counter, "Restarts of the daemon.");
+  page.sample(status_.restarts());
+  page.family("scsi_plugin_guard_state_seconds_total", type::counter, "Time in each state.");
+  for (const auto& [state, name] : kStateNames) {
+    page.sample(seconds_in_.at(static_cast<std::size_t>(state)), {{"state", name}});
+  }
+  page.family("scsi_plugin_guard_state", type::gauge, "1 for the state of now, 0 for the others.");
+  for (const auto& [state, name] : kStateNames) {
+    page.sample(status_.state() == state ? 1 : 0, {{"state", name}});
+  }
+  page.family("scsi_plugin_guard_last_recovery_seconds", type::gauge,
+              "From the first sign of the last failure until the daemon served again; 0 for none.");
+  page.sample(status_.last_recovery_seconds());
+  page.family("scsi_plugin_guard_start_timestamp_seconds", type::gauge, "When the guard started.");
+  page.sample(static_cast<double>(system_clock::to_time_t(started_)));
+  try {
+    page.write_to(options_.metrics_file);
+    metrics_file_works_ = true;
+  } catch (const std::system_error& error) {
+    if (std::exchange(metrics_file_works_, false)) {
+      syslog(LOG_ERR, "going on without the file for metrics, which cannot be written: %s",
              error.what());
     }
   }

@@ -1,6 +1,7 @@
 #ifndef TOOLS_PLUGIN_GUARD_GUARD_H_
 #define TOOLS_PLUGIN_GUARD_GUARD_H_
 
+#include <array>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -27,12 +28,13 @@ class guard {
     std::chrono::milliseconds fail_after{25000};
     std::chrono::milliseconds patience{5000};  // how long one look may take
     bool may_kill = true;
-    std::string status_file;  // empty for none
+    std::string status_file;   // empty for none
+    std::string metrics_file;  // empty for none
   };
 
   guard(options given, interrupt& stop);
 
-  // Returns when a signal comes. A status file that cannot be written is only reported to the log.
+  // Returns when a signal comes. A file that cannot be written is only reported to the log.
   void run();
 
  private:
@@ -55,12 +57,15 @@ class guard {
   void start_sweeper();
   void complain(const std::string& text);
   void report();
+  // To the file for metrics, if there is one and it is time.
+  void write_metrics();
 
   const options options_;
   interrupt& stop_;
   std::optional<sweeper> sweeper_;  // never empty
   unsigned earlier_sweeps_ = 0;     // made by earlier sweepers
   watch watch_;
+  const std::chrono::system_clock::time_point started_ = std::chrono::system_clock::now();
   GuardStatus status_;
   bool judged_ = false;  // status_ tells what was found, and not only that the guard has started
   std::optional<clock::time_point> last_attempt_;  // the last try to end the daemon
@@ -70,6 +75,11 @@ class guard {
   bool told_of_pause_ = false;  // the log says that the next restart has to wait
   clock::time_point next_report_ = clock::now();
   bool status_file_works_ = true;
+  std::array<double, GuardStatus::State_ARRAYSIZE> seconds_in_ = {};  // each state
+  clock::time_point counted_until_ = clock::now();                    // in seconds_in_
+  GuardStatus in_metrics_;  // what the file for metrics was last written from
+  clock::time_point next_metrics_ = clock::now();
+  bool metrics_file_works_ = true;
 };
 
 }  // namespace vexo::tools

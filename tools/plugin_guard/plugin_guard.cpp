@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -11,9 +12,11 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "common/errors.h"
 #include "common/exit_codes.h"
+#include "common/help_text.h"
 #include "common/interrupt.h"
 #include "common/number_option.h"
 #include "common/output.h"
@@ -30,17 +33,19 @@ constexpr char kDescription[] =
     "hosts that have vanished, before the next snapshot hangs on them; watches both endpoints; "
     "and\n"
     "ends a daemon that no longer serves, for its supervisor to start it again. Its log goes to\n"
-    "the system log. With --status it shows what the running guard has found.";
+    "the system log. With --status or --check it tells what the running guard has found.";
 
 constexpr char kFooter[] =
     "Exit codes: 0 ended by a signal, 2 usage, 4 any other failure.\n"
     "With --status: 0 ok, 1 degraded, 3 down, or no guard is running to tell.\n"
+    "With --check: 0 ok, 1 degraded, 2 down, 3 unknown: no guard is running, or wrong usage.\n"
     "\n"
     "Example:\n"
     "  plugin_guard\n"
     "  plugin_guard --no-kill --status-file /tmp/guard.json\n"
     "  plugin_guard --status\n"
-    "  plugin_guard --status -o json";
+    "  plugin_guard --status -o json\n"
+    "  plugin_guard --check";
 
 // By default a look may take this part of --fail-after.
 constexpr int kLooksInFailAfter = 5;
@@ -52,7 +57,9 @@ struct words {
   std::optional<double> timeout;
   bool no_kill = false;
   std::string status_file = kStatusFile;
+  std::string metrics;
   bool status = false;
+  bool check = false;
   std::string output = "table";
 };
 
@@ -80,9 +87,14 @@ void declare(CLI::App& app, words& given) {
       ->type_name("SECONDS");
   app.add_flag("--no-kill", given.no_kill, "Only reports");
   app.add_option("--status-file", given.status_file,
-                 "Where the guard writes its status, and --status reads it")
+                 "Where the guard writes its status, and --status and --check read it")
       ->type_name("FILE")
       ->capture_default_str();
+  app.add_option("--metrics", given.metrics,
+                 "Write metrics for a node exporter's textfile folder to this file")
+      ->type_name("FILE");
+  app.add_flag("--check", given.check,
+               "Tells in one line how the daemon is, for a Nagios-type monitor, and ends");
   app.add_flag("--status", given.status,
                "Shows what the guard of this machine has found, and ends");
   app.add_option("-o,--output", given.output,
@@ -93,14 +105,17 @@ void declare(CLI::App& app, words& given) {
   app.set_version_flag("--version", "plugin_guard " VEXO_TOOLS_VERSION);
 }
 
-// Refuses the options that only the guard uses beside --status, and those of --status without it.
-void refuse_without_meaning(const CLI::App& app, bool status) {
+// Refuses the options that only the guard uses beside --status and --check, and that of --status
+// without it.
+void refuse_without_meaning(const CLI::App& app, const words& given) {
   const auto refuse = [&](const char* option, const char* why) {
     if (app.count(option) > 0) throw CLI::ValidationError(std::string(option) + " " + why);
   };
-  if (!status) return refuse("--output", "is for --status only");
-  for (const char* option : {"--interval", "--fail-after", "--timeout", "--no-kill"}) {
-    refuse(option, "is for the guard itself, and --status only reads its status file");
+  if (!given.status) refuse("--output", "is for --status only");
+  if (given.status) refuse("--check", "tells the same as --status: name one of them");
+  if (!given.status && !given.check) return;
+  for (const char* option : {"--interval", "--fail-after", "--timeout", "--no-kill", "--metrics"}) {
+    refuse(option, "is for the guard itself, and this only reads its status file");
   }
 }
 
@@ -111,6 +126,7 @@ guard::options checked_options(const words& given, bool status_file_given) {
   options.patience =
       given.timeout ? as_milliseconds(*given.timeout) : options.fail_after / kLooksInFailAfter;
   options.may_kill = !given.no_kill;
+  options.metrics_file = given.metrics;
   if (options.patience >= options.fail_after) {
     throw CLI::ValidationError(
         "--timeout is not shorter than --fail-after: leave time for more than one look, as with "
@@ -136,7 +152,7 @@ exit_code code_of(GuardStatus::State state) {
 }
 
 exit_code show_status(const words& given) {
-  const GuardStatus status = read_status(given.status_file);
+  const GuardStatus status = read_status(given.status_file).status;
   if (given.output == "json") {
     print(to_json(status) + "\n");
   } else {
@@ -152,33 +168,47 @@ exit_code show_status(const words& given) {
   return code_of(status.state());
 }
 
-exit_code run(int argc, char** argv) {
+int show_check(const words& given) {
+  const check_result result = check(read_status(given.status_file));
+  print(already_escaped(result.line + "\n"));
+  return result.exit_code;
+}
+
+// A monitor takes 2 for critical, so also the wrong words beside --check end with 3.
+int code_of_wrong_usage(int argc, char** argv) {
+  const bool is_check = std::any_of(
+      argv, argv + argc, [](const char* word) { return std::string_view(word) == "--check"; });
+  return is_check ? kCheckUnknown : static_cast<int>(exit_code::usage);
+}
+
+int run(int argc, char** argv) {
   // A write to a closed pipe is an error of print() instead of the program's end.
   std::signal(SIGPIPE, SIG_IGN);
   interrupt stop;
   CLI::App app(kDescription, "plugin_guard");
+  wrap_help(app);
   app.footer(kFooter);
   words given;
   declare(app, given);
   guard::options options;
   try {
     app.parse(argc, argv);
-    refuse_without_meaning(app, given.status);
+    refuse_without_meaning(app, given);
     options = checked_options(given, app.count("--status-file") > 0);
   } catch (const CLI::Success& help_or_version) {
-    app.exit(help_or_version);
-    return exit_code::done;
+    return app.exit(help_or_version);
   } catch (const CLI::ParseError& error) {
     say(printable(error.what()) + "\n  next:      see plugin_guard --help");
-    return exit_code::usage;
+    return code_of_wrong_usage(argc, argv);
   }
-  if (given.status) return show_status(given);
+  if (given.check) return show_check(given);
+  if (given.status) return static_cast<int>(show_status(given));
   // A journal that reads this program's stderr would have each line twice.
   const bool in_journal =
       std::getenv("JOURNAL_STREAM") != nullptr;  // NOLINT(concurrency-mt-unsafe)
   openlog("scsi-plugin-guard", in_journal ? 0 : LOG_PERROR, LOG_DAEMON);
   guard(options, stop).run();
-  return exit_code::done;
+  return static_cast<int>(exit_code::done);
 }
 
 }  // namespace
@@ -188,10 +218,9 @@ exit_code run(int argc, char** argv) {
 int main(int argc, char** argv) {
   using namespace vexo::tools;
   try {
-    return static_cast<int>(run(argc, argv));
+    return run(argc, argv);
   } catch (const tool_error& error) {
-    say(error.text);
-    return static_cast<int>(error.code);
+    return end_with("plugin_guard", error);
   } catch (const std::exception& error) {
     say("this machine refused: " + printable(error.what()));
     return static_cast<int>(exit_code::failed);

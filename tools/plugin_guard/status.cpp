@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <system_error>
 
 #include "common/output.h"
+#include "common/text.h"
 #include "common/unique_fd.h"
 
 namespace vexo::tools {
@@ -26,10 +28,11 @@ using std::chrono::system_clock;
   throw std::system_error(errno, std::generic_category(), path);
 }
 
-GuardStatus nothing_known(const std::string& why) {
-  GuardStatus status;
-  status.set_error(why + ", so nothing is known of the daemon");
-  return status;
+found_status nothing_known(const std::string& why) {
+  found_status found;
+  found.status.set_error(why + ", so nothing is known of the daemon");
+  found.is_valid = false;
+  return found;
 }
 
 }  // namespace
@@ -59,7 +62,7 @@ void write_status(const std::string& path, const GuardStatus& status) {
   if (std::rename(unfinished.c_str(), path.c_str()) != 0) fail(path);
 }
 
-GuardStatus read_status(const std::string& path) {
+found_status read_status(const std::string& path) {
   std::ifstream file(path);
   struct stat facts = {};
   if (!file || stat(path.c_str(), &facts) != 0) {
@@ -78,7 +81,32 @@ GuardStatus read_status(const std::string& path) {
     const auto when = time_text(system_clock::from_time_t(facts.st_mtim.tv_sec));
     return nothing_known("the guard has written nothing since " + when);
   }
-  return status;
+  return {status};
+}
+
+check_result check(const found_status& found) {
+  const GuardStatus& status = found.status;
+  // What follows a '|' is performance data.
+  std::string text = status.error().empty() ? "the daemon serves on both endpoints"
+                                            : printable(status.error()).str();
+  std::replace(text.begin(), text.end(), '|', '/');
+  if (!found.is_valid) return {"SCSI_PLUGIN UNKNOWN: " + text, kCheckUnknown};
+  const char* word = "CRITICAL";
+  int code = 2;
+  if (status.state() == GuardStatus::OK) {
+    word = "OK";
+    code = 0;
+  } else if (status.state() == GuardStatus::DEGRADED) {
+    word = "WARNING";
+    code = 1;
+  }
+  std::array<char, 160> numbers = {};
+  std::snprintf(numbers.data(), numbers.size(),
+                " | hosts=%u;;;0 sweeps=%uc;;;0 restarts=%uc;;;0 last_recovery=%.3fs;;;0",
+                status.hosts(), status.sweeps(), status.restarts(), status.last_recovery_seconds());
+  return {std::string("SCSI_PLUGIN ") + word + ": " + text + ", since " + status.since() +
+              numbers.data(),
+          code};
 }
 
 }  // namespace vexo::tools

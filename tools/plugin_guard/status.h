@@ -21,8 +21,21 @@ std::string time_text(std::chrono::system_clock::time_point when);
 // Replaces the file as a whole, so that no reader sees half of it. Throws std::system_error.
 void write_status(const std::string& path, const GuardStatus& status);
 
-// What a guard wrote there. DOWN, with the reason in `error`, when there is no valid status.
-GuardStatus read_status(const std::string& path);
+// What a guard wrote there. When there is no valid status, the state is DOWN, and `error` says why.
+struct found_status {
+  GuardStatus status;
+  bool is_valid = true;
+};
+found_status read_status(const std::string& path);
+
+// How a plugin of a Nagios-type monitor tells that: one line, and its exit code.
+struct check_result {
+  std::string line;
+  int exit_code;
+};
+check_result check(const found_status& found);
+// The exit code when the check itself cannot be made.
+inline constexpr int kCheckUnknown = 3;
 
 }  // namespace vexo::tools
 

@@ -18,6 +18,22 @@ _FIFREEZE, _FITHAW = 0xC0045877, 0xC0045878
 _FROZEN = 0.15  # seconds; longer than a write takes on a busy machine
 
 
+def mount_image(image, path, kind="ext4", size="16M"):
+    """A new file system. Skips the test where there can be none."""
+    def run_or_skip(*command):
+        tried = run(*command)
+        if tried.status != 0:
+            pytest.skip(f"{command[0]}: {tried.err}")
+        return tried.out.strip()
+
+    run_or_skip("truncate", "--size", size, image)
+    run_or_skip(f"mkfs.{kind}", "-q", image)
+    # "mount -o loop" would look at every other loop device first, and hang while one is stalled.
+    device = run_or_skip("losetup", "--find", "--show", image)
+    run_or_skip("mount", device, path)
+    run_or_skip("losetup", "--detach", device)  # when it is unmounted
+
+
 class Volume:
     """ext4 on an image, mounted by loop, and a writer that has every write on the disk before the next.
 
@@ -34,16 +50,12 @@ class Volume:
         if stalling:
             for folder in (f"{path}.below", f"{path}.image"):
                 pathlib.Path(folder).mkdir()
-            self._storage = Program("bindfs", "-f", f"{path}.below", image)
+            self._storage = Program("bindfs", "-f", "-o", "attr_timeout=0,entry_timeout=0", f"{path}.below", image)
             wait_until(lambda: os.path.ismount(f"{path}.image") or not self._storage.alive)
             if not self._storage.alive:
                 pytest.skip(f"bindfs: {self._storage.err}")
             image += "/image"
-        for command in (["truncate", "--size", "16M", image], ["mkfs.ext4", "-q", image],
-                        ["mount", "-o", "loop", image, self.path]):
-            tried = run(*command)
-            if tried.status != 0:
-                pytest.skip(f"{command[0]}: {tried.err}")
+        mount_image(image, self.path)
         self._root = os.open(self.path, os.O_RDONLY | os.O_DIRECTORY)
         self._over = False
         self._began = time.monotonic()  # the last write
