@@ -217,7 +217,7 @@ def giving_up(settings, verdicts):
     appliance.plugin.signal_group(signal.SIGSTOP)
     begun = appliance.mark()
     announced = appliance.call.begin(init_snapshot(appliance.luns[0]))
-    appliance.log.wait_for("push command")
+    appliance.wait(lambda: appliance.log.count("push command"), settings.patience, "was sent no announcement")
     appliance.end(-1)
     announced.cancel()
     appliance.plugin.signal_group(signal.SIGCONT)
