@@ -21,6 +21,9 @@ class Plugin(HostPlugin):
     def thaw(self, snapshot):
         AT_REST.unlink(missing_ok=True)
 
+    def finished(self, snapshot, failure):
+        print(failure, flush=True)
+
 
 def refuse(*_):
     raise GivenUp("never")

@@ -30,6 +30,8 @@ class HostPlugin:
 
     def __init__(self, appliances: Union[str, Iterable[str]], plugin_id: str, luns: Iterable[str], *,
                  host_type: str = "UNKNOWN", limits: Limits = Limits()) -> None:
+        if isinstance(luns, str) or not 0 < limits.hold < limits.rest:
+            raise ValueError("luns must be a list of LUNs, and limits.hold less than limits.rest")
         self.luns = frozenset(luns)
         self.limits = limits
         # What run() waits for: told to stop (None), or a subscription that is over. Signal handlers may
