@@ -8,7 +8,7 @@
 namespace vexo::bench {
 
 std::string lun(int number) {
-  char id[40];
+  char id[48];
   std::snprintf(id, sizeof id, "1a2b3c4d-%04d-7a8b-9c0d-e1f2a3b4c5d6", number);
   return id;
 }

@@ -1,72 +1,128 @@
 #!/usr/bin/env node
 // A host plugin: takes part in the snapshots of one LUN.
 const { setTimeout: sleep } = require('timers/promises');
-const { connect } = require('./service');
+const { connect, ipv4Target } = require('./service');
 
-const [pluginId, lun, address = '127.0.0.1:3265'] = process.argv.slice(2);
+const [pluginId, lun, appliance = '127.0.0.1:3265'] = process.argv.slice(2);
 if (!lun) {
-  console.error('usage: host_plugin.js PLUGIN_ID LUN [ADDRESS]    LUN is the page-80h identifier');
+  console.error('usage: host_plugin.js PLUGIN_ID LUN [APPLIANCE]    LUN is the page-80h identifier');
   process.exit(2);
 }
-const daemon = connect(address);
+const freeze = async () => console.log('at rest'); // bring the applications to rest before this line
+const thaw = async () => console.log('at work'); // and let them go on here, whatever has happened
+const longestRest = 30_000; // of which this must be left for the split when the host departs:
+const hold = 20_000;
 
-const saysYes = async (command) =>
-  (await daemon.call('LunOp', { plugin_id: pluginId, ...command }, 5)).success;
-
-// Whether the daemon gives this answer in time. Asks for the first time after a moment.
-async function becomes(answer, seconds, command) {
-  for (const end = Date.now() + seconds * 1000; Date.now() < end; ) {
-    await sleep(200);
-    if (leaving) throw new Error('told to stop');
-    if ((await saysYes(command)) === answer) return true;
-  }
-  return false;
-}
-
-async function takePart() {
-  if (!(await saysYes({ start_mirror_req: { src_lun_id: lun } }))) {
-    return console.log('the announcement is withdrawn');
-  }
-  const isMirrorDone = { is_mirror_done_req: { type: 'LUN_TYPE_80', src_lun_id: lun } };
-  if (!(await becomes(true, 3600, isMirrorDone))) return console.log('the mirror takes too long');
-  const depart = { depart_relation_req: { src_lun_id: lun } };
-  let over = false;
-  try {
-    console.log('at rest'); // bring the applications to rest before this line
-    // Until the handshake is gone: the split is over then.
-    over = !(await saysYes(depart)) || (await becomes(false, 30, depart));
-  } finally {
-    if (!over) await withdraw();
-    console.log('at work'); // and let them go on here, whatever has happened
-  }
-}
-
-// Takes the departure back, so that the local caller learns that the copy is not good.
-async function withdraw() {
-  // Twice: a question that timed out may reach the daemon after the first.
-  for (let i = 0; i < 2; i++) {
-    await daemon.call('LunOp', { start_mirror_req: { src_lun_id: lun } }, 0.4).catch(() => {});
-    await sleep(100);
-  }
-}
-
+const self = { plugin_id: pluginId };
+let daemon; // the connection, renewed with each subscription
+let stream;
+let current; // the handshake under way: why to give it up, and its end
 let leaving = false;
-let takingPart = Promise.resolve();
-const stop = async () => {
-  leaving = true;
-  await takingPart;
-  await daemon.call('UnSubscribe', { plugin_id: pluginId }, 5);
-  process.exit(0);
-};
-const fail = (error) => {
-  console.error(error.message);
-  process.exit(1);
-};
-process.on('SIGINT', stop).on('SIGTERM', stop);
 
-const commands = daemon.subscribe({ plugin_id: pluginId });
-commands.on('data', (command) => {
-  if (command.init_snapshot_req?.src_lun_p80 !== lun) return;
-  takingPart = takePart().catch((error) => console.error(error.message));
+// What the daemon answers: true, false, or undefined when it does not.
+const call = (method, request, ms) =>
+  daemon.call(method, request, ms).then((answer) => answer, () => undefined);
+const ask = async (request, ms = 5000) =>
+  (await call('LunOp', { ...self, [request]: { src_lun_id: lun, type: 'LUN_TYPE_80' } }, ms))?.success;
+// Changes nothing. When there is a handshake the daemon would wait for its departure.
+const isGone = async () =>
+  (await call('Publish', { task_id: lun, wait_for_depart_req: {} }, 1000))?.success === false;
+const pause = (since, first) => sleep(Math.min(Math.max((Date.now() - since) / 10, first), 1000));
+
+async function takePart(handshake) {
+  const goOn = async (wait) => {
+    await wait;
+    if (handshake.giveUp) throw new Error(handshake.giveUp);
+  };
+  const announced = Date.now();
+  for (let yes; !(yes = await ask('start_mirror_req')); await goOn(sleep(1000))) {
+    if (yes === false || Date.now() > announced + 60_000) throw new Error('nobody waits any more');
+  }
+  const started = Date.now();
+  let look = started + 10_000;
+  for (let done; !done; done = await ask('is_mirror_done_req')) {
+    await goOn(pause(started, 50)); // not at once, see docs/writing-a-plugin.md
+    if (done === false && Date.now() > look) { // no is the answer also when the handshake is over
+      if (await isGone()) throw new Error('the appliance has given up');
+      look = Date.now() + 30_000;
+    }
+  }
+  await rest(handshake);
+}
+
+async function rest(handshake) {
+  const began = Date.now();
+  const lastResort = setTimeout(thaw, longestRest);
+  let departed = false;
+  try {
+    await freeze();
+    if (Date.now() - began > longestRest - hold) throw new Error('the freeze took too long');
+    departed = true;
+    while (departed && !handshake.superseded) {
+      const left = longestRest - 1000 - (Date.now() - began);
+      if (left <= 0) throw new Error('the split took too long');
+      departed = (await ask('depart_relation_req', Math.min(5000, left))) !== false;
+      if (departed) await pause(began, 10);
+    }
+    departed = false;
+  } finally {
+    // Twice: a question that timed out may reach the daemon after the first.
+    for (let i = 0; departed && i < 2; i++, await sleep(100)) await ask('start_mirror_req', 400);
+    await thaw();
+    clearTimeout(lastResort);
+  }
+}
+
+function announced(command) {
+  if (command.init_snapshot_req?.src_lun_p80 !== lun || leaving) return;
+  const before = current;
+  if (before) Object.assign(before, { giveUp: 'announced again', superseded: true });
+  current = {};
+  current.end = (async (handshake) => {
+    await before?.end;
+    await takePart(handshake).catch((error) => console.error(error.message));
+  })(current);
+}
+
+async function stayConnected() {
+  for (let wait = 1000; !leaving; wait = Math.min(2 * wait, 20_000)) {
+    try {
+      daemon?.close();
+      daemon = connect(await ipv4Target(appliance));
+      stream = daemon.subscribe(self).on('data', announced);
+      const ended = new Promise((resolve) => stream.on('error', resolve).on('end', resolve));
+      // The daemon says nothing to confirm, and may have lost the subscription.
+      await Promise.race([ended, sleep(1000)]);
+      const list = (await call('PluginConnList', {}, 5000))?.list;
+      if (list?.some((plugin) => plugin.plugin_id === pluginId)) wait = 500;
+      else if (list) await unsubscribe();
+      await ended;
+    } catch (error) {
+      console.error(error.message); // the name is not known
+    }
+    if (!leaving) await sleep(wait * (0.5 + Math.random()));
+  }
+}
+
+// A subscriber that vanishes without this hangs the daemon at the next announcement. The second time is
+// for the case that the first came before the daemon had begun to wait on the stream.
+async function unsubscribe() {
+  await call('UnSubscribe', self, 5000);
+  stream?.cancel();
+  await call('UnSubscribe', self, 5000);
+}
+
+async function leave(status) {
+  if (leaving) return;
+  leaving = true;
+  if (current) current.giveUp = 'told to stop'; // a host at rest stays so until the split is over
+  await current?.end;
+  if (daemon) await unsubscribe();
+  process.exit(status);
+}
+for (const signal of ['SIGINT', 'SIGTERM', 'SIGHUP']) process.on(signal, () => leave(0));
+process.on('uncaughtException', (error) => {
+  console.error(error);
+  leave(1);
 });
-commands.on('error', fail);
+stayConnected();

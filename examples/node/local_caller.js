@@ -9,10 +9,10 @@ if (!lun) {
 }
 const daemon = connect(address);
 
-async function publish(command, seconds = 65) {
+async function publish(command, ms = 65_000) {
   const [step] = Object.keys(command);
   // Two of the steps wait up to 60 s for a host, so the deadline lies beyond that.
-  const { success } = await daemon.call('Publish', { task_id: lun, ...command }, seconds);
+  const { success } = await daemon.call('Publish', { task_id: lun, ...command }, ms);
   if (!success) throw new Error(`${step}: no`);
   console.log(`${step}: yes`);
 }
@@ -26,7 +26,7 @@ async function takeSnapshot() {
     await publish({ wait_for_depart_req: {} });
     // Split the mirror here: the host's applications are at rest.
     // Then ask once more: a host that could not stay at rest has taken its departure back.
-    await publish({ wait_for_depart_req: {} }, 2);
+    await publish({ wait_for_depart_req: {} }, 2000);
     result = 0;
   } finally {
     // Also when a step has failed: what is left open keeps the LUN from being announced for 300 s.

@@ -24,9 +24,10 @@ import sys
 
 import pytest
 
-from support import sandbox
-
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
+# The folder "support" there is one package with the one here: what scripts/check-plugin needs, too.
+sys.path.insert(0, str(SOURCE / "clients/check_plugin"))
+from support import sandbox  # noqa: E402
 
 
 def pytest_addoption(parser):

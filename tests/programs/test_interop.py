@@ -5,11 +5,10 @@ import os
 import signal
 import sys
 
-import grpc
 import pytest
 
-from support.calls import LUN, wait_for_depart
-from support.program import BUILD, SOURCE, Program, run
+from support.calls import LUN
+from support.program import SOURCE, Program, run
 
 EXAMPLES = SOURCE / "examples"
 LANGUAGES = {  # language: host plugin, local caller
@@ -17,29 +16,17 @@ LANGUAGES = {  # language: host plugin, local caller
                [sys.executable, "-B", EXAMPLES / "python/local_caller.py"]),
     "node": (["node", EXAMPLES / "node/host_plugin.js"], ["node", EXAMPLES / "node/local_caller.js"]),
 }
-GENERATED = {"PYTHONPATH": str(BUILD / "tests/python")}
+PACKAGE = {"PYTHONPATH": str(SOURCE / "clients/python")}
 
 
 def start_plugin(log, daemon, *languages):
     """The host plugin in the first of these languages, if all can be had."""
     if "node" in languages and os.system(f"node {EXAMPLES}/node/service.js 2>/dev/null") != 0:
         pytest.skip("no Node with gRPC: scripts/setup --interop installs it")
-    plugin = Program(*LANGUAGES[languages[0]][0], "example", LUN, environment=GENERATED)
+    plugin = Program(*LANGUAGES[languages[0]][0], "example", LUN, environment=PACKAGE)
     log.wait_for("Connected: Plugin ID=example IP=127.0.0.1")
     daemon.call.wait_until_listed("example")
     return plugin
-
-
-@pytest.mark.parametrize("host", LANGUAGES)
-def test_a_host_that_leaves_takes_its_departure_back(log, daemon, host):
-    plugin = start_plugin(log, daemon, host)
-    daemon.call.go_to_split()
-    plugin.signal(signal.SIGTERM)
-    plugin.wait_for_out("at work")
-    with pytest.raises(grpc.RpcError):
-        daemon.call.ask(wait_for_depart(LUN), timeout=0.5)
-    plugin.wait()
-    log.wait_for("Disconnect: Plugin ID=example")
 
 
 @pytest.mark.parametrize("local", LANGUAGES)
@@ -47,7 +34,7 @@ def test_a_host_that_leaves_takes_its_departure_back(log, daemon, host):
 def test_a_handshake_across_languages(log, daemon, host, local):
     plugin = start_plugin(log, daemon, host, local)
 
-    snapshot = run(*LANGUAGES[local][1], LUN, environment=GENERATED)
+    snapshot = run(*LANGUAGES[local][1], LUN, environment=PACKAGE)
     assert snapshot.status == 0, snapshot.err
     assert snapshot.out == ("init_snapshot_req: yes\nmirror_done_req: yes\n"
                             "wait_for_depart_req: yes\nwait_for_depart_req: yes\ndepart_done_req: yes\n")
@@ -56,6 +43,6 @@ def test_a_handshake_across_languages(log, daemon, host, local):
     plugin.signal(signal.SIGTERM)
     assert plugin.wait() == 0, plugin.err
     log.wait_for("Disconnect: Plugin ID=example")
-    nobody = run(*LANGUAGES[local][1], LUN, environment=GENERATED)
+    nobody = run(*LANGUAGES[local][1], LUN, environment=PACKAGE)
     assert nobody.status == 1
     assert "init_snapshot_req: no" in nobody.err

@@ -182,10 +182,15 @@ def test_the_ready_hook_freezes_what_its_file_names(daemon, volume, start_agent)
     volume.wait_until_thawed()
 
 
-def test_freezes_what_was_mounted_last_first(daemon, volume, make_volume, start_freezer):
-    """One lies in an image on the other, and can only come to rest while that one still takes writes."""
+def test_freezes_what_was_mounted_last_first(daemon, volume, hooks, make_volume, start_freezer):
+    """One lies in an image on the other, and can only come to rest while that one still takes writes.
+
+    What one hook has brought to rest does not vouch for another that is refused.
+    """
     inner = make_volume(volume.path / "inner")
-    agent = start_freezer("--fs", inner.path, limit=FAR_LIMIT)
+    hooks.add("20-refused", mode=0o644)
+    agent = start_freezer("--fs", inner.path, "--hooks", hooks.path, "--refused-hooks", "warn",
+                          limit=FAR_LIMIT)
     daemon.call.go_to_split()
     volume.wait_until_frozen()
     assert daemon.call.ask(depart_done(LUN))

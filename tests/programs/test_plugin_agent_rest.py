@@ -47,6 +47,20 @@ def test_luns_that_are_ready_together_share_one_rest(daemon, hooks, start):
     assert hooks.take_runs() == 2 * ["10-a prepare"] + ["10-a freeze", "10-a thaw"]
 
 
+def test_what_is_at_rest_for_another_is_not_thawed_with_what_was_prepared(log, daemon, hooks, start):
+    agent = start()
+    go_to_split(daemon, LUN)
+    assert daemon.call.ask(init_snapshot(OTHER_LUN))
+    assert daemon.call.ask(depart_done(OTHER_LUN))
+    log.wait_for(f"handle_cmd_wait_for_depart Task not exists: [{OTHER_LUN}]")
+    time.sleep(0.5)
+    assert hooks.is_frozen("10-a") and stands(daemon)
+    assert daemon.call.ask(depart_done(LUN))
+    assert agent.record()["verdict"] == "application-consistent"
+    assert agent.record(1)["verdict"] == "failed"
+    assert hooks.take_runs() == ["10-a prepare", "10-a freeze", "10-a prepare", "10-a thaw", "10-a thaw"]
+
+
 @pytest.mark.parametrize("hold, runs", [(5, 1), (29.9, 2)], ids=["joins", "too late"])
 def test_a_latecomer_joins_while_there_is_time(daemon, hooks, start, hold, runs):
     agent = start("--hold", hold)

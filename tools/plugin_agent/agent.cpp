@@ -1,5 +1,7 @@
 #include "plugin_agent/agent.h"
 
+#include <unistd.h>
+
 #include <exception>
 #include <string>
 #include <utility>
@@ -7,6 +9,7 @@
 #include "common/command_fields.h"
 #include "common/text.h"
 #include "plugin_agent/agent_log.h"
+#include "plugin_agent/host_facts.h"
 
 namespace vexo::tools {
 
@@ -115,10 +118,55 @@ void agent::join_ended() {
     const std::lock_guard lock(mutex_);
     for (auto one = running_.begin(); one != running_.end();) {
       const auto next = std::next(one);
-      if (one->shake->over()) ended.splice(ended.end(), running_, one);
+      if (one->shake->over()) {
+        if (auto record = one->shake->record()) verdicts_.push_front(std::move(*record));
+        ended.splice(ended.end(), running_, one);
+      }
       one = next;
     }
+    if (verdicts_.size() > kMostVerdicts) verdicts_.resize(kMostVerdicts);
   }
+}
+
+AgentStatus agent::status() {
+  AgentStatus status;
+  status.set_pid(getpid());
+  status.set_version(VEXO_TOOLS_VERSION);
+  status.set_since(utc_text(since_));
+  status.set_plugin_id(options_.plugin_id);
+  for (const auto& one : subscriptions_) {
+    const auto view = one->state().get();
+    auto& shown = *status.add_appliances();
+    shown.set_appliance(one->where().name());
+    shown.set_address(one->where().address());
+    shown.set_subscribed(view.subscribed);
+    shown.set_since(utc_text(view.since));
+    shown.set_seen_as(view.seen_as);
+    shown.set_reason(printable(view.reason));
+  }
+  *status.mutable_luns() = {options_.luns.begin(), options_.luns.end()};
+  if (options_.any_lun) status.add_luns(kAnyLun);
+  std::string problem;
+  const auto hooks = hook_facts(options_, problem);
+  *status.mutable_hooks() = {hooks.begin(), hooks.end()};
+  status.set_hooks_problem(problem);
+  const auto file_systems = file_system_facts(options_);
+  *status.mutable_file_systems() = {file_systems.begin(), file_systems.end()};
+  add_handshakes(status);
+  return status;
+}
+
+void agent::add_handshakes(AgentStatus& status) {
+  const std::lock_guard lock(mutex_);
+  for (const auto& one : running_) {
+    auto& shown = *status.add_handshakes();
+    shown.set_lun(printable(one.shake->lun()));
+    shown.set_appliance(one.where->name());
+    shown.set_step(one.shake->step());
+    shown.set_seconds(one.shake->age().count());
+    if (const auto record = one.shake->record()) *status.add_last_verdicts() = *record;
+  }
+  for (const auto& record : verdicts_) *status.add_last_verdicts() = record;
 }
 
 bool agent::all_ended() {

@@ -1,7 +1,9 @@
 #ifndef TOOLS_PLUGIN_AGENT_AGENT_H_
 #define TOOLS_PLUGIN_AGENT_AGENT_H_
 
+#include <chrono>
 #include <cstddef>
+#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -9,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent_report.pb.h"
 #include "common/event.h"
 #include "common/interrupt.h"
 #include "plugin_agent/appliance.h"
@@ -25,6 +28,8 @@ class agent {
   // Handshakes at once: more than a host has LUNs whose snapshots are taken at the same time, and
   // few enough for the unit's TasksMax=. The next one is refused.
   static constexpr std::size_t kMostHandshakes = 64;
+  // Verdicts that are kept for those who ask.
+  static constexpr std::size_t kMostVerdicts = 10;
 
   explicit agent(const agent_options& options);
   ~agent();
@@ -34,6 +39,9 @@ class agent {
   // Serves until a signal comes: then finishes or undoes the handshakes under way, and returns
   // when all are over. A second signal undoes them at once.
   void run(interrupt& stop);
+
+  // How it is, without asking an appliance. Any thread may call; no handshake waits for it.
+  AgentStatus status();
 
  private:
   struct running {
@@ -52,6 +60,7 @@ class agent {
   void on_command(const std::shared_ptr<appliance>& where, const scsiplugin::PluginCmd& command);
   void begin(const std::shared_ptr<appliance>& where, const scsiplugin::PluginCmd& command);
   void join_ended();
+  void add_handshakes(AgentStatus& status);
   bool all_ended();
 
   const agent_options& options_;
@@ -59,7 +68,9 @@ class agent {
   event changed_;  // raised when a handshake has ended
   std::mutex mutex_;
   std::list<running> running_;  // under mutex_; those of one LUN in the order in which they came
-  bool leaving_ = false;        // under mutex_
+  std::deque<HandshakeRecord> verdicts_;  // under mutex_; of those that are over, the last first
+  bool leaving_ = false;                  // under mutex_
+  const std::chrono::system_clock::time_point since_ = std::chrono::system_clock::now();
   std::vector<std::unique_ptr<subscription>> subscriptions_;
 };
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "common/endpoint.h"
+#include "common/event.h"
 #include "plugin_service.grpc.pb.h"
 
 namespace vexo::tools {
@@ -19,10 +20,17 @@ namespace vexo::tools {
 class appliance {
  public:
   explicit appliance(endpoint where);
+  // One that is only played, in this process; connect() is not for it.
+  appliance(std::string name, const std::shared_ptr<grpc::Channel>& channel);
+  bool is_played() const { return where_.target.empty(); }
 
-  // Looks the name up, for an IPv4 address, and begins a new connection to it. Throws
-  // std::runtime_error. Blocks for as long as the name service takes.
-  void connect();
+  // Looks the name up and connects anew to one of its IPv4 addresses: to the one of the last time
+  // if it still answers, otherwise to the first that does. Throws std::runtime_error when none
+  // does. Blocks for as long as the name service takes, and for 4 s for each address without an
+  // answer; gives up when `stop` is raised.
+  void connect(const event& stop);
+  // To be called when the connection has ended. Until the next connect() calls make their own.
+  void lost();
 
   std::shared_ptr<scsiplugin::PluginService::Stub> stub() const;
   // As in "10.0.0.5:3265", once connect() was called; before, as the user wrote it.
@@ -33,7 +41,6 @@ class appliance {
   // How often the subscription has lost its connection so far. After a loss the daemon may be a new
   // process, which knows of no handshake.
   unsigned losses() const { return losses_; }
-  void count_loss() { ++losses_; }
 
   struct answer {
     grpc::Status status;
@@ -46,7 +53,7 @@ class appliance {
   mutable std::mutex mutex_;
   // Both under mutex_.
   std::shared_ptr<scsiplugin::PluginService::Stub> stub_;
-  std::string address_;
+  std::string address_;  // with the port; empty before the first connection
   std::atomic<unsigned> losses_ = 0;
 };
 

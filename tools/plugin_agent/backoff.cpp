@@ -4,17 +4,25 @@
 
 namespace vexo::tools {
 
+using std::chrono::milliseconds;
+
 namespace {
-// A wait is the base and a random part of up to half the base.
-constexpr std::chrono::milliseconds kLargestBase = backoff::kLongest * 2 / 3;
+// A long wait is the base and a random part of up to half the base.
+constexpr milliseconds kLargestBase = backoff::kLongest * 2 / 3;
 }  // namespace
 
-std::chrono::milliseconds backoff::next(std::chrono::milliseconds held) {
-  if (held >= kHealthy) base_ = kShortest;
-  std::uniform_int_distribution<std::chrono::milliseconds::rep> extra(0, base_.count() / 2);
-  const auto wait = base_ + std::chrono::milliseconds(extra(random_));
+milliseconds backoff::next(ending how, milliseconds held) {
+  const bool was_served = how == ending::disconnected && held >= kServed;
+  if (was_served || held >= kHealthy) base_ = kShortest;
+  if (was_served || how == ending::unreachable) return between(kSoonest, kLatest);
+  const auto base = base_;
   base_ = std::min(base_ * 2, kLargestBase);
-  return wait;
+  return between(base, base * 3 / 2);
+}
+
+milliseconds backoff::between(milliseconds least, milliseconds most) {
+  std::uniform_int_distribution<milliseconds::rep> range(least.count(), most.count());
+  return milliseconds(range(random_));
 }
 
 }  // namespace vexo::tools

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <ctime>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "common/channel.h"
@@ -13,9 +14,9 @@
 #include "common/output.h"
 #include "common/poll_until.h"
 #include "common/text.h"
-#include "handshake_record.pb.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
+#include "plugin_agent/handshake_check.h"
 #include "plugin_agent/withdrawal.h"
 
 namespace vexo::tools {
@@ -31,6 +32,13 @@ constexpr milliseconds kFirstDepartPoll{10};
 // How often those that gather, and a freezer that goes on alone, are looked at.
 constexpr milliseconds kGatherLook{5};
 constexpr milliseconds kFreezerLook{200};
+// How often to ask whether the handshake is over: each question has the daemon keep a thread for a
+// minute, and a handshake that is over is noticed within that.
+constexpr int kCheckPolls = 45;
+constexpr milliseconds kLeastCheck{5000};
+constexpr milliseconds kMostCheck{45000};
+// How long a rest of another handshake may keep the hooks of this one from being thawed.
+constexpr std::chrono::minutes kOthersTurn{2};
 constexpr char kOf[] = " of ";  // in the name of a member of a rest: the LUN, then the appliance
 constexpr int kMostTries = 3;   // to come to rest, each with a freezer of its own
 
@@ -77,6 +85,7 @@ void handshake::run() {
     reason_ = error.what();
   }
   try {
+    undo_prepare();
     write_record();
   } catch (const std::exception& error) {
     agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), printable(verdict_),
@@ -89,8 +98,9 @@ void handshake::run() {
 
 void handshake::take_part() {
   if (!options_.hooks_dir.empty()) hooks_ = list_hooks(options_.hooks_dir);
-  for (const auto& [name, reason] : hooks_.refused) {
-    agent_log().warn("hook {} is not run: {}", printable(name), printable(reason));
+  for (const auto& refusal : refusals(hooks_)) {
+    if (!options_.tolerates_refused_hooks) throw given_up(refusal);
+    agent_log().warn("{}", printable(refusal));
   }
   plan_.set_run_dir(options_.run_dir);
   *plan_.mutable_mount_points() = {options_.mount_points.begin(), options_.mount_points.end()};
@@ -106,8 +116,10 @@ void handshake::take_part() {
   plan_.set_hook_timeout_ms(options_.hook_timeout.count());
   auto& member = *plan_.mutable_member();
   member.set_name(lun() + kOf + appliance_->name());
-  for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
-    member.add_command(word);
+  if (!appliance_->is_played()) {
+    for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
+      member.add_command(word);
+    }
   }
   prepare();
   start_mirror();
@@ -118,16 +130,19 @@ void handshake::take_part() {
   const std::string& name = plan_.member().name();
   const auto take_figures = [&] {
     frozen_for_ = rest_->frozen_for();
+    freeze_took_ = rest_->freeze_took();
     for (auto& run : rest_->runs()) runs_.push_back(std::move(run));
   };
   try {
     come_to_rest();
     depart();
     hold();
+    step_ = "thaw";
     rest_->end(name);
     take_figures();
     verdict_ = verdict();
   } catch (const std::runtime_error&) {
+    step_ = "thaw";
     if (may_count_on_rest_) withdraw(*appliance_->stub(), lun(), options_.plugin_id);
     try {
       rest_->end(name);
@@ -143,10 +158,11 @@ void handshake::prepare() {
   if (hooks_.usable.empty()) return;
   FreezerRequest request;
   *request.mutable_prepare() = plan_;
-  const freezer_process freezer(request);
-  for (bool gone = false; !gone;) {
-    wait_or_give_up(clock::time_point::max(), freezer.fd());
-    while (const auto report = freezer.receive(gone)) {
+  preparer_.emplace(request);
+  for (bool gone = false; runs_.size() != hooks_.usable.size();) {
+    if (gone) throw given_up("the freezer has died");
+    wait_or_give_up(clock::time_point::max(), preparer_->fd());
+    while (const auto report = preparer_->receive(gone)) {
       if (!report->has_hook()) continue;
       runs_.push_back(report->hook());
       const auto& run = runs_.back();
@@ -157,7 +173,41 @@ void handshake::prepare() {
       }
     }
   }
-  if (runs_.size() != hooks_.usable.size()) throw given_up("the freezer has died");
+}
+
+void handshake::release_preparer() {
+  FreezerRequest request;
+  request.set_leave("");
+  if (preparer_) preparer_->send(request);
+  preparer_.reset();
+}
+
+void handshake::undo_prepare() {
+  const bool is_undone = std::any_of(runs_.begin(), runs_.end(),
+                                     [](const auto& run) { return run.phase() == "thaw"; });
+  if (is_undone) release_preparer();
+  if (!preparer_) return;
+  FreezerRequest request;
+  request.set_end(true);
+  preparer_->send(request);
+  if (hear_thaw(*preparer_)) return;
+  *request.mutable_undo() = plan_;
+  hear_thaw(freezer_process(request));
+}
+
+bool handshake::hear_thaw(const freezer_process& freezer) {
+  const auto until = clock::now() + kOthersTurn + 2 * options_.hook_timeout * plan_.hooks_size();
+  for (bool gone = false; !gone && clock::now() < until;) {
+    wait(until, freezer.fd());
+    while (const auto report = freezer.receive(gone)) {
+      if (report->has_hook()) runs_.push_back(report->hook());
+      if (report->has_thawed()) return true;
+    }
+    if (gone) return false;
+  }
+  agent_log().error("LUN {}: `thaw` of the hooks that were prepared is late; it follows",
+                    printable(lun()));
+  return true;
 }
 
 void handshake::start_mirror() {
@@ -175,12 +225,16 @@ void handshake::start_mirror() {
 }
 
 void handshake::wait_for_mirror() {
+  step_ = "mirror";
   LunCmd question = lun_command();
   auto& body = *question.mutable_is_mirror_done_req();
   body.set_task_id(command_.task_id());
   body.set_type(scsiplugin::LUN_TYPE_80);
   body.set_src_lun_id(lun());
   const auto start = clock::now();
+  const auto check_pause = std::clamp(kCheckPolls * options_.poll, kLeastCheck, kMostCheck);
+  auto next_check = start + check_pause;
+  std::optional<handshake_check> check;
   const host_rests::mirror_wait waiting(rests_, news_event_);
   // Not at once: the yes for a LUN that needs no mirror moves the task on, and must not do so
   // before the local caller has seen that the mirror may start.
@@ -188,25 +242,33 @@ void handshake::wait_for_mirror() {
   for (;;) {
     const auto answer = appliance_->lun_op(question, kCallTimeout);
     if (answer.yes) return;
-    if (answer.status.ok() && connection_was_lost()) {
-      // A daemon that was started anew knows of no handshake and would answer no for ever.
-      // Asking for the mirror again tells, and cannot be asked each time: it would undo a "mirror
-      // done" that comes in between.
-      if (const auto known = ask_start_mirror(); known.status.ok() && !known.yes) {
-        throw given_up("the appliance has forgotten the handshake: its daemon was started anew");
-      }
-    }
     const auto now = clock::now();
     if (now >= start + options_.max_mirror) {
       throw given_up("the mirror was not done in time (--max-mirror)");
     }
-    wait_or_give_up(now + (rests_.is_gathering()
-                               ? host_rests::kGatherPoll
-                               : growing_pause(now - start, kFirstMirrorPoll, options_.poll)));
+    if (check && check->is_over()) {
+      throw given_up(
+          "the appliance no longer has the handshake: it was given up there, or the daemon was "
+          "started anew");
+    }
+    if (answer.status.ok() && connection_was_lost()) next_check = now;
+    if (now >= next_check) {
+      next_check = now + check_pause;
+      try {
+        check.emplace(appliance_->stub(), lun(), news_event_);
+      } catch (const std::system_error&) {
+        check.reset();  // no thread to be had, perhaps there is one the next time
+      }
+    }
+    const auto pause = rests_.is_gathering()
+                           ? host_rests::kGatherPoll
+                           : growing_pause(now - start, kFirstMirrorPoll, options_.poll);
+    wait_or_give_up(std::min(now + pause, next_check));
   }
 }
 
 void handshake::gather() {
+  step_ = "gather";
   rests_.gather();
   while (!rests_.has_gathered()) wait_or_give_up(clock::now() + kGatherLook);
 }
@@ -220,9 +282,11 @@ void handshake::enter_rest() {
 bool handshake::is_at_rest() { return rest_->at_rest(plan_.member().name()); }
 
 void handshake::come_to_rest() {
+  step_ = "freeze";
   for (int tries = 1;; ++tries) {
     try {
       while (!is_at_rest()) wait_or_give_up(rest_->deadline());
+      release_preparer();
       return;
     } catch (const rest_missed&) {
       if (tries == kMostTries) throw;
@@ -233,6 +297,7 @@ void handshake::come_to_rest() {
 }
 
 void handshake::depart() {
+  step_ = "depart";
   connection_was_lost();  // what was before does not matter any more
   for (;;) {
     const auto news = wait(clock::now());
@@ -262,6 +327,7 @@ void handshake::depart() {
 // The pauses cost the appliance fewer than 80 of these questions in 30 s, with a line of its log
 // each.
 void handshake::hold() {
+  step_ = "hold";
   for (;;) {
     const auto now = clock::now();
     const auto pause = growing_pause(now - rest_->since(), kFirstDepartPoll, options_.poll);
@@ -290,7 +356,7 @@ void handshake::hold() {
 std::string handshake::verdict() const {
   const bool hooks_ran = std::any_of(runs_.begin(), runs_.end(),
                                      [](const auto& run) { return run.phase() == "freeze"; });
-  if (hooks_ran) return "application-consistent";
+  if (hooks_ran && hooks_.refused.empty()) return "application-consistent";
   return plan_.mount_points().empty() ? "crash-consistent" : "filesystem-consistent";
 }
 
@@ -311,6 +377,7 @@ void handshake::write_record() {
   record.set_verdict(verdict_);
   record.set_reason(printable(reason_));
   record.set_frozen_ms(count_of(frozen_for_));
+  record.set_freeze_ms(count_of(freeze_took_));
   record.set_total_ms(count_of(std::chrono::duration_cast<milliseconds>(clock::now() - start_)));
   for (const auto& mount_point : options_.mount_points) {
     record.add_file_systems(printable(mount_point));
@@ -330,6 +397,13 @@ void handshake::write_record() {
   }
   for (const auto& refusal : hooks_.refused) record.add_refused_hooks(printable(refusal.name));
   log_record(to_json(record));
+  const std::lock_guard lock(mutex_);
+  record_ = std::move(record);
+}
+
+std::optional<HandshakeRecord> handshake::record() {
+  const std::lock_guard lock(mutex_);
+  return record_;
 }
 
 LunCmd handshake::lun_command() const {
@@ -411,6 +485,7 @@ void handshake::wait_or_give_up(clock::time_point until, int fd) {
 
 void handshake::hear_the_freezer_out() {
   if (!rest_) return;
+  step_ = "watch";
   while (!rest_->over()) {
     const auto news = wait(clock::now() + kFreezerLook);
     if (news.stop || news.superseded) break;

@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "common/event.h"
+#include "handshake_record.pb.h"
 #include "lun_cmd.pb.h"
 #include "plugin_agent/appliance.h"
+#include "plugin_agent/freezer_process.h"
 #include "plugin_agent/hooks.h"
 #include "plugin_agent/host_rests.h"
 #include "plugin_agent/options.h"
@@ -45,6 +47,11 @@ class handshake {
   // Whether run() is through.
   bool over() const { return over_; }
   void wait_until_over() const { over_.wait(false); }
+  // As AgentStatus has it.
+  const char* step() const { return step_; }
+  std::chrono::duration<double> age() const { return clock::now() - start_; }
+  // Its verdict, once there is one.
+  std::optional<HandshakeRecord> record();
   const std::string& lun() const { return command_.init_snapshot_req().src_lun_p80(); }
 
  private:
@@ -59,6 +66,12 @@ class handshake {
 
   void take_part();
   void prepare();
+  // From now on a rest has the hooks thawed.
+  void release_preparer();
+  // Has `thaw` run for the hooks that were prepared, if no rest has; their runs go to runs_.
+  void undo_prepare();
+  // False when this freezer has died before it has thawed.
+  bool hear_thaw(const freezer_process& freezer);
   void start_mirror();
   void wait_for_mirror();
   void gather();
@@ -74,7 +87,7 @@ class handshake {
   appliance::answer ask_start_mirror();
   appliance::answer ask_depart();
 
-  // Whether the connection was lost since the last time this was asked.
+  // Whether the connection was lost since the last time that this was asked.
   bool connection_was_lost();
 
   // The freezer goes on alone for as long as something may freeze yet; what it says is for the log.
@@ -94,18 +107,23 @@ class handshake {
   hook_listing hooks_;
   FreezerPlan plan_;
   std::vector<hook_run> runs_;
+  // Has `thaw` run for the hooks that were prepared, also when the agent is killed.
+  std::optional<freezer_process> preparer_;
   std::chrono::milliseconds frozen_for_{};
+  std::chrono::milliseconds freeze_took_{};
   // The appliance may count on the host being at rest, until it says that the split is over.
   bool may_count_on_rest_ = false;
   unsigned losses_seen_ = appliance_->losses();
   std::string verdict_;
   std::string reason_;
   std::atomic<bool> over_ = false;
+  std::atomic<const char*> step_ = "prepare";
 
   event news_event_;
   std::mutex mutex_;
-  // Both under mutex_.
+  // All under mutex_.
   news_flags news_;
+  std::optional<HandshakeRecord> record_;
   std::shared_ptr<quiesce> rest_;  // written by this handshake's thread, for stop_now()
 };
 

@@ -38,6 +38,14 @@ bool has_control_character(const std::string& text) {
 
 }  // namespace
 
+std::vector<std::string> refusals(const hook_listing& listing) {
+  std::vector<std::string> sentences;
+  for (const auto& [name, reason] : listing.refused) {
+    sentences.push_back("hook " + name + " is refused: " + reason);
+  }
+  return sentences;
+}
+
 hook_listing list_hooks(const std::string& directory) {
   struct stat facts = {};
   if (stat(directory.c_str(), &facts) != 0 || !S_ISDIR(facts.st_mode)) {

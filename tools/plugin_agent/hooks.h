@@ -20,6 +20,9 @@ struct hook_listing {
   std::vector<refusal> refused;
 };
 
+// "hook 50-mysql is refused: it is not executable", of each that is.
+std::vector<std::string> refusals(const hook_listing& listing);
+
 // The programs in `directory`: regular files, not hidden and no editor's backups. Refused are those
 // that cannot be executed, and those that somebody other than root and the agent's own user and
 // group could have written: they run with the agent's rights. Throws std::runtime_error with a

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
@@ -15,6 +16,7 @@
 #include "common/text.h"
 #include "plugin_agent/hooks.h"
 #include "plugin_agent/options_file.h"
+#include "plugin_agent/verbs.h"
 #include "plugin_freezer/file_system.h"
 #include "plugin_freezer/run_directory.h"
 
@@ -24,7 +26,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr char kAnyLun[] = "any";
+// Of the unit of systemd.
+constexpr char kServiceFile[] = "/etc/plugin_agent/plugin_agent.toml";
 constexpr double kLongestFreeze = 60;  // as long as the appliance waits for a host
 
 constexpr char kExamples[] = R"(
@@ -35,11 +38,12 @@ Examples:
   # Databases brought to rest by hooks, everything said in a file:
   plugin_agent --config /etc/plugin_agent/plugin_agent.toml
 
-  # After a crash: thaw what an agent has left frozen, and end (for systemd's ExecStopPost=):
+  # Thaw what any agent of this host has frozen, living or not (as systemd's ExecStopPost= does):
   plugin_agent --thaw-and-exit
 
 Hooks are the executables of the --hooks directory, run in name order with one argument: prepare,
-freeze or thaw. Exit codes: 0 told to stop, or --help; 2 usage; 4 failure on this host.)";
+freeze or thaw. Exit codes: 0 told to stop, done, or --help; 1 rehearsed, and not as asked;
+2 usage; 3 no answer; 4 failure on this host; 5 a rehearsal was interrupted.)";
 
 std::string host_name() {
   char name[HOST_NAME_MAX + 1] = {};
@@ -51,17 +55,9 @@ struct words {
   std::optional<std::string> config;
   std::vector<std::string> appliances;
   std::optional<std::string> hooks_dir;
+  std::string refused_hooks = "fail";
   std::optional<double> hold;
 };
-
-void add_seconds(CLI::App& app, const std::string& name, milliseconds& time, double least,
-                 double most, const std::string& description) {
-  const auto set = [&time](double seconds) { time = milliseconds(std::llround(seconds * 1000)); };
-  app.add_option_function<double>(name, set, description)
-      ->check(number_between(least, most))
-      ->type_name(kSeconds)
-      ->default_str(std::to_string(time.count() / 1000));
-}
 
 void declare(CLI::App& app, agent_options& options, words& given) {
   app.set_version_flag("--version", "plugin_agent " VEXO_TOOLS_VERSION);
@@ -79,6 +75,12 @@ void declare(CLI::App& app, agent_options& options, words& given) {
                  "Identifier (page 80h, page 83h or UUID) of a LUN this host uses (repeatable); "
                  "\"any\" takes part in every snapshot");
   app.add_option("--hooks", given.hooks_dir, "Directory of the hooks")->type_name("DIR");
+  app.add_option("--refused-hooks", given.refused_hooks,
+                 "When a hook is refused (it is not executable, or others may write to it): fail "
+                 "every snapshot, or warn and take it without the hook, at most "
+                 "\"filesystem-consistent\", if --fs is given")
+      ->check(CLI::IsMember({"fail", "warn"}))
+      ->capture_default_str();
   app.add_option("--fs", options.mount_points,
                  "Mount point of a file system that the agent freezes itself (repeatable)")
       ->type_name("DIR");
@@ -101,7 +103,7 @@ void declare(CLI::App& app, agent_options& options, words& given) {
       ->capture_default_str();
   app.add_flag("--verbose", options.verbose, "Say more in the log");
   app.add_flag("--thaw-and-exit", options.thaw_and_exit,
-               "Only thaw what an earlier agent left frozen");
+               "Only thaw, now, what any agent of this host has frozen, and end");
   app.add_option("--withdraw", options.withdraw,
                  "Only tell the appliance that this host is no longer at rest for this LUN "
                  "(plugin_freezer does, before a thaw that nobody has asked for)")
@@ -117,6 +119,69 @@ endpoint parse_appliance(const std::string& text) {
   }
   return parsed;
 }
+
+template <class Check>
+void name_option_in_error(const std::string& option, Check check) {
+  try {
+    check();
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(option + ": " + error.what());
+  }
+}
+
+void check_freeze(const agent_options& options) {
+  if (!options.freezes()) return;
+  name_option_in_error("--run-dir", [&] { make_run_directory(options.run_dir); });
+  for (const auto& mount_point : options.mount_points) check_mount_point(mount_point, options);
+  if (!options.hooks_dir.empty()) {
+    name_option_in_error("--hooks", [&] { list_hooks(options.hooks_dir); });
+  }
+}
+
+void convert(agent_options& options, const words& given) {
+  if (options.thaw_and_exit && options.verb) {
+    throw std::invalid_argument("--thaw-and-exit is for itself, without a verb");
+  }
+  if (options.thaw_and_exit || options.needs == agent_options::need::run_dir) return;
+
+  const bool serves = options.needs != agent_options::need::freezing;
+  if (given.appliances.empty() && serves) throw std::invalid_argument("--appliance is required");
+  for (const auto& text : given.appliances) options.appliances.push_back(parse_appliance(text));
+  if (!options.withdraw.empty()) return;
+  // The freezer has another working directory.
+  options.run_dir = std::filesystem::absolute(options.run_dir);
+  options.hold = given.hold ? milliseconds(std::llround(*given.hold * 1000))
+                            : std::min(options.hold, options.max_freeze * 2 / 3);
+  if (options.hold >= options.max_freeze) {
+    throw std::invalid_argument("--hold must be less than --max-freeze");
+  }
+  const auto any = std::remove(options.luns.begin(), options.luns.end(), kAnyLun);
+  options.any_lun = any != options.luns.end();
+  options.luns.erase(any, options.luns.end());
+  if (options.luns.empty() && !options.any_lun && serves) {
+    throw std::invalid_argument("--lun is required: the LUNs this host uses, or \"any\"");
+  }
+  if (std::find(options.luns.begin(), options.luns.end(), "") != options.luns.end()) {
+    throw std::invalid_argument("--lun is empty: name a LUN this host uses, or \"any\"");
+  }
+  if (!is_utf8(options.plugin_id)) throw std::invalid_argument("--plugin-id is not UTF-8");
+  if (given.hooks_dir && given.hooks_dir->empty()) {
+    throw std::invalid_argument("--hooks is empty: name a directory, or leave it out");
+  }
+  options.hooks_dir = given.hooks_dir.value_or("");
+  options.tolerates_refused_hooks = given.refused_hooks == "warn" && !options.mount_points.empty();
+  if (options.needs != agent_options::need::all_unchecked) check_freeze(options);
+}
+
+// Whether a verb that is about what the agent does is asked without saying what that is.
+bool is_for_the_service(const agent_options& options, const words& given) {
+  using need = agent_options::need;
+  return (options.needs == need::freezing || options.needs == need::all_unchecked) &&
+         given.appliances.empty() && !given.hooks_dir && options.luns.empty() &&
+         options.mount_points.empty() && access(kServiceFile, F_OK) == 0;
+}
+
+}  // namespace
 
 void check_mount_point(const std::string& path, const agent_options& options) {
   if (std::any_of(path.begin(), path.end(), [](unsigned char c) { return c < ' ' || c == 127; })) {
@@ -141,54 +206,6 @@ void check_mount_point(const std::string& path, const agent_options& options) {
   }
 }
 
-template <class Check>
-void name_option_in_error(const std::string& option, Check check) {
-  try {
-    check();
-  } catch (const std::runtime_error& error) {
-    throw std::runtime_error(option + ": " + error.what());
-  }
-}
-
-void check_freeze(const agent_options& options) {
-  if (!options.freezes()) return;
-  name_option_in_error("--run-dir", [&] { make_run_directory(options.run_dir); });
-  for (const auto& mount_point : options.mount_points) check_mount_point(mount_point, options);
-  if (!options.hooks_dir.empty()) {
-    name_option_in_error("--hooks", [&] { list_hooks(options.hooks_dir); });
-  }
-}
-
-void convert(agent_options& options, const words& given) {
-  if (options.thaw_and_exit) return;
-
-  if (given.appliances.empty()) throw std::invalid_argument("--appliance is required");
-  for (const auto& text : given.appliances) options.appliances.push_back(parse_appliance(text));
-  if (!options.withdraw.empty()) return;
-  options.hold = given.hold ? milliseconds(std::llround(*given.hold * 1000))
-                            : std::min(options.hold, options.max_freeze * 2 / 3);
-  if (options.hold >= options.max_freeze) {
-    throw std::invalid_argument("--hold must be less than --max-freeze");
-  }
-  const auto any = std::remove(options.luns.begin(), options.luns.end(), kAnyLun);
-  options.any_lun = any != options.luns.end();
-  options.luns.erase(any, options.luns.end());
-  if (options.luns.empty() && !options.any_lun) {
-    throw std::invalid_argument("--lun is required: the LUNs this host uses, or \"any\"");
-  }
-  if (std::find(options.luns.begin(), options.luns.end(), "") != options.luns.end()) {
-    throw std::invalid_argument("--lun is empty: name a LUN this host uses, or \"any\"");
-  }
-  if (!is_utf8(options.plugin_id)) throw std::invalid_argument("--plugin-id is not UTF-8");
-  if (given.hooks_dir && given.hooks_dir->empty()) {
-    throw std::invalid_argument("--hooks is empty: name a directory, or leave it out");
-  }
-  options.hooks_dir = given.hooks_dir.value_or("");
-  check_freeze(options);
-}
-
-}  // namespace
-
 bool agent_options::concerns(const scsiplugin::InitSnapshotReq& request) const {
   if (any_lun) return true;
   return std::any_of(luns.begin(), luns.end(), [&](const std::string& lun) {
@@ -207,6 +224,7 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   options.plugin_id = host_name();
   words given;
   declare(app, options, given);
+  add_verbs(app, options);
   options_file file;
   const auto complain = [&](const std::exception& error, exit_code why) {
     std::cerr << "plugin_agent: " << printable(file.located(error.what(), app))
@@ -216,6 +234,7 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   };
   try {
     app.parse(argc, argv);
+    if (!given.config && is_for_the_service(options, given)) given.config = kServiceFile;
     if (given.config) file.read(*given.config, app);
     convert(options, given);
     return options;

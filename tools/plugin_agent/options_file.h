@@ -2,14 +2,30 @@
 #define TOOLS_PLUGIN_AGENT_OPTIONS_FILE_H_
 
 #include <CLI/CLI.hpp>
+#include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <map>
 #include <string>
+
+#include "common/number_option.h"
 
 namespace vexo::tools {
 
 // The type name of the options that take a number; the file must not hold a string for them.
 inline constexpr char kSeconds[] = "SECONDS";
+
+// Adds an option that takes seconds, and sets `time`.
+inline void add_seconds(CLI::App& app, const std::string& name, std::chrono::milliseconds& time,
+                        double least, double most, const std::string& description) {
+  const auto set = [&time](double seconds) {
+    time = std::chrono::milliseconds(std::llround(seconds * 1000));
+  };
+  app.add_option_function<double>(name, set, description)
+      ->check(number_between(least, most))
+      ->type_name(kSeconds)
+      ->default_str(std::to_string(time.count() / 1000));
+}
 
 // The TOML file of --config: options by their long names without the dashes.
 class options_file {

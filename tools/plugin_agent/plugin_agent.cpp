@@ -15,14 +15,19 @@
 #include <vector>
 
 #include "common/channel.h"
+#include "common/errors.h"
 #include "common/exit_codes.h"
 #include "common/interrupt.h"
 #include "plugin_agent/agent.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
+#include "plugin_agent/hooks.h"
 #include "plugin_agent/options.h"
+#include "plugin_agent/status_socket.h"
+#include "plugin_agent/verbs.h"
 #include "plugin_agent/withdrawal.h"
 #include "plugin_freezer/file_system.h"
+#include "plugin_freezer/run_directory.h"
 #include "plugin_freezer/survival.h"
 
 namespace vexo::tools {
@@ -45,6 +50,7 @@ namespace {
 }
 
 exit_code run(const agent_options& options, interrupt& stop) {
+  if (options.verb) return options.verb(options, stop);
   if (options.verbose) agent_log().set_level(spdlog::level::debug);
   if (!options.withdraw.empty()) {
     const auto daemon =
@@ -58,10 +64,27 @@ exit_code run(const agent_options& options, interrupt& stop) {
     std::vector<std::string> remarks;
     open_file_systems(options.mount_points, &remarks);
     for (const auto& remark : remarks) agent_log().warn("--fs {}", printable(remark));
+    if (!options.hooks_dir.empty()) {
+      for (const auto& refusal : refusals(list_hooks(options.hooks_dir))) {
+        if (options.tolerates_refused_hooks) {
+          agent_log().warn("{}", printable(refusal));
+        } else {
+          agent_log().error("{}; until that is changed every snapshot fails", printable(refusal));
+        }
+      }
+    }
   }
   // Never ended: gRPC's shutdown would wait for threads that it could not start.
   grpc_init();
-  agent(options).run(stop);
+  agent serving(options);
+  std::optional<status_socket> status;
+  try {
+    make_run_directory(options.run_dir);
+    status.emplace(options.run_dir, [&serving] { return serving.status(); });
+  } catch (const std::runtime_error& error) {
+    agent_log().warn("\"plugin_agent status\" finds no agent: {}", printable(error.what()));
+  }
+  serving.run(stop);
   return exit_code::done;
 }
 
@@ -84,6 +107,9 @@ int main(int argc, char** argv) {
       end = run(*options, stop);
     }
     return static_cast<int>(end);
+  } catch (const tool_error& error) {
+    say(error.text);
+    return static_cast<int>(error.code);
   } catch (const std::exception& error) {
     agent_log().critical("{}", printable(error.what()));
     return static_cast<int>(exit_code::failed);

@@ -107,6 +107,12 @@ milliseconds quiesce::frozen_for() {
   return frozen_for_;
 }
 
+milliseconds quiesce::freeze_took() {
+  const std::lock_guard lock(mutex_);
+  if (!frozen_ || !begun_) return {};
+  return std::chrono::ceil<milliseconds>(frozen_at_ - begun_at_);
+}
+
 std::vector<hook_run> quiesce::runs() {
   const std::lock_guard lock(mutex_);
   return runs_;

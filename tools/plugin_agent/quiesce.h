@@ -70,6 +70,8 @@ class quiesce {
   clock::time_point since();
   // These after end(). From the first step of the freeze to the last of the thaw.
   std::chrono::milliseconds frozen_for();
+  // Of that, until everything was frozen; 0 when it never was.
+  std::chrono::milliseconds freeze_took();
   std::vector<hook_run> runs();
   // The names of the others that have been members.
   std::vector<std::string> others(const std::string& who);

@@ -10,6 +10,7 @@
 #include "common/subscribe_call.h"
 #include "plugin_agent/appliance.h"
 #include "plugin_agent/backoff.h"
+#include "plugin_agent/subscription_state.h"
 #include "plugin_cmd.pb.h"
 
 namespace vexo::tools {
@@ -25,14 +26,25 @@ class subscription {
   // begins it without blocking, so that several subscriptions do it at the same time.
   ~subscription();
   void begin_to_leave() { stop_.raise(); }
+  const appliance& where() const { return *appliance_; }
+  const subscription_state& state() const { return state_; }
   subscription(const subscription&) = delete;
   subscription& operator=(const subscription&) = delete;
 
  private:
+  struct attempt {
+    std::string text;  // what there is to say about its end
+    backoff::ending how = backoff::ending::unreachable;
+    std::chrono::milliseconds held{};
+  };
+
   void run();
-  // Subscribes, and returns when that is over, with what there is to say about it.
-  std::string subscribe_once();
-  // Says in the log whether the daemon lists this host. False when it never will.
+  // Subscribes, and returns when that is over.
+  attempt subscribe_once();
+  // Says how it ended, but the same thing only once a minute.
+  void report(const attempt& ended, std::chrono::milliseconds wait);
+  // Says in the log whether the daemon lists this host. False when it never will. Blocks for up to
+  // a minute when the host has come back.
   bool confirm(subscribe_call& call);
   void leave(subscribe_call& call);
   // Blocks for `time`; true, at once, when the agent leaves.
@@ -42,6 +54,10 @@ class subscription {
   const scsiplugin::PluginClient self_;
   const subscribe_call::on_command receive_;
   backoff backoff_;
+  subscription_state state_;
+  bool comes_back_ = false;  // perhaps with all the other hosts
+  std::string reported_;
+  std::chrono::steady_clock::time_point reported_at_;
   event stop_;
   std::thread thread_;
 };

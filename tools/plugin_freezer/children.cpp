@@ -192,6 +192,7 @@ void children::watch(const std::vector<process>& others) {
 }
 
 std::vector<process> children::lingering() {
+  if (watched_.empty()) return {};  // a look at all processes takes milliseconds
   const auto running = running_processes();
   // It, or what it has started or that is in its group: never older than it is. A number is not
   // given to another process while a group has it.

@@ -33,6 +33,9 @@ constexpr milliseconds kTurnLook{50};
 // How long after its deadline another freezer counts as hanging, and how long it may take to begin
 // a thaw after SIGTERM.
 constexpr milliseconds kPatience{1000};
+// How long after SIGTERM the file systems are thawed beside a freezer that has not given its turn
+// back: when it has begun to thaw in time, its members' commands are over by then.
+constexpr milliseconds kOwnThaw = kPatience + kCommandTime + milliseconds(200);
 
 // False when something may still be frozen.
 bool thaw_what_was_left(outside& world, turn& right, milliseconds hook_timeout) {
@@ -72,7 +75,7 @@ class other_freezer {
     const auto until = is_to_react ? since_ : from_ms(record->until());
     const auto left = std::chrono::ceil<milliseconds>(until + kPatience - steady_clock::now());
     if (left.count() > 0) {
-      if (!is_to_react)
+      if (!is_emergency_)
         say(pid, "has this host at rest; waiting for at most " + seconds_text(left));
     } else if (std::exchange(killed_, pid) != pid) {
       world_.report.warn("freezer " + std::to_string(pid) + " hangs; it is killed");
@@ -114,6 +117,30 @@ bool take_turn(outside& world, turn& right, bool to_freeze) {
   }
 }
 
+// The same hooks may have applications at rest for another snapshot: so this has to have the turn.
+void undo_prepare(outside& world, FreezerPlan plan, int begun) {
+  turn right(plan.run_dir());
+  other_freezer other(world, right, false);
+  while (!right.try_take()) {
+    other.is_worth_waiting();
+    world.wait(steady_clock::now() + kTurnLook);
+  }
+  thaw_what_was_left(world, right, milliseconds(0));
+  plan.clear_mount_points();
+  plan.mutable_hooks()->DeleteSubrange(begun, plan.hooks_size() - begun);
+  rest(world, right, plan).undo_prepare();
+}
+
+void prepare(outside& world, const FreezerPlan& plan) {
+  const int begun = run_prepare_hooks(world, plan);
+  while (world.requests.empty() && !world.agent_gone && !world.terminated) {
+    world.wait(steady_clock::time_point::max());
+  }
+  if (world.requests.empty() || !world.requests.front().has_leave()) {
+    undo_prepare(world, plan, begun);
+  }
+}
+
 void serve(outside& world) {
   while (world.requests.empty()) {
     if (world.agent_gone) return;
@@ -121,7 +148,8 @@ void serve(outside& world) {
   }
   const FreezerRequest request = std::move(world.requests.front());
   world.requests.pop_front();
-  if (request.has_prepare()) return run_prepare_hooks(world, request.prepare());
+  if (request.has_prepare()) return prepare(world, request.prepare());
+  if (request.has_undo()) return undo_prepare(world, request.undo(), request.undo().hooks_size());
   if (!request.has_begin() && !request.has_recover()) return;
   const FreezerPlan& plan = request.has_begin() ? request.begin() : request.recover();
   turn right(plan.run_dir());
@@ -138,24 +166,57 @@ void serve(outside& world) {
   if (request.has_begin()) rest(world, right, plan).run();
 }
 
+// As in " /srv/db, what hook 10-a has frozen".
+std::string frozen_text(const std::optional<RestRecord>& record) {
+  if (!record) return "; it has frozen nothing yet";
+  std::string text;
+  for (const auto& one : record->file_systems()) text += ", " + one.mount_point();
+  for (int i = 0; i < std::min(record->hooks_started(), record->plan().hooks_size()); ++i) {
+    text += ", what hook " + record->plan().hooks(i).name() + " has frozen";
+  }
+  return text.empty() ? text : text.substr(1);
+}
+
+// Has another freezer thaw, which then gives its turn back; kills it when it hangs. False, with
+// the reason in the report, when the turn cannot be had.
+bool take_turn_from_other(outside& world, turn& right) {
+  const auto told = steady_clock::now();
+  const pid_t pid = right.holder();
+  if (pid > 1) {
+    world.report.warn("freezer " + std::to_string(pid) + " is told to thaw" +
+                      frozen_text(right.record()));
+    kill(pid, SIGTERM);
+    kill(pid, SIGCONT);
+  }
+  other_freezer other(world, right, true);
+  for (bool is_helped = false; !right.try_take();) {
+    if (!other.is_worth_waiting()) return false;
+    world.wait(steady_clock::now() + kTurnLook);
+    if (is_helped || steady_clock::now() < told + kOwnThaw) continue;
+    is_helped = true;
+    if (auto record = right.record()) rest(world, right, std::move(*record)).thaw_file_systems();
+    if (right.holder() <= 1 && !right.try_take()) {
+      world.report.error(
+          "a process that is not to be seen from here, as in another container, has this host at "
+          "rest; run this where it runs");
+      return false;
+    }
+  }
+  return true;
+}
+
 // Whatever another freezer is doing. False when something may still be frozen.
 bool thaw_now(outside& world, const std::string& run_dir, milliseconds hook_timeout) {
   turn right(run_dir);
-  if (!right.try_take()) {
-    if (const pid_t other = right.holder(); other > 1) {
-      kill(other, SIGTERM);
-      kill(other, SIGCONT);
-    }
-    if (auto record = right.record()) {
-      rest(world, right, std::move(*record)).thaw_file_systems();
-    }
-    other_freezer other(world, right, true);
-    while (!right.try_take()) {
-      if (!other.is_worth_waiting()) return false;
-      world.wait(steady_clock::now() + kTurnLook);
-    }
+  const bool is_idle = right.try_take();
+  if (is_idle && !right.record()) {
+    world.report.warn("nothing to do: nothing is on record as frozen in " + run_dir);
+    return true;
   }
-  return thaw_what_was_left(world, right, hook_timeout);
+  if (!is_idle && !take_turn_from_other(world, right)) return false;
+  if (!thaw_what_was_left(world, right, hook_timeout)) return false;
+  world.report.warn("everything is thawed");
+  return true;
 }
 
 exit_code run(int argc, char** argv) {

@@ -40,20 +40,26 @@ std::string seconds_text(milliseconds time) {
   return text.str();
 }
 
-void run_prepare_hooks(outside& world, const FreezerPlan& plan) {
+int run_prepare_hooks(outside& world, const FreezerPlan& plan) {
   const auto environment = environment_of(plan);
+  int begun = 0;
   for (const auto& hook : plan.hooks()) {
     child& run = world.programs.start({hook.path(), "prepare"}, environment,
                                       milliseconds(plan.hook_timeout_ms()));
+    ++begun;
     while (!run.ended() && !run.killed) {
       world.wait(child::clock::time_point::max());
-      if (world.agent_gone || world.terminated) return world.programs.kill(run);
+      if (world.agent_gone || world.terminated || !world.requests.empty()) {
+        world.programs.kill(run);
+        return begun;
+      }
     }
     FreezerReport report;
     *report.mutable_hook() = report_of(hook, "prepare", run);
     world.report.send(report);
-    if (!run.succeeded()) return;
+    if (!run.succeeded()) break;
   }
+  return begun;
 }
 
 rest::rest(outside& world, turn& right, const FreezerPlan& plan)

@@ -28,6 +28,8 @@ class rest {
 
   // The whole of the first kind. Returns when everything is undone.
   void run();
+  // Of the first kind, without any rest: only `thaw` of its hooks, after their `prepare`.
+  void undo_prepare();
   // The whole of the second kind. False when something may still be frozen.
   bool recover();
   // Of the second kind, whoever has the turn: only the file systems, and nothing is written down.
@@ -105,8 +107,9 @@ inline constexpr std::chrono::milliseconds kCommandTime{1000};
 // As in "1.5 s".
 std::string seconds_text(std::chrono::milliseconds time);
 
-// The `prepare` hooks, one after the other, until one fails or the agent has gone.
-void run_prepare_hooks(outside& world, const FreezerPlan& plan);
+// The `prepare` hooks, one after the other, until one fails or the agent wants no more. How many
+// were begun.
+int run_prepare_hooks(outside& world, const FreezerPlan& plan);
 
 }  // namespace vexo::tools
 

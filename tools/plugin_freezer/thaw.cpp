@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <numeric>
 #include <system_error>
 #include <utility>
 
@@ -26,7 +27,7 @@ constexpr milliseconds kLongestRest{60000};
 
 void rest::thaw(bool asked) {
   const milliseconds hook_timeout(record_.plan().hook_timeout_ms());
-  const auto hooks_time = record_.hooks_started() * kHookTurn + hook_timeout;
+  const auto hooks_time = record_.plan().hooks_size() * kHookTurn + hook_timeout;
   const auto until = clock::now() + kCommandTime + kThawTime + kDyingTime + 2 * hooks_time;
   record_.set_phase(RestRecord::THAWING);
   record_.set_until(to_ms(until));
@@ -56,10 +57,10 @@ void rest::thaw(bool asked) {
   is_late_ = !world_.programs.lingering().empty();
   if (was_dying && !is_late_) thaw_again();
 
-  std::vector<int> started;
-  started.reserve(record_.plan().hooks_size());
-  for (int i = 0; i < record_.hooks_started(); ++i) started.push_back(i);
-  const auto failed = thaw_hooks(started);
+  // Also of those that were not to freeze yet: their `prepare` is undone by it.
+  std::vector<int> all(record_.plan().hooks_size());
+  std::iota(all.begin(), all.end(), 0);
+  const auto failed = thaw_hooks(all);
   if (!failed.empty()) {
     world_.report.error("a thaw hook failed; it is run once more");
     if (!thaw_hooks(failed).empty() && is_ours_) certain_ = false;
@@ -79,6 +80,12 @@ void rest::thaw(bool asked) {
   if (certain_) turn_.remove_record();
   turn_.give_back();
   tell_thawed();
+}
+
+void rest::undo_prepare() {
+  record_.set_begun(to_ms(clock::now()));
+  record_.set_hooks_started(record_.plan().hooks_size());
+  thaw(true);
 }
 
 bool rest::recover() {

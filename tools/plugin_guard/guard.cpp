@@ -11,12 +11,12 @@
 #include <utility>
 
 #include "common/call.h"
+#include "common/connection.h"
 #include "common/daemon_log.h"
 #include "common/metrics.h"
 #include "common/text.h"
 #include "plugin_guard/daemon_evidence.h"
 #include "plugin_guard/daemon_process.h"
-#include "plugin_guard/local_socket.h"
 #include "plugin_guard/status.h"
 
 namespace vexo::tools {

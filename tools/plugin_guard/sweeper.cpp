@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "common/channel.h"
+#include "common/connection.h"
 #include "common/errors.h"
 #include "common/text.h"
 #include "plugin_guard/daemon_process.h"
-#include "plugin_guard/local_socket.h"
 
 namespace vexo::tools {
 

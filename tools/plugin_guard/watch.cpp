@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "common/connection.h"
 #include "plugin_guard/daemon_sockets.h"
-#include "plugin_guard/local_socket.h"
 
 namespace vexo::tools {
 

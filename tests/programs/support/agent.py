@@ -1,5 +1,6 @@
 # The reference host agent, and hooks for it.
 
+import contextlib
 import json
 import pathlib
 import signal
@@ -43,19 +44,18 @@ class Agent(Program):
         assert self.wait() == 0, self.err
 
     def freezer(self):
-        """The process id of its freezer, waiting for it."""
+        """The process id of its freezer, the last that it has started, waiting for it."""
         return wait_until(self.find_freezer)
 
     def find_freezer(self):
         """The same, or None while there is none."""
-        try:
-            for children in pathlib.Path(f"/proc/{self.pid}/task").glob("*/children"):
+        found = []
+        for children in pathlib.Path(f"/proc/{self.pid}/task").glob("*/children"):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
                 for child in children.read_text().split():
                     if pathlib.Path(f"/proc/{child}/comm").read_text() == "plugin_freezer\n":
-                        return int(child)
-        except (FileNotFoundError, ProcessLookupError):
-            pass
-        return None
+                        found.append(int(child))
+        return max(found, default=None)
 
 
 def go_to(step, call, hooks):

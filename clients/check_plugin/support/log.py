@@ -4,10 +4,13 @@ import os
 import re
 import select
 import socket
+import struct
 import threading
 from typing import NamedTuple
 
 from support.waiting import wait_until
+
+_SO_TIMESTAMP = 29  # of Linux; the socket module has no name for it
 
 
 class Line(NamedTuple):
@@ -20,12 +23,17 @@ class Line(NamedTuple):
 class Log:
     """Whatever is sent to /dev/log."""
 
+    opened = []  # all of this process
+
     def __init__(self):
+        Log.opened.append(self)
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMP, 1)
         self._socket.bind("/dev/log")
         os.chmod("/dev/log", 0o666)
         self._reading = threading.Lock()
-        self._lines = []  # under _reading
+        self._lines = []  # under _reading, like _times
+        self._times = []
         threading.Thread(target=self._read_on, daemon=True).start()
 
     def lines(self):
@@ -34,6 +42,12 @@ class Log:
             self._read_what_came()
             return list(self._lines)
 
+    def timed(self):
+        """All lines so far, each with the time at which it was sent, in seconds."""
+        with self._reading:
+            self._read_what_came()
+            return list(zip(self._times, self._lines))
+
     def count(self, part):
         return sum(part in line.text for line in self.lines())
 
@@ -41,6 +55,7 @@ class Log:
         with self._reading:
             self._read_what_came()
             self._lines.clear()
+            self._times.clear()
 
     def wait_for(self, part):
         """The first line with `part` in it."""
@@ -59,7 +74,10 @@ class Log:
     def _read_what_came(self):
         try:
             while True:
-                self._lines.append(_parse(self._socket.recv(1 << 18, socket.MSG_DONTWAIT)))
+                datagram, control, _, _ = self._socket.recvmsg(1 << 18, 64, socket.MSG_DONTWAIT)
+                seconds, microseconds = struct.unpack("@ll", control[0][2])
+                self._times.append(seconds + microseconds / 1e6)
+                self._lines.append(_parse(datagram))
         except BlockingIOError:
             pass
 

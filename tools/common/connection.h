@@ -1,5 +1,5 @@
-#ifndef TOOLS_PLUGIN_GUARD_LOCAL_SOCKET_H_
-#define TOOLS_PLUGIN_GUARD_LOCAL_SOCKET_H_
+#ifndef TOOLS_COMMON_CONNECTION_H_
+#define TOOLS_COMMON_CONNECTION_H_
 
 #include <grpcpp/grpcpp.h>
 
@@ -15,9 +15,15 @@ namespace vexo::tools {
 // when that failed at once: EAGAIN when the unix socket's queue of connections to accept is full.
 unique_fd begin_connection(const endpoint& where);
 
-// A channel that uses this connection only and never connects again. Takes lists of any length.
+// Has the kernel end this TCP connection when the other side has been silent for 25 s, whether or
+// not something was sent to it: an appliance without power closes nothing. The daemon sees none of
+// this, whereas it punishes pings of gRPC that come more often than every 300 s.
+void notice_silence(int connection);
+
+// A channel that uses this connection only and never connects again, nor pings. Takes lists of any
+// length.
 std::shared_ptr<grpc::Channel> make_channel(unique_fd connection);
 
 }  // namespace vexo::tools
 
-#endif  // TOOLS_PLUGIN_GUARD_LOCAL_SOCKET_H_
+#endif  // TOOLS_COMMON_CONNECTION_H_

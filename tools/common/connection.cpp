@@ -1,8 +1,9 @@
-#include "plugin_guard/local_socket.h"
+#include "common/connection.h"
 
 #include <arpa/inet.h>
 #include <grpcpp/create_channel_posix.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -24,6 +25,11 @@ unique_fd connect_to(int family, const void* address, socklen_t size) {
   fd.reset();
   errno = why;
   return fd;
+}
+
+// A kernel that does not know the option does without.
+void set_tcp_option(int connection, int option, int value) {
+  setsockopt(connection, IPPROTO_TCP, option, &value, sizeof value);
 }
 
 }  // namespace
@@ -48,13 +54,29 @@ unique_fd begin_connection(const endpoint& where) {
     errno = EAFNOSUPPORT;
     return {};
   }
-  return connect_to(AF_INET, &address, sizeof address);
+  unique_fd connection = connect_to(AF_INET, &address, sizeof address);
+  // Requests are small, and must not wait for the answer to the one before.
+  if (connection) set_tcp_option(connection.get(), TCP_NODELAY, 1);
+  return connection;
+}
+
+void notice_silence(int connection) {
+  constexpr int kIdle = 10;  // seconds
+  constexpr int kInterval = 5;
+  constexpr int kProbes = 3;
+  const int on = 1;
+  setsockopt(connection, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  set_tcp_option(connection, TCP_KEEPIDLE, kIdle);
+  set_tcp_option(connection, TCP_KEEPINTVL, kInterval);
+  set_tcp_option(connection, TCP_KEEPCNT, kProbes);
+  // There are no probes while data is unacknowledged, which is sent again for a quarter of an hour.
+  set_tcp_option(connection, TCP_USER_TIMEOUT, (kIdle + kProbes * kInterval) * 1000);
 }
 
 std::shared_ptr<grpc::Channel> make_channel(unique_fd connection) {
   grpc::ChannelArguments arguments;
   arguments.SetMaxReceiveMessageSize(-1);  // a thousand hosts with long names
-  return grpc::CreateCustomInsecureChannelFromFd("guard", connection.release(), arguments);
+  return grpc::CreateCustomInsecureChannelFromFd("daemon", connection.release(), arguments);
 }
 
 }  // namespace vexo::tools

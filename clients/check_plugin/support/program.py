@@ -22,17 +22,18 @@ SLACK = 3 if SANITIZED else 1  # seconds that a limit may be missed by: what is 
 class Program:
     """One that runs beside the test; ended, by its pid, at the end of the test at the latest.
 
-    `environment` is added to the test's own. What it prints is in `out` and `err`.
+    `environment` is added to the test's own. What it prints is in `out` and `err`. `group`: in a
+    process group of its own, which signal_group() reaches.
     """
 
     started = []  # all of this test
 
-    def __init__(self, *command, environment=None, stdout=None, stdin=subprocess.DEVNULL):
+    def __init__(self, *command, environment=None, stdout=None, stdin=subprocess.DEVNULL, group=False):
         self._out, self._err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
         self.command = [str(word) for word in command]
         self._process = subprocess.Popen(
             self.command, stdin=stdin, stdout=stdout or self._out, stderr=self._err,
-            env={**os.environ, **(environment or {})})
+            env={**os.environ, **(environment or {})}, start_new_session=group)
         Program.started.append(self)
 
     @property
@@ -72,6 +73,12 @@ class Program:
 
     def signal(self, number):
         self._process.send_signal(number)
+
+    def signal_group(self, number):
+        try:
+            os.killpg(self.pid, number)
+        except ProcessLookupError:
+            pass  # all have ended
 
     def stop(self):
         """SIGSTOP; it has stopped when this returns."""

@@ -1,0 +1,180 @@
+"""Tries a host plugin: starts it beside a daemon in a sandbox, plays the appliance, and says line by
+line what it got right.
+
+COMMAND is started several times, side by side, each time in namespaces of its own: with a network that
+has the appliance only, and private /tmp and /run. In its words {appliance} is replaced by the
+appliance's address as HOST:PORT, {lun} by the page-80h identifier of the LUN whose snapshots it is to
+take part in, and {lun2} by that of a second one. The environment has them as VEXO_APPLIANCE, VEXO_LUN
+and VEXO_LUN2. It must go on until SIGTERM, which is sent to its whole process group.
+"""
+import argparse
+import json
+import os
+import pathlib
+import shutil
+import sys
+import time
+
+LUN, SECOND_LUN = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6", "5f0c7a52-91d4-4c1e-8a37-0b6de2f94a10"
+OK, FAILED, USAGE, NOT_TRIED = 0, 1, 2, 3  # exit codes; argparse has the third
+FAILURE = "FAILED"
+EXAMPLE = """exit codes: 0 all is well, 1 something has failed, 2 usage, 3 could not be tried
+
+example:
+  scripts/check-plugin -- env PYTHONPATH=clients/python \\
+    examples/python/host_plugin.py me {lun} {appliance}
+"""
+
+
+def seconds(text):
+    if not 0 < (value := float(text)) < 3600:
+        raise argparse.ArgumentTypeError("must be more than 0 and less than 3600")
+    return value
+
+
+def parse(arguments):
+    parser = argparse.ArgumentParser(
+        prog="scripts/check-plugin", description=__doc__, epilog=EXAMPLE, allow_abbrev=False,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+        usage="scripts/check-plugin [OPTION...] -- COMMAND [WORD...]")
+    parser.add_argument("--lun", action="append", metavar="ID",
+                        help="the LUN that COMMAND takes part for, if it is set elsewhere than by {lun}; "
+                             "twice for a second one")
+    parser.add_argument("-o", "--output", choices=("table", "json"), default="table", help="(table)")
+    parser.add_argument("--only", metavar="CHECK,...", help="these checks, and those tried along with them")
+    parser.add_argument("--at-rest", metavar="COMMAND",
+                        help="shell command that exits with 0 while the host is at rest")
+    parser.add_argument("--patience", type=seconds, default=60, metavar="SECONDS",
+                        help="for each answer of the plugin (60, as the daemon waits)")
+    parser.add_argument("--split", type=seconds, default=35, metavar="SECONDS",
+                        help="of the long split (35): longer than the plugin stays at rest, if it has a limit")
+    parser.add_argument("--idle", type=seconds, default=33, metavar="SECONDS",
+                        help="in which keepalive pings are looked for (33); 310 would find all")
+    parser.add_argument("--logs", metavar="DIRECTORY",
+                        help="leave there what the plugin printed and the daemon logged")
+    options, dashes, command = (arguments, [], []) if "--" not in arguments else (
+        arguments[:arguments.index("--")], ["--"], arguments[arguments.index("--") + 1:])
+    settings = parser.parse_args(options)
+    if not dashes or not command:
+        parser.error("say after -- which COMMAND starts the plugin")
+    if not shutil.which(command[0]):
+        parser.error(f"{command[0]}: no such program")
+    settings.command = command
+    settings.two_luns = len(settings.lun or ()) > 1 or any("{lun2}" in word for word in command)
+    settings.lun = [*(settings.lun or [LUN]), SECOND_LUN][:2]
+
+    # Only now, since they need gRPC, and --help does not.
+    sys.path.insert(0, os.environ["SCSI_PLUGIN_BUILD"] + "/tests/python")
+    from checks import TRIALS
+    known = [name for checks in TRIALS.values() for name in checks]
+    wanted = settings.only.split(",") if settings.only else known
+    for name in wanted:
+        if name not in known:
+            parser.error(f"no check {name}; there are {', '.join(known)}")
+    settings.trials = {function: checks for function, checks in TRIALS.items() if set(checks) & set(wanted)}
+    return settings
+
+
+def kept_folders(settings):
+    """Where the kit is, and where COMMAND and its files may be: a private /tmp does not hide those."""
+    from support.program import BUILD, SOURCE
+    folders = [pathlib.Path.cwd(), SOURCE, BUILD]
+    for word in settings.command:
+        path = pathlib.Path(word.rpartition("=")[2]).absolute()
+        if path.exists():
+            folders.append(path if path.is_dir() else path.parent)
+    return [each for each in folders if each != pathlib.Path("/tmp")]
+
+
+def try_one(function, settings, pipe):
+    """In a process of its own. Writes a line of JSON for each verdict."""
+    from appliance import Missed
+    from checks import Verdicts
+    from support import namespaces
+
+    def say(*verdict):
+        os.write(pipe, json.dumps(verdict).encode() + b"\n")
+
+    namespaces.end_with_parent()
+    verdicts = Verdicts(settings.trials[function], say)
+    try:
+        namespaces.enter(kept_folders(settings))
+    except OSError as error:
+        say(None, None, f"no namespaces to be had: {error}; be root, or let users make them "
+                        "(sysctl kernel.unprivileged_userns_clone)")
+        return NOT_TRIED
+    logs = settings.logs and open(pathlib.Path(settings.logs) / f"{function.__name__}.log", "w",
+                                  encoding="utf-8")
+    try:
+        function(settings, verdicts)
+        verdicts.end("not tried after what has failed before")
+    except Missed as missed:
+        verdicts.end(str(missed), "missed")
+    finally:
+        if logs:
+            write_logs(logs)
+    return OK
+
+
+def write_logs(file):
+    from support.log import Log
+    from support.program import Program
+    for program in Program.started:
+        print(f"--- {' '.join(program.command)}\n{program.out}{program.err}", file=file)
+    print("--- the system's log", file=file)
+    for log in Log.opened:
+        for when, line in log.timed():
+            print(f"{time.strftime('%T', time.localtime(when))}.{int(when % 1 * 1000):03} {line.text}",
+                  file=file)
+    file.close()
+
+
+def try_all(settings):
+    """All verdicts and sentences, by name."""
+    from support import namespaces
+    begun = []
+    for function in settings.trials:
+        reading, writing = os.pipe()
+        begun.append((function, reading, namespaces.fork(
+            lambda: namespaces.keep(lambda: try_one(function, settings, writing)))))
+        os.close(writing)
+    results = {}
+    for function, reading, process in begun:
+        with open(reading, encoding="utf-8") as lines:
+            for name, verdict, text in map(json.loads, lines):
+                if name is None:
+                    print(f"scripts/check-plugin: {text}", file=sys.stderr)
+                    sys.exit(NOT_TRIED)
+                results[name] = verdict, text
+        os.waitpid(process, 0)
+        for name in settings.trials[function]:
+            if name not in results:
+                print("scripts/check-plugin: the kit has failed, see above", file=sys.stderr)
+                sys.exit(NOT_TRIED)
+    # A plugin that cannot do the basic things has failed in one place, not everywhere.
+    has_failed = any(verdict == FAILURE for verdict, _ in results.values())
+    return {name: ("skipped" if has_failed else FAILURE, text) if verdict == "missed" else (verdict, text)
+            for name, (verdict, text) in results.items()}
+
+
+def main():
+    settings = parse(sys.argv[1:])
+    if settings.logs:
+        pathlib.Path(settings.logs).mkdir(parents=True, exist_ok=True)
+    print("scripts/check-plugin: this takes about a minute", file=sys.stderr)
+    results = try_all(settings)
+    about = {name: text for checks in settings.trials.values() for name, text in checks.items()}
+    failed = [name for name in about if results[name][0] == FAILURE]
+    if settings.output == "json":
+        print(json.dumps({"passed": not failed, "checks": [
+            {"name": name, "about": about[name], "verdict": results[name][0], "text": results[name][1]}
+            for name in about]}, indent=2))
+    else:
+        for name, title in about.items():
+            print(f"{results[name][0]:8} {name:17} {title}: {results[name][1]}")
+        print(f"\n{len(failed)} of {len(about)} failed" if failed else "\nall is well")
+    return FAILED if failed else OK
+
+
+if __name__ == "__main__":
+    sys.exit(main())

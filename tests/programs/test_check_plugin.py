@@ -1,0 +1,78 @@
+# The kit that tries host plugins, on plugins that are right, and on one that is wrong in many ways.
+
+import json
+import os
+import pathlib
+import sys
+
+import pytest
+
+from support.program import PLUGIN_AGENT, SANITIZED, SOURCE, run
+
+pytestmark = pytest.mark.skipif(SANITIZED, reason="it is the plugins that are tried, not the daemon")
+
+PYTHON = ["env", f"PYTHONPATH={SOURCE}/clients/python", sys.executable, "-B"]
+WRONG = [*PYTHON, SOURCE / "tests/programs/wrong_plugin.py"]
+LONGER = ("--split", "9", "--idle", "5")  # than the plugin in question needs
+AT_REST = ("--at-rest", "test -e /tmp/at_rest")
+HOOK = "#!/bin/sh\ncase $1 in freeze) touch /tmp/at_rest ;; thaw) rm -f /tmp/at_rest ;; esac\n"
+
+
+def check_plugin(*words):
+    """What scripts/check-plugin does when everything is built: its exit code, the checks that failed, with
+    what it says about them, and those that were skipped."""
+    said = run(sys.executable, "-B", SOURCE / "clients/check_plugin", "-o", "json", *words, patience=200)
+    assert said.out, said.err
+    checks = json.loads(said.out)["checks"]
+    return (said.status, {each["name"]: each["text"] for each in checks if each["verdict"] == "FAILED"},
+            {each["name"] for each in checks if each["verdict"] == "skipped"})
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("plugin", ["python", "node", "agent", "none"])
+def test_plugins_that_are_right_pass(plugin):
+    if plugin == "node" and os.system(f"node {SOURCE}/examples/node/service.js 2>/dev/null") != 0:
+        pytest.skip("no Node with gRPC: scripts/setup --interop installs it")
+    hook = pathlib.Path("/tmp/hooks/10-a")
+    hook.parent.mkdir()
+    hook.write_text(HOOK)
+    hook.chmod(0o755)
+    options, command, skipped = {
+        "python": ((), [*PYTHON, SOURCE / "examples/python/host_plugin.py", "me", "{lun}", "{appliance}"],
+                   {"at_rest", "thaws", "two_luns"}),
+        "node": ((), ["node", SOURCE / "examples/node/host_plugin.js", "me", "{lun}", "{appliance}"],
+                 {"at_rest", "thaws", "two_luns"}),
+        "agent": (AT_REST, [PLUGIN_AGENT, "--appliance", "{appliance}", "--lun", "{lun}", "--lun", "{lun2}",
+                            "--hooks", hook.parent, "--max-mirror", "12"], set()),
+        "none": ((*AT_REST, *LONGER), [*WRONG, "none", "{lun}", "{appliance}"], {"two_luns"}),
+    }[plugin]
+    assert check_plugin(*options, "--", *command) == (0, {}, skipped)
+
+
+@pytest.mark.parametrize("fault, failed", [
+    ("comes by IPv6", "ipv4"),
+    ("never answers", "answers"),
+    ("starts the mirror again and again", "start_once departs"),
+    ("asks at once", "first_question"),
+    ("asks about the mirror all the time", "mirror_questions"),
+    ("departs before the mirror is done", "departs"),
+    ("freezes after it has departed", "at_rest"),
+    ("asks about the split all the time", "depart_questions"),
+    ("waits to be told the end", "notices_end thaws again"),
+    ("never thaws", "thaws"),
+    ("takes part for every LUN", "other_lun"),
+    ("ends without unsubscribing", "unsubscribes"),
+    ("never withdraws", "long_split"),
+    ("goes on after a no", "withdrawn"),
+    ("keeps to its first handshake", "superseded"),
+    ("never gives up", "gives_up"),
+    ("ends with its stream", "restart"),
+    ("ends on a timeout", "stopped"),
+    ("pings every second", "keepalive"),
+    ("forgets its promise at SIGTERM", "sigterm_at_rest")])
+def test_each_fault_is_found(fault, failed):
+    """With the trial that finds it the whole handshake is tried, in which nothing else must fail."""
+    status, found, _ = check_plugin("--patience", "10", *AT_REST, *LONGER, "--only",
+                                    ",".join(["answers", *failed.split()]), "--",
+                                    *WRONG, fault, "{lun}", "{appliance}")
+    assert (status, set(found)) == (1, set(failed.split())), found

@@ -1,0 +1,105 @@
+#!/usr/bin/python3
+"""A host plugin that is right, or wrong in the one way that its first argument names.
+
+usage: wrong_plugin.py FAULT LUN APPLIANCE
+"""
+import os
+import pathlib
+import sys
+import threading
+
+from scsi_plugin import Answer, GivenUp, HostPlugin, Limits, daemon, handshake, plugin
+
+AT_REST = pathlib.Path("/tmp/at_rest")
+LIMITS = {"never withdraws": Limits(rest=4.5, hold=1)}
+
+
+class Plugin(HostPlugin):
+    def freeze(self, snapshot):
+        AT_REST.touch()
+
+    def thaw(self, snapshot):
+        AT_REST.unlink(missing_ok=True)
+
+
+def refuse(*_):
+    raise GivenUp("never")
+
+
+def ask_or_end(self, method, request, timeout):
+    answer = ask_daemon(self, method, request, timeout)
+    return os._exit(1) if answer is Answer.NONE else answer
+
+
+def start_before_asking(self, request, timeout=5):
+    if request == "is_mirror_done_req":
+        ask(self, "start_mirror_req")
+    return ask(self, request, timeout)
+
+
+def start_and_ask(self):
+    threading.Thread(target=ask, args=(self, "is_mirror_done_req")).start()
+    start_mirror(self)
+
+
+def wait_to_be_told(self, deadline):
+    if not self._departed or not hasattr(self, "told"):
+        self.told = True
+        return stands(self, deadline)
+    self._give_up.wait()
+    return refuse()
+
+
+def begin_if_idle(self, announced):
+    before = self._handshakes.get(announced.src_lun_p80)
+    if before is None or not before[1].is_alive():
+        begin(self, announced)
+
+
+def unsubscribe_and_end(self, at_once):
+    self._daemon.unsubscribe(self._client)
+    os._exit(0)
+
+
+class Everything:
+    def __contains__(self, lun):
+        return True
+
+
+Handshake, Subscription, Daemon = handshake.Handshake, plugin._Subscription, daemon.Daemon
+ask_daemon, ask, stands = Daemon._ask, Handshake._ask, Handshake._stands
+start_mirror, growing, begin = Handshake._start_mirror, handshake._growing, Subscription._begin
+FAULTS = {  # what is put in the place of what
+    "none": [],
+    "comes by IPv6": (daemon, "ipv4_target", lambda appliance: appliance),
+    "never answers": (Plugin, "prepare", refuse),
+    "starts the mirror again and again": (Handshake, "_ask", start_before_asking),
+    "asks at once": (Handshake, "_start_mirror", start_and_ask),
+    "asks about the mirror all the time": (handshake, "_growing", lambda *_: 0.03),
+    "asks about the split all the time": (
+        handshake, "_growing", lambda so_far, first: 0 if first < 0.05 else growing(so_far, first)),
+    "departs before the mirror is done": (Handshake, "_wait_for_mirror", lambda _: None),
+    "freezes after it has departed": (
+        Plugin, "freeze", lambda *_: threading.Timer(1, AT_REST.touch).start()),
+    "waits to be told the end": (Handshake, "_stands", wait_to_be_told),
+    "never thaws": (Plugin, "thaw", lambda *_: None),
+    "takes part for every LUN": (plugin, "frozenset", lambda _: Everything()),
+    "ends without unsubscribing": (Daemon, "unsubscribe", lambda *_: os._exit(0)),
+    "never withdraws": (Handshake, "_withdraw", lambda _: None),
+    "goes on after a no": (Handshake, "_start_mirror", lambda self: ask(self, "start_mirror_req")),
+    "keeps to its first handshake": (Subscription, "_begin", begin_if_idle),
+    "never gives up": (Subscription, "_exists", lambda *_: True),
+    "ends with its stream": (
+        Subscription, "_stay_subscribed", lambda self: (self._subscribe_once(), os._exit(1))),
+    "ends on a timeout": (Daemon, "_ask", ask_or_end),
+    "pings every second": (daemon, "_OPTIONS", [
+        ("grpc.keepalive_time_ms", 1000), ("grpc.http2.max_pings_without_data", 0),
+        ("grpc.http2.min_ping_interval_without_data_ms", 1000),
+        ("grpc.http2.min_time_between_pings_ms", 1000)]),
+    "forgets its promise at SIGTERM": (Subscription, "stop", unsubscribe_and_end),
+}
+
+fault, lun, appliance = sys.argv[1:]
+if FAULTS[fault]:
+    setattr(*FAULTS[fault])
+Plugin(appliance, "me", [lun], limits=LIMITS.get(fault, Limits())).run()

@@ -1,0 +1,43 @@
+#ifndef TOOLS_PLUGIN_AGENT_HANDSHAKE_CHECK_H_
+#define TOOLS_PLUGIN_AGENT_HANDSHAKE_CHECK_H_
+
+#include <grpcpp/grpcpp.h>
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "common/event.h"
+#include "plugin_service.grpc.pb.h"
+
+namespace vexo::tools {
+
+// Asks once whether the appliance still has a handshake whose mirror is not done, on a thread of
+// its own. The answers to a host are the same as for a mirror that is under way, except that of
+// start_mirror, which undoes a "mirror done" that comes in between. So this asks as a local caller
+// does, with wait_for_depart: without such a handshake the daemon says no at once, and otherwise
+// nothing for a minute, in which it keeps a thread waiting.
+class handshake_check {
+ public:
+  // `news` is raised when the handshake is over. Throws std::system_error when there is no thread.
+  handshake_check(std::shared_ptr<scsiplugin::PluginService::Stub> daemon, const std::string& lun,
+                  event& news);
+  ~handshake_check();  // ends the question
+  handshake_check(const handshake_check&) = delete;
+  handshake_check& operator=(const handshake_check&) = delete;
+
+  bool is_over() const { return over_; }
+
+ private:
+  const std::shared_ptr<scsiplugin::PluginService::Stub> daemon_;
+  // A no is asked for again: a step of the daemon's clock ends a wait with a no, too.
+  std::array<grpc::ClientContext, 2> calls_;
+  std::atomic<bool> over_ = false;
+  std::jthread thread_;
+};
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_AGENT_HANDSHAKE_CHECK_H_

@@ -1,0 +1,50 @@
+#ifndef TOOLS_PLUGIN_AGENT_STATUS_SOCKET_H_
+#define TOOLS_PLUGIN_AGENT_STATUS_SOCKET_H_
+
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent_report.pb.h"
+#include "common/event.h"
+#include "common/unique_fd.h"
+
+namespace vexo::tools {
+
+// A socket in the run directory, of this process alone, at which the agent says how it is to
+// whoever connects: one packet with its status, and the end. It asks for nothing and waits for
+// nobody, so no client can hold it up. Root and the group of the agent may connect.
+class status_socket {
+ public:
+  // `describe` is called by a thread of this object. Removes the sockets of agents that have ended.
+  // Throws std::runtime_error with a sentence for the user.
+  status_socket(const std::string& run_dir, std::function<AgentStatus()> describe);
+  ~status_socket();
+  status_socket(const status_socket&) = delete;
+  status_socket& operator=(const status_socket&) = delete;
+
+ private:
+  void serve();
+
+  const std::string path_;
+  const std::function<AgentStatus()> describe_;
+  const unique_fd socket_;
+  event stop_;
+  std::thread thread_;
+};
+
+// What one agent has answered.
+struct agent_answer {
+  int pid = 0;
+  AgentStatus status;
+  std::string error;  // why there is none: the agent is stopped, or hangs
+};
+
+// Asks every living agent of this run directory; each gets some seconds. Throws std::runtime_error
+// with a sentence for the user when it must not be asked.
+std::vector<agent_answer> ask_agents(const std::string& run_dir);
+
+}  // namespace vexo::tools
+
+#endif  // TOOLS_PLUGIN_AGENT_STATUS_SOCKET_H_
