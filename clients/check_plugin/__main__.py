@@ -48,7 +48,8 @@ def parse(arguments):
     parser.add_argument("--patience", type=seconds, default=60, metavar="SECONDS",
                         help="for each answer of the plugin (60, as the daemon waits)")
     parser.add_argument("--split", type=seconds, default=35, metavar="SECONDS",
-                        help="of the long split (35): longer than the plugin stays at rest, if it has a limit")
+                        help="of the long split (35): longer than the plugin stays at rest, if it has a "
+                             "limit")
     parser.add_argument("--idle", type=seconds, default=33, metavar="SECONDS",
                         help="in which keepalive pings are looked for (33); 310 would find all")
     parser.add_argument("--logs", metavar="DIRECTORY",
