@@ -84,15 +84,15 @@ def parse(arguments):
     return settings
 
 
-def kept_folders(settings):
+def kept_paths(settings):
     """Where the kit is, and where COMMAND and its files may be: a private /tmp does not hide those."""
     from support.program import BUILD, SOURCE
     folders = [pathlib.Path.cwd(), SOURCE, BUILD]
     for word in settings.command:
         path = pathlib.Path(word.rpartition("=")[2]).absolute()
         if path.exists():
-            folders.append(path if path.is_dir() else path.parent)
-    return [each for each in folders if each != pathlib.Path("/tmp")]
+            folders.append(path if path.is_dir() or path.parent == pathlib.Path("/tmp") else path.parent)
+    return folders
 
 
 def try_one(function, settings, pipe):
@@ -107,7 +107,7 @@ def try_one(function, settings, pipe):
     namespaces.end_with_parent()
     verdicts = Verdicts(settings.trials[function], say)
     try:
-        namespaces.enter(kept_folders(settings))
+        namespaces.enter(kept_paths(settings))
     except OSError as error:
         say(None, None, f"no namespaces to be had: {error}; be root, or let users make them "
                         "(sysctl kernel.unprivileged_userns_clone)")
