@@ -12,6 +12,7 @@ import json
 import os
 import pathlib
 import shutil
+import signal
 import sys
 import time
 
@@ -59,12 +60,19 @@ def parse(arguments):
         parser.error("say after -- which COMMAND starts the plugin")
     if not shutil.which(command[0]):
         parser.error(f"{command[0]}: no such program")
+    if settings.logs:
+        try:
+            pathlib.Path(settings.logs).mkdir(parents=True, exist_ok=True)
+        except OSError as error:
+            parser.error(f"--logs: {error}")
     settings.command = command
     settings.two_luns = len(settings.lun or ()) > 1 or any("{lun2}" in word for word in command)
     settings.lun = [*(settings.lun or [LUN]), SECOND_LUN][:2]
 
     # Only now, since they need gRPC, and --help does not.
-    sys.path.insert(0, os.environ["SCSI_PLUGIN_BUILD"] + "/tests/python")
+    build = os.environ.setdefault("SCSI_PLUGIN_BUILD",
+                                  str(pathlib.Path(__file__).resolve().parents[2] / "build/release"))
+    sys.path.insert(0, f"{build}/tests/python")
     from checks import TRIALS
     known = [name for checks in TRIALS.values() for name in checks]
     wanted = settings.only.split(",") if settings.only else known
@@ -159,22 +167,29 @@ def try_all(settings):
 
 def main():
     settings = parse(sys.argv[1:])
-    if settings.logs:
-        pathlib.Path(settings.logs).mkdir(parents=True, exist_ok=True)
     print("scripts/check-plugin: this takes about a minute", file=sys.stderr)
     results = try_all(settings)
     about = {name: text for checks in settings.trials.values() for name, text in checks.items()}
-    failed = [name for name in about if results[name][0] == FAILURE]
+    verdicts = [verdict for verdict, _ in results.values()]
+    passed = "ok" in verdicts and FAILURE not in verdicts
     if settings.output == "json":
-        print(json.dumps({"passed": not failed, "checks": [
+        print(json.dumps({"passed": passed, "checks": [
             {"name": name, "about": about[name], "verdict": results[name][0], "text": results[name][1]}
             for name in about]}, indent=2))
     else:
         for name, title in about.items():
             print(f"{results[name][0]:8} {name:17} {title}: {results[name][1]}")
-        print(f"\n{len(failed)} of {len(about)} failed" if failed else "\nall is well")
-    return FAILED if failed else OK
+        print("\n" + ", ".join(f"{verdicts.count(each)} {each}" for each in ("ok", FAILURE, "skipped")))
+    return OK if passed else FAILED
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        status = main()
+        sys.stdout.flush()
+    except KeyboardInterrupt:
+        status = 128 + signal.SIGINT
+    except BrokenPipeError:  # nobody wants to read on
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        status = 128 + signal.SIGPIPE
+    sys.exit(status)

@@ -2,19 +2,23 @@
 
 import socket
 import threading
+import time
 
 PORT = 3265
 ADDRESS = "127.0.0.2"  # the daemon has all others, on the same port
 _PREFACE = 24  # bytes that an HTTP/2 client sends before its first frame
 _FRAME_HEADER = 9
-_PING, _ACK = 6, 1
+_DATA, _PING, _ACK = 0, 6, 1  # types of frames, and a flag
+# gRPC measures a connection with a ping when data arrives on it. Such a ping is none of its keepalive.
+_MEASURES_WITHIN = 2  # seconds
 
 
 class Relay:
     """Listens on ADDRESS, with the daemon's port."""
 
     def __init__(self):
-        self.pings = 0  # of the plugin, its answers to the daemon's not among them
+        self.pings = 0  # of the plugin's keepalive
+        self._data_came = 0  # when, last, for the plugin
         self._connections = []
         self._lock = threading.Lock()  # over _connections
         self._listener = socket.socket()
@@ -37,34 +41,40 @@ class Relay:
             daemon = socket.create_connection(("127.0.0.1", PORT))
             with self._lock:
                 self._connections += [plugin, daemon]
-            for pair, watch in (((plugin, daemon), self._count_pings()), ((daemon, plugin), None)):
-                threading.Thread(target=self._copy, args=(*pair, watch), daemon=True).start()
+            for words in ((plugin, daemon, _PREFACE, self._from_plugin), (daemon, plugin, 0, self._to_plugin)):
+                threading.Thread(target=self._copy, args=words, daemon=True).start()
 
     @staticmethod
-    def _copy(source, target, watch):
-        if watch:
-            next(watch)
+    def _copy(source, target, preface, see):
+        frames = _each_frame(preface, see)
+        next(frames)
         try:
             while data := source.recv(1 << 16):
-                if watch:
-                    watch.send(data)
+                frames.send(data)
                 target.sendall(data)
         except OSError:
             pass  # cut
         _end(source)
         _end(target)
 
-    def _count_pings(self):
-        """Takes the bytes of one connection, by send()."""
-        data = b""
-        skip = _PREFACE
-        while True:
-            data += yield
-            while len(data) >= skip + _FRAME_HEADER:
-                data = data[skip:]
-                skip = _FRAME_HEADER + int.from_bytes(data[:3], "big")
-                if data[3] == _PING and not data[4] & _ACK:
-                    self.pings += 1
+    def _from_plugin(self, kind, flags):
+        if kind == _PING and not flags & _ACK and time.monotonic() > self._data_came + _MEASURES_WITHIN:
+            self.pings += 1
+
+    def _to_plugin(self, kind, _):
+        if kind == _DATA:
+            self._data_came = time.monotonic()
+
+
+def _each_frame(preface, see):
+    """Takes the bytes of one direction of a connection, by send(), and calls see(type, flags)."""
+    data, skip = b"", preface
+    while True:
+        data += yield
+        while len(data) >= skip + _FRAME_HEADER:
+            data = data[skip:]
+            skip = _FRAME_HEADER + int.from_bytes(data[:3], "big")
+            see(data[3], data[4])
 
 
 def _end(connection):

@@ -85,7 +85,7 @@ function announced(command) {
 }
 
 async function stayConnected() {
-  for (let wait = 1000; !leaving; wait = Math.min(2 * wait, 20_000)) {
+  while (!leaving) {
     try {
       daemon?.close();
       daemon = connect(await ipv4Target(appliance));
@@ -94,13 +94,12 @@ async function stayConnected() {
       // The daemon says nothing to confirm, and may have lost the subscription.
       await Promise.race([ended, sleep(1000)]);
       const list = (await call('PluginConnList', {}, 5000))?.list;
-      if (list?.some((plugin) => plugin.plugin_id === pluginId)) wait = 500;
-      else if (list) await unsubscribe();
+      if (list && !list.some((plugin) => plugin.plugin_id === pluginId)) await unsubscribe();
       await ended;
     } catch (error) {
       console.error(error.message); // the name is not known
     }
-    if (!leaving) await sleep(wait * (0.5 + Math.random()));
+    if (!leaving) await sleep(500 + 3500 * Math.random()); // not all hosts at once
   }
 }
 

@@ -1,4 +1,5 @@
-# The kit that tries host plugins, on plugins that are right, and on one that is wrong in many ways.
+# The kit that tries host plugins, on plugins that are right, and on one that is wrong in many ways; and
+# the package that these are written with.
 
 import json
 import os
@@ -7,9 +8,10 @@ import sys
 
 import pytest
 
-from support.program import PLUGIN_AGENT, SANITIZED, SOURCE, run
+from support.calls import LUN, depart_done, init_snapshot
+from support.program import PLUGIN_AGENT, SOURCE, Program, run
 
-pytestmark = pytest.mark.skipif(SANITIZED, reason="it is the plugins that are tried, not the daemon")
+pytestmark = pytest.mark.not_under("asan", "tsan")  # it is the plugins that are tried
 
 PYTHON = ["env", f"PYTHONPATH={SOURCE}/clients/python", sys.executable, "-B"]
 WRONG = [*PYTHON, SOURCE / "tests/programs/wrong_plugin.py"]
@@ -76,3 +78,27 @@ def test_each_fault_is_found(fault, failed):
                                     ",".join(["answers", *failed.split()]), "--",
                                     *WRONG, fault, "{lun}", "{appliance}")
     assert (status, set(found)) == (1, set(failed.split())), found
+
+
+@pytest.mark.parametrize("what, failure", [
+    ("nothing", "None"),
+    ("the daemon is restarted during the rest", "the connection was lost while the host was at rest"),
+    ("the LUN is announced again", "the appliance has announced another snapshot"),
+    ("the mirror fails", "the appliance has given up")])
+def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon):
+    daemon = start_daemon()
+    plugin = Program(*WRONG, "none", LUN, "localhost")
+    log.wait_for("Connected")
+    daemon.call.wait_until_listed("me")
+    if what in ("the LUN is announced again", "the mirror fails"):
+        assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(depart_done(LUN, -1))
+        if what == "the LUN is announced again":
+            assert daemon.call.ask(init_snapshot(LUN))
+    else:
+        daemon.call.go_to_split()
+        if what == "nothing":
+            assert daemon.call.ask(depart_done(LUN))
+        else:
+            daemon.kill()
+            start_daemon()
+    plugin.wait_for_out(failure)

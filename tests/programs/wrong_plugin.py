@@ -8,7 +8,7 @@ import pathlib
 import sys
 import threading
 
-from scsi_plugin import Answer, GivenUp, HostPlugin, Limits, daemon, handshake, plugin
+from scsi_plugin import Answer, GivenUp, HostPlugin, Limits, daemon, handshake, plugin, subscription
 
 AT_REST = pathlib.Path("/tmp/at_rest")
 LIMITS = {"never withdraws": Limits(rest=4.5, hold=1)}
@@ -20,6 +20,9 @@ class Plugin(HostPlugin):
 
     def thaw(self, snapshot):
         AT_REST.unlink(missing_ok=True)
+
+    def finished(self, snapshot, failure):
+        print(failure, flush=True)
 
 
 def refuse(*_):
@@ -66,7 +69,7 @@ class Everything:
         return True
 
 
-Handshake, Subscription, Daemon = handshake.Handshake, plugin._Subscription, daemon.Daemon
+Handshake, Subscription, Daemon = handshake.Handshake, subscription.Subscription, daemon.Daemon
 ask_daemon, ask, stands = Daemon._ask, Handshake._ask, Handshake._stands
 start_mirror, growing, begin = Handshake._start_mirror, handshake._growing, Subscription._begin
 FAULTS = {  # what is put in the place of what
@@ -90,7 +93,7 @@ FAULTS = {  # what is put in the place of what
     "keeps to its first handshake": (Subscription, "_begin", begin_if_idle),
     "never gives up": (Subscription, "_exists", lambda *_: True),
     "ends with its stream": (
-        Subscription, "_stay_subscribed", lambda self: (self._subscribe_once(), os._exit(1))),
+        Subscription, "_stay_subscribed", lambda self: (self._subscribe_once((1,)), os._exit(1))),
     "ends on a timeout": (Daemon, "_ask", ask_or_end),
     "pings every second": (daemon, "_OPTIONS", [
         ("grpc.keepalive_time_ms", 1000), ("grpc.http2.max_pings_without_data", 0),

@@ -1,27 +1,13 @@
-"""The host plugin: its subscription at each appliance, and the handshakes that it takes part in."""
+"""What the author of a host plugin subclasses."""
 from __future__ import annotations
 
-import logging
 import queue
-import random
 import signal
-import threading
-from typing import Any, Iterable, Optional, Union
-
-import grpc
+from typing import Iterable, Optional, Union
 
 from . import messages
-from .daemon import CALL_TIMEOUT, Answer, Daemon
-from .handshake import Handshake, Limits, Snapshot
-
-_log = logging.getLogger("scsi_plugin")
-
-# Seconds. The base of the random waits before the next attempt doubles with each that fails.
-_SHORTEST_WAIT, _LONGEST_WAIT = 1.0, 20.0
-# When to look whether the daemon lists this host after a Subscribe: it says nothing to confirm.
-_LOOKS = (0.02, 0.1, 0.4, 1.5)
-# How long the stream may take to end after an UnSubscribe, which ends it unless it came too early.
-_STREAM_END = 1.0
+from .handshake import Limits, Snapshot
+from .subscription import Subscription
 
 
 class HostPlugin:
@@ -44,18 +30,20 @@ class HostPlugin:
 
     def __init__(self, appliances: Union[str, Iterable[str]], plugin_id: str, luns: Iterable[str], *,
                  host_type: str = "UNKNOWN", limits: Limits = Limits()) -> None:
+        if isinstance(luns, str) or not 0 < limits.hold < limits.rest:
+            raise ValueError("luns must be a list of LUNs, and limits.hold less than limits.rest")
         self.luns = frozenset(luns)
         self.limits = limits
-        self._client = messages.PluginClient(plugin_id=plugin_id, type=host_type)
-        self._subscriptions = [_Subscription(self, where, self._client) for where in
-                               ([appliances] if isinstance(appliances, str) else appliances)]
         # What run() waits for: told to stop (None), or a subscription that is over. Signal handlers may
         # put something into a queue of this kind.
-        self._events: queue.SimpleQueue[Optional[_Subscription]] = queue.SimpleQueue()
+        self._events: queue.SimpleQueue[Optional[Subscription]] = queue.SimpleQueue()
+        client = messages.PluginClient(plugin_id=plugin_id, type=host_type)
+        self._subscriptions = [Subscription(self, where, client, self._events.put) for where in
+                               ([appliances] if isinstance(appliances, str) else appliances)]
 
     def prepare(self, snapshot: Snapshot) -> None:
-        """What can be done before the mirror is complete. Within 60 s, or the appliance goes on without
-        this host. Raise GivenUp to take no part."""
+        """What can be done before the mirror is complete. Within 60 s: the appliance waits no longer for
+        its first host. Raise GivenUp to take no part."""
 
     def freeze(self, snapshot: Snapshot) -> None:
         """Brings to rest what uses the LUN, and returns when it is at rest. Raises when it cannot be.
@@ -106,154 +94,3 @@ class HostPlugin:
     def stop(self) -> None:
         """Ends run(). The second call also ends a rest. Any thread may call, and a signal handler."""
         self._events.put(None)
-
-    def _over(self, subscription: _Subscription) -> None:
-        self._events.put(subscription)
-
-
-class _Subscription:
-    """At one appliance: made again whenever it ends, until stop()."""
-
-    def __init__(self, plugin: HostPlugin, appliance: str, client: Any) -> None:
-        self._plugin, self._appliance, self._client = plugin, appliance, client
-        self._stop = threading.Event()
-        self._news = threading.Event()  # told to stop, or the stream has ended
-        self._daemon: Optional[Daemon] = None
-        self._losses = 0
-        self._handshakes: dict[str, tuple[Handshake, threading.Thread]] = {}  # by LUN
-        # Not a daemon thread: the interpreter waits for it, and so for its UnSubscribe.
-        self.thread = threading.Thread(target=self._run, name=f"subscription to {appliance}")
-
-    def stop(self, at_once: bool) -> None:
-        for handshake, _ in list(self._handshakes.values()):
-            handshake.give_up("the plugin was told to stop", at_once)
-        self._stop.set()
-        self._news.set()
-
-    def _run(self) -> None:
-        try:
-            self._stay_subscribed()
-        finally:
-            # Also when the stream was lost: a subscriber that has vanished hangs the daemon at the next
-            # announcement.
-            if self._daemon is not None:
-                if not self._daemon.unsubscribe(self._client):
-                    _log.warning("%s: left without being able to unsubscribe", self._appliance)
-                self._daemon.close()
-            self._plugin._over(self)
-
-    def _stay_subscribed(self) -> None:
-        wait = _SHORTEST_WAIT
-        while not self._stop.is_set():
-            try:
-                was_listed, why = self._subscribe_once()
-            except (OSError, grpc.RpcError, RuntimeError) as error:  # RuntimeError: no thread to be had
-                was_listed, why = False, f"not subscribed: {error}"
-            if was_listed:
-                wait = _SHORTEST_WAIT
-            if self._stop.is_set():
-                break
-            pause = random.uniform(0.5, 1.5) * wait
-            _log.warning("%s: %s; subscribing again in %.1f s", self._appliance, why, pause)
-            self._stop.wait(pause)
-            wait = min(2 * wait, _LONGEST_WAIT)
-
-    def _subscribe_once(self) -> tuple[bool, str]:
-        """Whether the daemon has listed this host, and why that is over."""
-        daemon = Daemon(self._appliance)  # the handshakes go on over the new connection
-        before, self._daemon = self._daemon, daemon
-        if before is not None:
-            before.close()
-        stream = daemon.subscribe(self._client)
-        self._news.clear()
-        ended = threading.Event()
-        status: list[Any] = []
-        reader = threading.Thread(target=self._read, args=(stream, status, ended))
-        reader.start()
-        try:
-            listed = self._confirm(daemon, ended)
-            if listed is not False and not self._stop.is_set():
-                self._news.wait()
-            if self._stop.is_set():
-                for _, thread in list(self._handshakes.values()):
-                    thread.join(self._plugin.limits.rest + CALL_TIMEOUT)
-        finally:
-            if not ended.is_set():
-                # First this, and then cancel. An UnSubscribe that comes before the daemon has begun to
-                # wait on the stream does not end it.
-                answered = daemon.unsubscribe(self._client)
-                if not ended.wait(_STREAM_END if answered else 0):
-                    stream.cancel()
-                    daemon.unsubscribe(self._client)
-            reader.join()
-        if listed is False:
-            return False, "it does not list this host: somebody unsubscribed it as it subscribed"
-        if status[0] is grpc.StatusCode.OK:
-            return bool(listed), ("the subscription was ended there: another plugin subscribed with the "
-                                  "same plugin_id, or somebody unsubscribed it")
-        return bool(listed), f"not subscribed: {stream.details()}"
-
-    def _confirm(self, daemon: Daemon, ended: threading.Event) -> Optional[bool]:
-        """Whether the daemon lists this host; None when it does not answer, or the stream has ended."""
-        for pause in _LOOKS:
-            if ended.wait(pause) or self._stop.is_set():
-                return None
-            try:
-                entry = daemon.find_listed(self._client.plugin_id)
-            except grpc.RpcError:
-                return None  # it is blocked, or the connection is lost, which ends the stream
-            if entry is not None:
-                _log.info("%s: subscribed as %s, seen there as %s", self._appliance, entry.plugin_id,
-                          entry.ip)
-                return True
-        return False
-
-    def _read(self, stream: Any, status: list[Any], ended: threading.Event) -> None:
-        try:
-            for command in stream:
-                if command.HasField("init_snapshot_req") and not self._stop.is_set():
-                    self._begin(command.init_snapshot_req)
-        except grpc.RpcError:
-            pass
-        if stream.code() is not grpc.StatusCode.OK:
-            self._losses += 1
-        status.append(stream.code())
-        ended.set()
-        self._news.set()
-
-    def _begin(self, announced: Any) -> None:
-        lun = announced.src_lun_p80
-        if lun not in self._plugin.luns:
-            return
-        snapshot = Snapshot(lun, announced.src_lun_p83, announced.src_lun_uuid, announced.dst_lun_uuid,
-                            announced.is_for_replica, self._appliance)
-        _log.info("%s: a snapshot of LUN %s is announced", self._appliance, lun)
-        before = self._handshakes.get(lun)
-        handshake = Handshake(self._plugin, snapshot, self._plugin.limits, self._ask, self._exists,
-                              lambda: self._losses)
-        if before is not None:
-            before[0].superseded()
-
-        def run() -> None:
-            if before is not None:
-                before[1].join()  # so that its thaw comes before the next freeze
-            handshake.run()
-
-        thread = threading.Thread(target=run, name=f"snapshot of {lun}", daemon=True)
-        self._handshakes[lun] = (handshake, thread)
-        thread.start()
-
-    def _ask(self, timeout: float = CALL_TIMEOUT, **fields: Any) -> Answer:
-        daemon = self._daemon
-        assert daemon is not None
-        return daemon.lun_op(timeout, plugin_id=self._client.plugin_id, **fields)
-
-    def _exists(self, lun: str, timeout: float) -> bool:
-        """Whether the daemon still has the handshake, without a change to it.
-
-        It says at once that there is none, and waits if there is one.
-        """
-        daemon = self._daemon
-        assert daemon is not None
-        return daemon.publish(timeout, task_id=lun, wait_for_depart_req={}) is not Answer.NO
-
