@@ -57,7 +57,11 @@ def preset_environment(build):
 def pytest_collection_modifyitems(config, items):
     """Slow rows of the table of faults run only with --faults. Other slow tests begin first, on
     different workers."""
+    build = pathlib.Path(config.getoption("build")).name
+
     def is_wanted(item):
+        if any(build in mark.args for mark in item.iter_markers("not_under")):
+            return False
         is_fault, is_slow = (item.get_closest_marker(each) for each in ("fault", "slow"))
         return is_fault if config.getoption("--faults") else not (is_fault and is_slow)
 

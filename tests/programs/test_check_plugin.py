@@ -9,9 +9,9 @@ import sys
 import pytest
 
 from support.calls import LUN, depart_done, init_snapshot
-from support.program import PLUGIN_AGENT, SANITIZED, SOURCE, Program, run
+from support.program import PLUGIN_AGENT, SOURCE, Program, run
 
-pytestmark = pytest.mark.skipif(SANITIZED, reason="it is the plugins that are tried, not the daemon")
+pytestmark = pytest.mark.not_under("asan", "tsan")  # it is the plugins that are tried
 
 PYTHON = ["env", f"PYTHONPATH={SOURCE}/clients/python", sys.executable, "-B"]
 WRONG = [*PYTHON, SOURCE / "tests/programs/wrong_plugin.py"]

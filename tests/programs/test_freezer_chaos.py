@@ -13,6 +13,8 @@ from support.calls import depart_done, init_snapshot, mirror_done, wait_for_depa
 from support.program import SLACK, exists
 from support.waiting import wait_until
 
+pytestmark = pytest.mark.not_under("tsan")  # a freezer has no threads
+
 HANDSHAKES = int(os.environ.get("FREEZER_CHAOS", 4))  # of each kind; the real thing is 300
 LIMIT = 1  # seconds
 LUNS = [f"00000000-0000-0000-0000-{number:012}" for number in range(HANDSHAKES)]

@@ -10,6 +10,8 @@ import pytest
 from support.calls import LUN
 from support.program import SOURCE, Program, run
 
+pytestmark = pytest.mark.not_under("tsan")  # other clients, and no other threads of the daemon's
+
 EXAMPLES = SOURCE / "examples"
 LANGUAGES = {  # language: host plugin, local caller
     "python": ([sys.executable, "-B", EXAMPLES / "python/host_plugin.py"],

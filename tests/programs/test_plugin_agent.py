@@ -24,6 +24,10 @@ def test_says_what_is_wrong_with_its_options():
     for status, options, complaint in (
             (2, "--lun L", "--appliance is required"),
             (2, "--appliance nas", "--lun is required"),
+            (2, "--appliance nas --lun naa.60014051a2b3c4dd5e6fd7a8bd9c0dde", "the digits alone"),
+            (2, "--appliance nas --lun 360014051a2b3c4dd5e6fd7a8bd9c0dde", "writes 60014051a2b3c4dd5e6fd7a8b"),
+            (2, "--appliance nas --lun /dev/sda", '--lun "/dev/sda" is a path: "plugin_agent luns" shows'),
+            (2, "--appliance nas --appliance nas:3265 --lun L", "--appliance nas:3265 is given twice"),
             (2, "--appliance [::1] --lun L", "IPv4 peers only"),
             (2, "--appliance unix:///tmp/s --lun L", "IPv4 peers only"),
             (2, "--appliance nas:70000 --lun L", "port"),
@@ -62,6 +66,8 @@ def test_says_what_is_wrong_with_its_file_and_in_which_line():
             ("\npoll = nan\n", ':2: --poll: "nan" is no number from'),
             ('type = "os2"\n', ":1: --type: os2 not in"),
             ('lun = [\n""]\nappliance = "nas"\n', ":1: --lun is empty"),
+            ('lun = "L M"\nappliance = "nas"\n', ':1: --lun "L M" has blanks'),
+            ('lun = "L"\nappliance = "nas"\nrun-dir = ""\n', ":3: --run-dir is empty"),
             ('lun = "L"\nappliance = "nas"\nhooks = ""\n', ":3: --hooks is empty"),
             ('lun = "L"\nappliance = "::1"\n', ":2: --appliance ::1: commands are pushed to IPv4"),
             ('appliance = "nas"\nlun = []\n', ": --lun is required")):
@@ -151,6 +157,17 @@ def test_what_was_prepared_is_undone_when_the_mirror_comes_to_nothing(daemon, ho
     runs = []
     wait_until(lambda: runs.extend(hooks.take_runs()) or "10-a thaw" in runs)
     assert runs == ["10-a prepare", "20-b prepare", "20-b thaw", "10-a thaw"]
+
+
+def test_its_lines_have_priorities_in_the_journal(daemon, start_agent):
+    """Whose device and inode the service manager names. The journal has the time of a line itself."""
+    agent = start_agent(before=("sh", "-c", 'JOURNAL_STREAM=$(stat -Lc %d:%i /proc/self/fd/2) exec "$@"', "sh"))
+    daemon.call.whole_handshake()
+    agent.wait_for_err('<6>{"time":')
+    assert daemon.call.ask(init_snapshot(LUN))
+    agent.leave()
+    assert '<3>{"time":' in agent.err
+    assert agent.err.startswith('<6>subscribed to 127.0.0.1:3265 as "host"')
 
 
 def test_ignores_luns_of_other_hosts(log, daemon, start_agent):

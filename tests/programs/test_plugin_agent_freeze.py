@@ -16,6 +16,8 @@ from support.calls import LUN, depart_done, init_snapshot, mirror_done
 from support.program import PLUGIN_AGENT, SANITIZED, SLACK, SOURCE, Program, exists, run
 from support.waiting import wait_until
 
+pytestmark = pytest.mark.not_under("tsan")  # a freezer has no threads
+
 LIMIT = 3 if SANITIZED else 1  # seconds, like the next two
 LONGEST_STALL = LIMIT + SLACK
 FAR_LIMIT = 20  # for tests of what is thawed before it

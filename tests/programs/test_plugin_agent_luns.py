@@ -108,3 +108,19 @@ def test_pages_that_lie_about_their_lengths_do_no_harm():
     assert len(luns) == sum(map(len, cut.values())) + len(wild)
     assert all(lun["problem"] in ("page 80h is cut short", "page 80h is no such page")
                for lun in luns[:len(cut["vpd_pg80"])])
+
+
+def test_check_compares_the_luns_with_the_disks(volume):
+    number = os.stat(volume.path).st_dev
+    disks = Disks()
+    disks.add("sda", device=f"{os.major(number)}:{os.minor(number)}", vpd_pg80=page_80(LUN), vpd_pg83=page_83(NAA))
+    disks.show()
+
+    def found(lun, *options):
+        checked = run(PLUGIN_AGENT, "check", "--appliance", "127.0.0.1", "--lun", lun, *options, "-o", "json")
+        return [(each["result"], each["found"]) for each in json.loads(checked.out)["checks"]
+                if each["what"] == f"LUN {lun}"][1:]  # what the appliances say comes first
+    assert found(LUN, "--fs", volume.path) == [("OK", f"is /dev/sda, with {volume.path}")]
+    assert found(LUN) == [("WARNING", f"is /dev/sda, and {volume.path} on it is not frozen")]
+    assert [result for result, _ in found(LUN_NAA, "--fs", volume.path)] == ["WARNING", "OK"]
+    assert found("other") == [("WARNING", "is no SCSI disk of this host")]

@@ -15,6 +15,8 @@ from support.program import PLUGIN_AGENT, PLUGIN_FREEZER, SLACK, SOURCE, Program
 from support.volume import mount_image
 from support.waiting import wait_until
 
+pytestmark = pytest.mark.not_under("tsan")  # a freezer has no threads
+
 RECORD = pathlib.Path("/run/plugin_agent/frozen")
 
 

@@ -18,6 +18,8 @@ from support.network import lose_tcp
 from support.program import PLUGIN_CTL, Program
 from support.waiting import wait_until
 
+pytestmark = pytest.mark.not_under("tsan")  # a freezer has no threads
+
 # The real thing is VERDICT_CHAOS=50: 1,000 snapshots in 50 pieces, each with a seed of its own.
 SEEDS = range(int(os.environ.get("VERDICT_CHAOS", 1)))
 SNAPSHOTS = 20 if len(SEEDS) > 1 else 10

@@ -2,12 +2,15 @@
 
 #include <grpc/support/log.h>
 #include <spdlog/sinks/base_sink.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <memory>
 #include <mutex>
 #include <string_view>
+
+#include "common/journal.h"
 
 namespace vexo::tools {
 
@@ -20,6 +23,22 @@ void write_all(std::string_view text) {
     const ssize_t size = write(STDERR_FILENO, text.data(), text.size());
     if (size < 0 && errno != EINTR) return;  // there is no other place to report it
     if (size > 0) text.remove_prefix(static_cast<std::size_t>(size));
+  }
+}
+
+// As syslog has it.
+int priority(spdlog::level::level_enum level) {
+  switch (level) {
+    case spdlog::level::critical:
+      return LOG_CRIT;
+    case spdlog::level::err:
+      return LOG_ERR;
+    case spdlog::level::warn:
+      return LOG_WARNING;
+    case spdlog::level::info:
+      return LOG_INFO;
+    default:
+      return LOG_DEBUG;
   }
 }
 
@@ -40,7 +59,9 @@ class holding_sink : public spdlog::sinks::base_sink<std::mutex> {
  private:
   void sink_it_(const spdlog::details::log_msg& message) override {
     spdlog::memory_buf_t line;
-    if (message.logger_name == kRecordLogger) {
+    if (stderr_is_journal() || message.logger_name == kRecordLogger) {
+      const std::string prefix = journal_prefix(priority(message.level));
+      line.append(prefix.data(), prefix.data() + prefix.size());
       line.append(message.payload.begin(), message.payload.end());
       line.push_back('\n');
     } else {
@@ -86,7 +107,9 @@ loggers& all() {
 
 line_log& agent_log() { return all().lines; }
 
-void log_record(const shown_text& json) { all().record.info("{}", json); }
+void log_record(const shown_text& json, spdlog::level::level_enum level) {
+  all().record.log(level, "{}", json);
+}
 
 log_hold::log_hold() { all().sink->hold(); }
 

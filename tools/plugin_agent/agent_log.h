@@ -24,7 +24,8 @@ inline constexpr bool is_loggable = std::is_arithmetic_v<T> || std::is_same_v<T,
 template <std::size_t N>
 inline constexpr bool is_loggable<char[N]> = true;  // a literal
 
-// The agent's log: one line on stderr for each message, also for those of gRPC. Any thread may log.
+// The agent's log: one line on stderr for each message, also for those of gRPC; with its priority
+// when that is systemd's journal, otherwise with the time and its level. Any thread may log.
 // Text that is not a literal has to be shown_text: the names of appliances, hooks and file systems
 // are chosen by others, and may contain anything.
 class line_log {
@@ -66,7 +67,7 @@ class line_log {
 line_log& agent_log();
 
 // A line that is one JSON object and nothing else, for programs that read the log.
-void log_record(const shown_text& json);
+void log_record(const shown_text& json, spdlog::level::level_enum level);
 
 // While an object of this class exists, log lines are kept in memory; the last one to be destroyed
 // writes them. stderr may lead to a file system that is frozen, directly or through a pipe to

@@ -187,6 +187,7 @@ void handshake::undo_prepare() {
                                      [](const auto& run) { return run.phase() == "thaw"; });
   if (is_undone) release_preparer();
   if (!preparer_) return;
+  step_ = "thaw";
   FreezerRequest request;
   request.set_end(true);
   preparer_->send(request);
@@ -396,7 +397,7 @@ void handshake::write_record() {
     }
   }
   for (const auto& refusal : hooks_.refused) record.add_refused_hooks(printable(refusal.name));
-  log_record(to_json(record));
+  log_record(to_json(record), verdict_ == "failed" ? spdlog::level::err : spdlog::level::info);
   const std::lock_guard lock(mutex_);
   record_ = std::move(record);
 }

@@ -1,5 +1,6 @@
 #include "plugin_agent/options.h"
 
+#include <syslog.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -11,6 +12,7 @@
 #include <stdexcept>
 
 #include "common/help_text.h"
+#include "common/journal.h"
 #include "common/number_option.h"
 #include "common/plugin_type.h"
 #include "common/text.h"
@@ -38,12 +40,16 @@ Examples:
   # Databases brought to rest by hooks, everything said in a file:
   plugin_agent --config /etc/plugin_agent/plugin_agent.toml
 
+  # Are these options right, and do the hooks work?
+  plugin_agent check --config /etc/plugin_agent/plugin_agent.toml
+  plugin_agent rehearse --config /etc/plugin_agent/plugin_agent.toml
+
   # Thaw what any agent of this host has frozen, living or not (as systemd's ExecStopPost= does):
   plugin_agent --thaw-and-exit
 
 Hooks are the executables of the --hooks directory, run in name order with one argument: prepare,
-freeze or thaw. Exit codes: 0 told to stop, done, or --help; 1 rehearsed, and not as asked;
-2 usage; 3 no answer; 4 failure on this host; 5 a rehearsal was interrupted.)";
+freeze or thaw. Exit codes: 0 told to stop, done, or --help; 1 a check fails, or a
+rehearsal was not as asked; 2 usage; 3 no answer; 4 failure on this host; 5 interrupted.)";
 
 std::string host_name() {
   char name[HOST_NAME_MAX + 1] = {};
@@ -120,6 +126,42 @@ endpoint parse_appliance(const std::string& text) {
   return parsed;
 }
 
+// Two subscriptions under one name would end each other for ever.
+void add_appliance(agent_options& options, const std::string& text) {
+  auto parsed = parse_appliance(text);
+  for (const auto& other : options.appliances) {
+    if (other.text == parsed.text) {
+      throw std::invalid_argument("--appliance " + text + " is given twice");
+    }
+  }
+  options.appliances.push_back(std::move(parsed));
+}
+
+// Throws std::invalid_argument for what no appliance announces a LUN as.
+void check_lun(const std::string& lun) {
+  constexpr std::string_view kHexDigits = "0123456789abcdefABCDEF";
+  constexpr std::size_t kNaaDigits = 32;
+  const auto refuse = [&](const std::string& why) {
+    throw std::invalid_argument("--lun " + (lun.empty() ? "" : "\"" + lun + "\" ") + why);
+  };
+  if (lun.empty()) refuse("is empty: name a LUN this host uses, or \"any\"");
+  if (!is_utf8(lun) ||
+      std::any_of(lun.begin(), lun.end(), [](unsigned char c) { return c <= ' ' || c == 127; })) {
+    refuse("has blanks or control characters: one identifier is one value");
+  }
+  if (lun.front() == '/') refuse("is a path: \"plugin_agent luns\" shows the identifier");
+  for (const char* const prefix : {"naa.", "eui.", "0x", "wwn-0x", "scsi-3"}) {
+    if (lun.starts_with(prefix)) {
+      refuse("begins with \"" + std::string(prefix) + "\": the appliance writes the digits alone");
+    }
+  }
+  if (lun.size() == kNaaDigits + 1 && lun.front() == '3' &&
+      lun.find_first_not_of(kHexDigits) == std::string::npos) {
+    refuse("has the \"3\" of scsi_id and multipath before it: the appliance writes " +
+           lun.substr(1));
+  }
+}
+
 template <class Check>
 void name_option_in_error(const std::string& option, Check check) {
   try {
@@ -146,8 +188,9 @@ void convert(agent_options& options, const words& given) {
 
   const bool serves = options.needs != agent_options::need::freezing;
   if (given.appliances.empty() && serves) throw std::invalid_argument("--appliance is required");
-  for (const auto& text : given.appliances) options.appliances.push_back(parse_appliance(text));
+  for (const auto& text : given.appliances) add_appliance(options, text);
   if (!options.withdraw.empty()) return;
+  if (options.run_dir.empty()) throw std::invalid_argument("--run-dir is empty: name a directory");
   // The freezer has another working directory.
   options.run_dir = std::filesystem::absolute(options.run_dir);
   options.hold = given.hold ? milliseconds(std::llround(*given.hold * 1000))
@@ -161,9 +204,7 @@ void convert(agent_options& options, const words& given) {
   if (options.luns.empty() && !options.any_lun && serves) {
     throw std::invalid_argument("--lun is required: the LUNs this host uses, or \"any\"");
   }
-  if (std::find(options.luns.begin(), options.luns.end(), "") != options.luns.end()) {
-    throw std::invalid_argument("--lun is empty: name a LUN this host uses, or \"any\"");
-  }
+  for (const auto& lun : options.luns) check_lun(lun);
   if (!is_utf8(options.plugin_id)) throw std::invalid_argument("--plugin-id is not UTF-8");
   if (given.hooks_dir && given.hooks_dir->empty()) {
     throw std::invalid_argument("--hooks is empty: name a directory, or leave it out");
@@ -195,7 +236,8 @@ void check_mount_point(const std::string& path, const agent_options& options) {
     throw std::runtime_error("--fs " + std::string(error.what()) +
                              "; mount it first, or name a mount point as findmnt shows it");
   }
-  if (mount.device == superblock_of(options.run_dir)) {
+  if (access(options.run_dir.c_str(), F_OK) == 0 &&
+      mount.device == superblock_of(options.run_dir)) {
     throw std::invalid_argument("--run-dir " + options.run_dir + " lies on " + path +
                                 ", which is to be frozen; name a directory on a tmpfs");
   }
@@ -227,7 +269,8 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   add_verbs(app, options);
   options_file file;
   const auto complain = [&](const std::exception& error, exit_code why) {
-    std::cerr << "plugin_agent: " << printable(file.located(error.what(), app))
+    std::cerr << journal_prefix(LOG_ERR)
+              << "plugin_agent: " << printable(file.located(error.what(), app))
               << "\nRun with --help for more information.\n";
     end = why;
     return std::nullopt;

@@ -21,6 +21,12 @@ constexpr verb_row kVerbs[] = {
      "Asks the agent of this host how it is: subscriptions, what it freezes, handshakes, verdicts",
      "plugin_agent status\n  plugin_agent status -o json", agent_options::need::run_dir,
      show_status},
+    {"check",
+     "Checks, beside an agent or without one, what a snapshot needs: rights, hooks, file systems,\n"
+     "appliances and LUNs",
+     "plugin_agent check\n  plugin_agent check --config /etc/plugin_agent/plugin_agent.toml -o "
+     "json",
+     agent_options::need::all_unchecked, check},
     {"rehearse",
      "Brings this host to rest as for a snapshot, without an appliance, and thaws it: tests hooks",
      "plugin_agent rehearse --hooks /etc/plugin_agent/hooks --fs /srv/db\n"

@@ -15,6 +15,7 @@ namespace vexo::tools {
 // What plugin_agent does instead of serving appliances. Each prints its result to stdout, and
 // throws tool_error when there is none.
 exit_code show_status(const agent_options& options, interrupt& stop);
+exit_code check(const agent_options& options, interrupt& stop);
 exit_code rehearse(const agent_options& options, interrupt& stop);
 exit_code show_luns(const agent_options& options, interrupt& stop);
 

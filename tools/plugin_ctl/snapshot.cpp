@@ -363,6 +363,10 @@ void snapshot::require_luns() {
   const auto answers = call_all<LunCmd, LunCmdResp>(with_.stub(), &service_stub::LunOp, questions,
                                                     with_.stop, with_.limits());
   for (std::size_t i = 0; i < answers.size(); ++i) {
+    if (answers[i].interrupted) {
+      throw tool_error(
+          with_.interrupted("LunOp is_lun_support_req", "nothing is left behind: call it again"));
+    }
     if (!answers[i].answered() || answers[i].response.success()) continue;
     const std::string& lun = members_[i].lun.p80;
     const std::string reason =

@@ -1,10 +1,12 @@
 #include "plugin_freezer/report.h"
 
 #include <sys/socket.h>
+#include <syslog.h>
 
 #include <cerrno>
 #include <iostream>
 
+#include "common/journal.h"
 #include "common/text.h"
 #include "plugin_freezer/packets.h"
 
@@ -18,7 +20,8 @@ void reporter::send(const FreezerReport& report) {
 
 void reporter::say(const std::string& text, bool is_error) {
   if (socket_ < 0) {
-    lines_ += "plugin_freezer: " + printable(text).str() + "\n";
+    lines_ += journal_prefix(is_error ? LOG_ERR : LOG_WARNING) +
+              "plugin_freezer: " + printable(text).str() + "\n";
     return;
   }
   FreezerReport report;

@@ -60,6 +60,11 @@ std::string boot_id() {
   return id;
 }
 
+bool is_of_this_boot(const std::string& id) {
+  const std::string now = boot_id();
+  return id.empty() || now.empty() || id == now;
+}
+
 turn::turn(std::string directory) : directory_(std::move(directory)) {
   make_run_directory(directory_);
   const std::string path = directory_ + "/lock";
@@ -102,8 +107,8 @@ void turn::remove_record() const { unlink((directory_ + "/" + kRecord).c_str());
 std::chrono::steady_clock::time_point turn::not_before() const {
   RestRecord pause;
   read_message(directory_ + "/" + kPause, pause);
-  return pause.boot_id() == boot_id() ? from_ms(pause.until())
-                                      : std::chrono::steady_clock::time_point();
+  return is_of_this_boot(pause.boot_id()) ? from_ms(pause.until())
+                                          : std::chrono::steady_clock::time_point();
 }
 
 void turn::set_not_before(std::chrono::steady_clock::time_point time) const {

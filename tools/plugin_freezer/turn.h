@@ -48,8 +48,10 @@ class turn {
   unique_fd lock_;
 };
 
-// Differs from boot to boot; empty when it cannot be read.
+// Differs from boot to boot; empty when it cannot be read, as in a sandbox without /proc/sys.
 std::string boot_id();
+// Of a record's boot_id. True when it is not known: what may be frozen is looked at.
+bool is_of_this_boot(const std::string& id);
 
 }  // namespace vexo::tools
 
