@@ -23,7 +23,7 @@ NAME = "appliance"  # which stands for an IPv6 and an IPv4 address
 
 LISTED_SECONDS = 20  # for a plugin that is started
 LISTED_AGAIN_SECONDS = 45  # for one that has lost its connection: longer than the longest back-off
-END_SECONDS = 15  # for one that was told to end
+END_SECONDS = 30  # for one that was told to end
 SILENCE_SECONDS = 3  # without a question: the plugin has given up. It asks about once a second otherwise
 CONFIRM_SECONDS = 5  # for the question after the split
 

@@ -124,7 +124,7 @@ def test_a_hook_that_fails_ends_the_handshake(log, daemon, hooks, start_agent, p
     """The appliance is never told to split, and what was begun is undone."""
     hooks.add("20-b", "30-c")
     (hooks.block if hangs else hooks.fail)("20-b", phase)
-    agent = start_agent("--hooks", hooks.path, "--hook-timeout", "0.3")
+    agent = start_agent("--hooks", hooks.path, "--hook-timeout", "1")
     announced = daemon.call.begin(init_snapshot(LUN))
     if phase == "freeze":
         assert announced.result().success
@@ -132,7 +132,7 @@ def test_a_hook_that_fails_ends_the_handshake(log, daemon, hooks, start_agent, p
     record = agent.record()
     assert (record["verdict"], record["reason"]) == ("failed", f"{phase} hook 20-b " + (
         "exited with 3" if not hangs else
-        "took too long" if phase == "prepare" else "took longer than 0.3 s"))
+        "took too long" if phase == "prepare" else "took longer than 1 s"))
     # What is left of a killed hook could freeze something later, so it is thawed once more then.
     thaws = [run for run in hooks.take_runs() if run.endswith("thaw")]
     begun = ["30-c thaw"] * (phase == "freeze") + ["20-b thaw", "10-a thaw"]
@@ -157,6 +157,28 @@ def test_what_was_prepared_is_undone_when_the_mirror_comes_to_nothing(daemon, ho
     runs = []
     wait_until(lambda: runs.extend(hooks.take_runs()) or "10-a thaw" in runs)
     assert runs == ["10-a prepare", "20-b prepare", "20-b thaw", "10-a thaw"]
+
+
+def test_writes_metrics(daemon, hooks, start_agent):
+    page = pathlib.Path("/tmp/agent.prom")
+    agent = start_agent("--hooks", hooks.path, "--metrics", page)
+    daemon.call.whole_handshake()
+    agent.record()
+    hooks.fail("10-a", "freeze")
+    assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
+    agent.record(1)
+    failed = 'scsi_plugin_agent_handshakes_total{verdict="failed"} 1'
+    wait_until(lambda: failed in page.read_text())
+    lines = page.read_text().splitlines()
+    for line in ('scsi_plugin_agent_subscribed{appliance="127.0.0.1:3265"} 1',
+                 'scsi_plugin_agent_handshakes_total{verdict="application-consistent"} 1',
+                 'scsi_plugin_agent_frozen_seconds_bucket{le="60"} 2'):
+        assert line in lines
+    last, = (float(line.split()[1]) for line in lines if line.startswith("scsi_plugin_agent_last_success"))
+    assert time.time() - 60 < last <= time.time()
+    assert page.stat().st_mode & 0o777 == 0o644
+    agent.leave()
+    assert 'subscribed{appliance="127.0.0.1:3265"} 0' in page.read_text()
 
 
 def test_its_lines_have_priorities_in_the_journal(daemon, start_agent):
