@@ -159,6 +159,28 @@ def test_what_was_prepared_is_undone_when_the_mirror_comes_to_nothing(daemon, ho
     assert runs == ["10-a prepare", "20-b prepare", "20-b thaw", "10-a thaw"]
 
 
+def test_writes_metrics(daemon, hooks, start_agent):
+    page = pathlib.Path("/tmp/agent.prom")
+    agent = start_agent("--hooks", hooks.path, "--metrics", page)
+    daemon.call.whole_handshake()
+    agent.record()
+    hooks.fail("10-a", "freeze")
+    assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
+    agent.record(1)
+    failed = 'scsi_plugin_agent_handshakes_total{verdict="failed"} 1'
+    wait_until(lambda: failed in page.read_text())
+    lines = page.read_text().splitlines()
+    for line in ('scsi_plugin_agent_subscribed{appliance="127.0.0.1:3265"} 1',
+                 'scsi_plugin_agent_handshakes_total{verdict="application-consistent"} 1',
+                 'scsi_plugin_agent_frozen_seconds_bucket{le="60"} 2'):
+        assert line in lines
+    last, = (float(line.split()[1]) for line in lines if line.startswith("scsi_plugin_agent_last_success"))
+    assert time.time() - 60 < last <= time.time()
+    assert page.stat().st_mode & 0o777 == 0o644
+    agent.leave()
+    assert 'subscribed{appliance="127.0.0.1:3265"} 0' in page.read_text()
+
+
 def test_its_lines_have_priorities_in_the_journal(daemon, start_agent):
     """Whose device and inode the service manager names. The journal has the time of a line itself."""
     agent = start_agent(before=("sh", "-c", 'JOURNAL_STREAM=$(stat -Lc %d:%i /proc/self/fd/2) exec "$@"', "sh"))

@@ -12,7 +12,7 @@ import time
 import pytest
 
 from support import agent
-from support.calls import LUN, depart_done, init_snapshot, mirror_done
+from support.calls import LUN, OTHER_LUN, depart_done, init_snapshot, mirror_done
 from support.program import PLUGIN_AGENT, SANITIZED, SLACK, SOURCE, Program, exists, run
 from support.waiting import wait_until
 
@@ -198,6 +198,24 @@ def test_freezes_what_was_mounted_last_first(daemon, volume, hooks, make_volume,
     assert daemon.call.ask(depart_done(LUN))
     assert agent.record()["verdict"] == "filesystem-consistent"
     agent.leave()
+
+
+def test_metrics_on_the_frozen_file_system_keep_no_killed_agent(daemon, volume, start_agent):
+    """They are written when a handshake ends, but not then: who waits for a frozen file system cannot be
+    killed, and the freezer would thaw at its limit only."""
+    metrics = volume.path / "agent.prom"
+    agent = start_agent("--fs", volume.path, "--metrics", metrics, lun="any")
+    wait_until(metrics.exists)
+    daemon.call.go_to_split()
+    volume.wait_until_frozen()
+    for _ in range(2):  # the second ends the first
+        assert daemon.call.ask(init_snapshot(OTHER_LUN))
+        assert daemon.call.ask(depart_done(OTHER_LUN))
+    time.sleep(0.2)
+    volume.longest_stall()
+    agent.kill()
+    volume.wait_until_thawed()
+    assert volume.longest_stall() < 10, "thawed at the limit of 30 s only"
 
 
 def test_a_log_on_the_frozen_file_system_is_written_afterwards(daemon, volume):

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <exception>
+#include <map>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "common/command_fields.h"
@@ -15,6 +17,11 @@ namespace vexo::tools {
 
 using scsiplugin::PluginClient;
 using scsiplugin::PluginCmd;
+
+namespace {
+// Between two writes of the metrics at the latest: their file's age tells that the agent lives.
+constexpr std::chrono::seconds kMetricsPause{15};
+}  // namespace
 
 agent::agent(const agent_options& options) : options_(options) {
   PluginClient self;
@@ -32,10 +39,16 @@ agent::~agent() {
 }
 
 void agent::run(interrupt& stop) {
-  constexpr auto kForever = std::chrono::steady_clock::time_point::max();
+  using std::chrono::steady_clock;
+  const auto next_look = [this] {
+    return options_.metrics.empty() ? steady_clock::time_point::max()
+                                    : steady_clock::now() + kMetricsPause;
+  };
+  write_metrics();
   while (!stop.requested()) {
-    stop.wait({changed_.fd()}, kForever);
+    stop.wait({changed_.fd()}, next_look());
     join_ended();
+    write_metrics();
   }
   {
     const std::lock_guard lock(mutex_);
@@ -45,13 +58,36 @@ void agent::run(interrupt& stop) {
   }
   const int first = stop.count();
   while (!all_ended()) {
-    stop.wait({changed_.fd()}, kForever, stop.count());
+    stop.wait({changed_.fd()}, next_look(), stop.count());
     join_ended();
+    write_metrics();
     if (stop.count() > first) {
       const std::lock_guard lock(mutex_);
       for (const auto& one : running_) one.shake->stop_now();
     }
   }
+  write_metrics(true);
+}
+
+void agent::write_metrics(bool leaves) {
+  if (options_.metrics.empty()) return;
+  std::map<std::string, bool> subscribed;
+  for (std::size_t i = 0; i < subscriptions_.size(); ++i) {
+    subscribed[options_.appliances[i].text] =
+        !leaves && subscriptions_[i]->state().get().subscribed;
+  }
+  std::string trouble;
+  rests_.while_thawed([&] {
+    try {
+      metrics_.page(subscribed).write_to(options_.metrics);
+    } catch (const std::system_error& error) {
+      trouble = error.what();
+    }
+  });
+  if (!trouble.empty() && trouble != metrics_trouble_) {
+    agent_log().error("no metrics: {}", printable(trouble));
+  }
+  metrics_trouble_ = trouble;
 }
 
 void agent::on_command(const std::shared_ptr<appliance>& where, const PluginCmd& command) {
@@ -118,8 +154,11 @@ void agent::join_ended() {
     const std::lock_guard lock(mutex_);
     for (auto one = running_.begin(); one != running_.end();) {
       const auto next = std::next(one);
-      if (one->shake->over()) {
-        if (auto record = one->shake->record()) verdicts_.push_front(std::move(*record));
+      const bool is_over = one->shake->over();
+      auto record = one->shake->record();
+      if (record && !std::exchange(one->is_counted, true)) metrics_.count(*record);
+      if (is_over) {
+        if (record) verdicts_.push_front(std::move(*record));
         ended.splice(ended.end(), running_, one);
       }
       one = next;

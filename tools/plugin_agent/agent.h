@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <deque>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -14,6 +15,7 @@
 #include "agent_report.pb.h"
 #include "common/event.h"
 #include "common/interrupt.h"
+#include "plugin_agent/agent_metrics.h"
 #include "plugin_agent/appliance.h"
 #include "plugin_agent/handshake.h"
 #include "plugin_agent/host_rests.h"
@@ -54,18 +56,24 @@ class agent {
 
     const std::shared_ptr<appliance> where;
     const std::shared_ptr<handshake> shake;
+    bool is_counted = false;  // in metrics_; under agent::mutex_
     std::thread thread;
   };
 
   void on_command(const std::shared_ptr<appliance>& where, const scsiplugin::PluginCmd& command);
   void begin(const std::shared_ptr<appliance>& where, const scsiplugin::PluginCmd& command);
   void join_ended();
+  // Writes the file of --metrics; not while the host is at rest. `leaves`: for the last time.
+  void write_metrics(bool leaves = false);
   void add_handshakes(AgentStatus& status);
   bool all_ended();
 
   const agent_options& options_;
   host_rests rests_;
-  event changed_;  // raised when a handshake has ended
+  // Both used by the thread of run() only.
+  agent_metrics metrics_;
+  std::string metrics_trouble_;  // of the last attempt to write them
+  event changed_;                // raised when a handshake has ended
   std::mutex mutex_;
   std::list<running> running_;  // under mutex_; those of one LUN in the order in which they came
   std::deque<HandshakeRecord> verdicts_;  // under mutex_; of those that are over, the last first

@@ -12,6 +12,13 @@ host_rests::mirror_wait::~mirror_wait() {
   all_.waiting_.erase(all_.waiting_.find(&news_));
 }
 
+bool host_rests::while_thawed(const std::function<void()>& write) {
+  const std::lock_guard lock(mutex_);
+  if (const auto current = current_.lock(); current && !current->thawed()) return false;
+  write();
+  return true;
+}
+
 void host_rests::gather() {
   const std::lock_guard lock(mutex_);
   const auto now = clock::now();

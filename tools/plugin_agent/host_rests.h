@@ -2,6 +2,7 @@
 #define TOOLS_PLUGIN_AGENT_HOST_RESTS_H_
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -36,6 +37,11 @@ class host_rests {
     host_rests& all_;
     event& news_;
   };
+
+  // Calls `write`, which may touch any file system, unless this host is at rest or about to be; no
+  // rest begins meanwhile. An agent that waits for a frozen file system cannot even be killed, and
+  // its freezer would not learn that it has gone. Whether it was called.
+  bool while_thawed(const std::function<void()>& write);
 
   // A mirror is done: has the others ask about theirs.
   void gather();

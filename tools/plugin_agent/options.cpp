@@ -107,6 +107,9 @@ void declare(CLI::App& app, agent_options& options, words& given) {
   app.add_option("--run-dir", options.run_dir, "Where the record of a freeze is kept; on a tmpfs")
       ->type_name("DIR")
       ->capture_default_str();
+  app.add_option("--metrics", options.metrics,
+                 "Write metrics to this file, in the textfile folder of a Prometheus node exporter")
+      ->type_name("FILE");
   app.add_flag("--verbose", options.verbose, "Say more in the log");
   app.add_flag("--thaw-and-exit", options.thaw_and_exit,
                "Only thaw, now, what any agent of this host has frozen, and end");

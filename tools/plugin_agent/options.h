@@ -37,6 +37,7 @@ struct agent_options {
   std::chrono::milliseconds hook_timeout = std::chrono::seconds(10);
   std::chrono::milliseconds max_mirror = std::chrono::hours(1);
   std::string run_dir = "/run/plugin_agent";
+  std::string metrics;  // a file; empty for none
   bool verbose = false;
   bool thaw_and_exit = false;
   // What to do instead of serving, which options that needs, and how to print its result.

@@ -87,6 +87,11 @@ void quiesce::end(const std::string& who) {
   }
 }
 
+bool quiesce::thawed() {
+  const std::lock_guard lock(mutex_);
+  return thawed_ || !freezer_;
+}
+
 bool quiesce::over() {
   const std::lock_guard lock(mutex_);
   return gone_ || !freezer_;

@@ -61,6 +61,8 @@ class quiesce {
   void end(const std::string& who);
   // Ends the rest of all members without waiting.
   void thaw_now();
+  // Whether nothing is frozen by it any more.
+  bool thawed();
   // Whether nothing is left to do, not even for processes that may freeze something yet.
   bool over();
 
