@@ -169,7 +169,7 @@ def take_part(settings, verdicts):
                     "compare src_lun_p80 with the LUNs of the host")
     other.cancel()
     appliance.tell_to_end()
-    verdicts.attempt("unsubscribes", appliance.check_left, "no registration is left")
+    verdicts.attempt("unsubscribes", appliance.check_left)
 
 
 @trial(two_luns="two LUNs side by side")
@@ -323,7 +323,7 @@ def sigterm(settings, verdicts):
     def during_the_mirror():
         time.sleep(0.5)
         appliance.tell_to_end()
-        appliance.check_left()
+        return appliance.check_left()
 
     def at_rest():
         appliance.end(-1)
@@ -337,7 +337,7 @@ def sigterm(settings, verdicts):
             raise Missed("it ended while its departure stood: stay at rest until the split is over, or send "
                          "start_mirror before you thaw, or a bad copy counts as good")
         appliance.end()
-        appliance.check_left()
+        return f"it stayed at rest, or took its departure back; {appliance.check_left()}"
 
-    if verdicts.attempt("sigterm_mirror", during_the_mirror, "no registration is left"):
-        verdicts.attempt("sigterm_at_rest", at_rest, "it stayed at rest, or took its departure back")
+    if verdicts.attempt("sigterm_mirror", during_the_mirror):
+        verdicts.attempt("sigterm_at_rest", at_rest)

@@ -74,7 +74,7 @@ def test_plugins_that_are_right_pass(plugin):
     ("forgets its promise at SIGTERM", "sigterm_at_rest")])
 def test_each_fault_is_found(fault, failed):
     """With the trial that finds it the whole handshake is tried, in which nothing else must fail."""
-    status, found, _ = check_plugin("--patience", "10", *AT_REST, *LONGER, "--only",
+    status, found, _ = check_plugin("--patience", "20", *AT_REST, *LONGER, "--only",
                                     ",".join(["answers", *failed.split()]), "--",
                                     *WRONG, fault, "{lun}", "{appliance}")
     assert (status, set(found)) == (1, set(failed.split())), found

@@ -45,10 +45,10 @@ def start_and_ask(self):
     start_mirror(self)
 
 
-def wait_to_be_told(self, deadline):
+def wait_to_be_told(self, until):
     if not self._departed or not hasattr(self, "told"):
         self.told = True
-        return stands(self, deadline)
+        return stands(self, until)
     self._give_up.wait()
     return refuse()
 
