@@ -48,7 +48,8 @@ def parse(arguments):
     parser.add_argument("--patience", type=seconds, default=60, metavar="SECONDS",
                         help="for each answer of the plugin (60, as the daemon waits)")
     parser.add_argument("--split", type=seconds, default=35, metavar="SECONDS",
-                        help="of the long split (35): longer than the plugin stays at rest, if it has a limit")
+                        help="of the long split (35): longer than the plugin stays at rest, if it has a "
+                             "limit")
     parser.add_argument("--idle", type=seconds, default=33, metavar="SECONDS",
                         help="in which keepalive pings are looked for (33); 310 would find all")
     parser.add_argument("--logs", metavar="DIRECTORY",
@@ -83,15 +84,15 @@ def parse(arguments):
     return settings
 
 
-def kept_folders(settings):
+def kept_paths(settings):
     """Where the kit is, and where COMMAND and its files may be: a private /tmp does not hide those."""
     from support.program import BUILD, SOURCE
     folders = [pathlib.Path.cwd(), SOURCE, BUILD]
     for word in settings.command:
         path = pathlib.Path(word.rpartition("=")[2]).absolute()
         if path.exists():
-            folders.append(path if path.is_dir() else path.parent)
-    return [each for each in folders if each != pathlib.Path("/tmp")]
+            folders.append(path if path.is_dir() or path.parent == pathlib.Path("/tmp") else path.parent)
+    return folders
 
 
 def try_one(function, settings, pipe):
@@ -106,7 +107,7 @@ def try_one(function, settings, pipe):
     namespaces.end_with_parent()
     verdicts = Verdicts(settings.trials[function], say)
     try:
-        namespaces.enter(kept_folders(settings))
+        namespaces.enter(kept_paths(settings))
     except OSError as error:
         say(None, None, f"no namespaces to be had: {error}; be root, or let users make them "
                         "(sysctl kernel.unprivileged_userns_clone)")

@@ -41,8 +41,9 @@ class Relay:
             daemon = socket.create_connection(("127.0.0.1", PORT))
             with self._lock:
                 self._connections += [plugin, daemon]
-            for words in ((plugin, daemon, _PREFACE, self._from_plugin), (daemon, plugin, 0, self._to_plugin)):
-                threading.Thread(target=self._copy, args=words, daemon=True).start()
+            for how in ((plugin, daemon, _PREFACE, self._from_plugin),
+                        (daemon, plugin, 0, self._to_plugin)):
+                threading.Thread(target=self._copy, args=how, daemon=True).start()
 
     @staticmethod
     def _copy(source, target, preface, see):

@@ -27,7 +27,8 @@ const ask = async (request, ms = 5000) =>
 // Changes nothing. When there is a handshake the daemon would wait for its departure.
 const isGone = async () =>
   (await call('Publish', { task_id: lun, wait_for_depart_req: {} }, 1000))?.success === false;
-const pause = (since, first) => sleep(Math.min(Math.max((Date.now() - since) / 10, first), 1000));
+const pause = (since, first, most = 1000) =>
+  sleep(Math.min(Math.max((Date.now() - since) / 10, first), 1000, most));
 
 async function takePart(handshake) {
   const goOn = async (wait) => {
@@ -59,10 +60,10 @@ async function rest(handshake) {
     if (Date.now() - began > longestRest - hold) throw new Error('the freeze took too long');
     departed = true;
     while (departed && !handshake.superseded) {
-      const left = longestRest - 1000 - (Date.now() - began);
-      if (left <= 0) throw new Error('the split took too long');
-      departed = (await ask('depart_relation_req', Math.min(5000, left))) !== false;
-      if (departed) await pause(began, 10);
+      const left = () => longestRest - 1000 - (Date.now() - began);
+      if (left() <= 0) throw new Error('the split took too long');
+      departed = (await ask('depart_relation_req', Math.min(5000, left()))) !== false;
+      if (departed) await pause(began, 10, Math.max(left(), 0));
     }
     departed = false;
   } finally {

@@ -45,10 +45,10 @@ def start_and_ask(self):
     start_mirror(self)
 
 
-def wait_to_be_told(self, deadline):
+def wait_to_be_told(self, until):
     if not self._departed or not hasattr(self, "told"):
         self.told = True
-        return stands(self, deadline)
+        return stands(self, until)
     self._give_up.wait()
     return refuse()
 
@@ -78,12 +78,12 @@ FAULTS = {  # what is put in the place of what
     "never answers": (Plugin, "prepare", refuse),
     "starts the mirror again and again": (Handshake, "_ask", start_before_asking),
     "asks at once": (Handshake, "_start_mirror", start_and_ask),
-    "asks about the mirror all the time": (handshake, "_growing", lambda *_: 0.03),
+    "asks about the mirror all the time": (
+        handshake, "_growing", lambda so_far, first: 0 if so_far > 0.05 <= first else growing(so_far, first)),
     "asks about the split all the time": (
         handshake, "_growing", lambda so_far, first: 0 if first < 0.05 else growing(so_far, first)),
     "departs before the mirror is done": (Handshake, "_wait_for_mirror", lambda _: None),
-    "freezes after it has departed": (
-        Plugin, "freeze", lambda *_: threading.Timer(1, AT_REST.touch).start()),
+    "does not freeze": (Plugin, "freeze", lambda *_: None),
     "waits to be told the end": (Handshake, "_stands", wait_to_be_told),
     "never thaws": (Plugin, "thaw", lambda *_: None),
     "takes part for every LUN": (plugin, "frozenset", lambda _: Everything()),

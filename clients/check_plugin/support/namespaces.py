@@ -6,6 +6,7 @@ import os
 import pathlib
 import signal
 import socket
+import stat
 import struct
 import sys
 import traceback
@@ -99,7 +100,10 @@ def _private_tmp(kept):
     held = {each: os.open(each, os.O_PATH) for each in kept if str(each).startswith("/tmp/")}
     _mount("tmpfs", "/tmp", "tmpfs", _MS_NOSUID, "mode=1777")
     for each, fd in held.items():
-        each.mkdir(parents=True, exist_ok=True)
+        if stat.S_ISDIR(os.fstat(fd).st_mode):
+            each.mkdir(parents=True, exist_ok=True)
+        else:
+            each.touch()
         _mount(f"/proc/self/fd/{fd}", each, None, _MS_BIND | _MS_REC)
         os.close(fd)
 

@@ -23,7 +23,7 @@ _FIRST_LOOK, _LONGEST_LOOK = 10.0, 30.0
 _LOOK_TIMEOUT = 1.0
 # A departure is taken back twice: a depart_relation that timed out may arrive after the first time.
 _WITHDRAWAL_TIMEOUT, _WITHDRAWAL_PAUSE = 0.4, 0.1
-_WITHDRAWAL = 2 * _WITHDRAWAL_TIMEOUT + _WITHDRAWAL_PAUSE
+_WITHDRAWAL = 2 * (_WITHDRAWAL_TIMEOUT + _WITHDRAWAL_PAUSE)
 
 
 @dataclass(frozen=True)
@@ -142,11 +142,13 @@ class Handshake:
             if deadline - time.monotonic() < self._limits.hold:
                 raise GivenUp(f"the freeze took so long that less than {self._limits.hold:g} s were left")
             start = time.monotonic()
+            last_question = deadline - _WITHDRAWAL
             self._departed = True
-            if not self._stands(deadline):
+            if not self._stands(last_question):
                 raise GivenUp("the appliance no longer waits for the frozen host")
-            while self._stands(deadline):
-                self._at_once.wait(_growing(time.monotonic() - start, _FIRST_DEPART_PAUSE))
+            while self._stands(last_question):
+                now = time.monotonic()
+                self._at_once.wait(min(_growing(now - start, _FIRST_DEPART_PAUSE), last_question - now))
         finally:
             try:
                 if self._departed:
@@ -158,14 +160,14 @@ class Handshake:
             raise GivenUp("the connection was lost while the host was at rest: "
                           "a daemon that was started anew says no, too")
 
-    def _stands(self, deadline: float) -> bool:
+    def _stands(self, until: float) -> bool:
         """Departs, or asks whether the departure stands, until the daemon says so."""
         while True:
             if self._superseded:
                 self._departed = False
             if self._at_once.is_set():
                 self._check_news()
-            left = deadline - _WITHDRAWAL - time.monotonic()
+            left = until - time.monotonic()
             if left <= 0:
                 raise GivenUp("the split took too long")
             # Never later than the thaw: a plugin that was stopped in between must not promise a rest.
@@ -179,8 +181,9 @@ class Handshake:
 
     def _withdraw(self) -> None:
         for _ in range(2):
-            self._ask("start_mirror_req", _WITHDRAWAL_TIMEOUT)
-            time.sleep(_WITHDRAWAL_PAUSE)
+            if not self._superseded:
+                self._ask("start_mirror_req", _WITHDRAWAL_TIMEOUT)
+                time.sleep(_WITHDRAWAL_PAUSE)
 
     def _ask(self, request: str, timeout: float = CALL_TIMEOUT) -> Answer:
         body = {"task_id": self._snapshot.lun, "src_lun_id": self._snapshot.lun, "type": "LUN_TYPE_80"}

@@ -19,7 +19,7 @@ def _load() -> tuple[Any, dict[str, Any]]:
     pool = descriptor_pool.DescriptorPool()
     schema = importlib.resources.files(__package__).joinpath("contract.binpb").read_bytes()
     for file in descriptor_pb2.FileDescriptorSet.FromString(schema).file:
-        pool.Add(file)
+        pool.AddSerializedFile(file.SerializeToString())
     if hasattr(message_factory, "GetMessageClass"):
         make = message_factory.GetMessageClass
     else:  # protobuf before 4.22, as in Debian 12 and 13
