@@ -56,10 +56,11 @@ def test_options_exist():
                 assert not (name in known or line.startswith("--")) or given <= options, f"{document}: {line}"
 
 
-def test_the_man_page_has_every_verb():
+@pytest.mark.parametrize("file", ["plugin_ctl.1", "plugin_agent.8"])
+def test_the_man_page_has_every_verb(file):
     """And a line for its list of options, which packaging/man/page fills, if it has options."""
-    page = (SOURCE / "packaging/man/plugin_ctl.1").read_text()
-    options = {verb: own - {"--help"} for verb, own in options_of(PROGRAMS["plugin_ctl"]).items()
+    page = (SOURCE / "packaging/man" / file).read_text()
+    options = {verb: own - {"--help"} for verb, own in options_of(PROGRAMS[file.partition(".")[0]]).items()
                if verb not in ("", "lun", "publish")}
     assert set(re.findall(r"^\.Ss ([a-z -]+?)(?: Ar \w+)?$", page, re.M)) == set(options)
     assert set(re.findall(r'^\.\\" @options (.+)', page, re.M)) == {verb for verb, own in options.items() if own}

@@ -40,9 +40,15 @@ struct agent_options {
   std::string metrics;  // a file; empty for none
   bool verbose = false;
   bool thaw_and_exit = false;
-  // What to do instead of serving, which options that needs, and how to print its result.
+  // What to do instead of serving; empty for that.
   std::function<exit_code(const agent_options& options, interrupt& stop)> verb;
-  enum class need { run_dir, freezing, all_unchecked, all };
+  // Which options that needs.
+  enum class need {
+    run_dir,
+    freezing,       // all but --appliance and --lun
+    all_unchecked,  // all, as they are written: not compared with this host
+    all
+  };
   need needs = need::all;
   output_format format = output_format::table;
   std::chrono::milliseconds rehearse_for = std::chrono::seconds(1);
