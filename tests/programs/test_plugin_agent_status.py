@@ -48,7 +48,10 @@ def test_names_the_step(daemon, hooks, start_agent, step):
     start_agent("--hooks", hooks.path, "--max-freeze", "60", "--hook-timeout", "60")
     announced = go_to(step, daemon.call, hooks)
     wait_until(lambda: [(each["lun"], each["step"]) for each in status()["handshakes"]] == [(LUN, step)])
-    assert LUN in ask().out
+    hooks.add("90-late")
+    shown = ask().out
+    assert LUN in shown
+    assert ("90-late" in shown) == (step in ("prepare", "mirror")), "what may be frozen is not looked at"
     assert announced.done() or step == "prepare"
 
 

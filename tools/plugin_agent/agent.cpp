@@ -11,7 +11,6 @@
 #include "common/command_fields.h"
 #include "common/text.h"
 #include "plugin_agent/agent_log.h"
-#include "plugin_agent/host_facts.h"
 
 namespace vexo::tools {
 
@@ -23,7 +22,7 @@ namespace {
 constexpr std::chrono::seconds kMetricsPause{15};
 }  // namespace
 
-agent::agent(const agent_options& options) : options_(options) {
+agent::agent(const agent_options& options) : options_(options), facts_(options) {
   PluginClient self;
   self.set_plugin_id(options.plugin_id);
   self.set_type(options.type);
@@ -185,17 +184,15 @@ AgentStatus agent::status() {
   }
   *status.mutable_luns() = {options_.luns.begin(), options_.luns.end()};
   if (options_.any_lun) status.add_luns(kAnyLun);
-  std::string problem;
-  const auto hooks = hook_facts(options_, problem);
-  *status.mutable_hooks() = {hooks.begin(), hooks.end()};
-  status.set_hooks_problem(problem);
-  const auto file_systems = file_system_facts(options_);
-  *status.mutable_file_systems() = {file_systems.begin(), file_systems.end()};
-  add_handshakes(status);
+  if (add_handshakes(status)) facts_ = host_facts(options_);
+  *status.mutable_hooks() = {facts_.hooks.begin(), facts_.hooks.end()};
+  status.set_hooks_problem(facts_.hooks_problem);
+  *status.mutable_file_systems() = {facts_.file_systems.begin(), facts_.file_systems.end()};
   return status;
 }
 
-void agent::add_handshakes(AgentStatus& status) {
+bool agent::add_handshakes(AgentStatus& status) {
+  bool is_thawed = true;
   const std::lock_guard lock(mutex_);
   for (const auto& one : running_) {
     auto& shown = *status.add_handshakes();
@@ -203,9 +200,11 @@ void agent::add_handshakes(AgentStatus& status) {
     shown.set_appliance(one.where->name());
     shown.set_step(one.shake->step());
     shown.set_seconds(one.shake->age().count());
+    is_thawed = is_thawed && !one.shake->has_rest();
     if (const auto record = one.shake->record()) *status.add_last_verdicts() = *record;
   }
   for (const auto& record : verdicts_) *status.add_last_verdicts() = record;
+  return is_thawed;
 }
 
 bool agent::all_ended() {

@@ -18,6 +18,7 @@
 #include "plugin_agent/agent_metrics.h"
 #include "plugin_agent/appliance.h"
 #include "plugin_agent/handshake.h"
+#include "plugin_agent/host_facts.h"
 #include "plugin_agent/host_rests.h"
 #include "plugin_agent/options.h"
 #include "plugin_agent/subscription.h"
@@ -42,7 +43,8 @@ class agent {
   // when all are over. A second signal undoes them at once.
   void run(interrupt& stop);
 
-  // How it is, without asking an appliance. Any thread may call; no handshake waits for it.
+  // How it is, without asking an appliance, and without touching a file system that may be frozen.
+  // One thread at a time, any; no handshake waits for it.
   AgentStatus status();
 
  private:
@@ -65,7 +67,8 @@ class agent {
   void join_ended();
   // Writes the file of --metrics; not while the host is at rest. `leaves`: for the last time.
   void write_metrics(bool leaves = false);
-  void add_handshakes(AgentStatus& status);
+  // False when one of them has begun to bring the host to rest.
+  bool add_handshakes(AgentStatus& status);
   bool all_ended();
 
   const agent_options& options_;
@@ -78,6 +81,7 @@ class agent {
   std::list<running> running_;  // under mutex_; those of one LUN in the order in which they came
   std::deque<HandshakeRecord> verdicts_;  // under mutex_; of those that are over, the last first
   bool leaving_ = false;                  // under mutex_
+  host_facts facts_;                      // used by status() only
   const std::chrono::system_clock::time_point since_ = std::chrono::system_clock::now();
   std::vector<std::unique_ptr<subscription>> subscriptions_;
 };

@@ -402,6 +402,11 @@ void handshake::write_record() {
   record_ = std::move(record);
 }
 
+bool handshake::has_rest() {
+  const std::lock_guard lock(mutex_);
+  return rest_ && !over_;
+}
+
 std::optional<HandshakeRecord> handshake::record() {
   const std::lock_guard lock(mutex_);
   return record_;

@@ -50,6 +50,8 @@ class handshake {
   // As AgentStatus has it.
   const char* step() const { return step_; }
   std::chrono::duration<double> age() const { return clock::now() - start_; }
+  // Whether it has begun to bring the host to rest, and is not over.
+  bool has_rest();
   // Its verdict, once there is one.
   std::optional<HandshakeRecord> record();
   const std::string& lun() const { return command_.init_snapshot_req().src_lun_p80(); }

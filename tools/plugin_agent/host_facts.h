@@ -18,6 +18,15 @@ std::vector<HookFacts> hook_facts(const agent_options& options, std::string& pro
 // Those of --fs.
 std::vector<FileSystemFacts> file_system_facts(const agent_options& options);
 
+// Both.
+struct host_facts {
+  explicit host_facts(const agent_options& options)
+      : hooks(hook_facts(options, hooks_problem)), file_systems(file_system_facts(options)) {}
+  std::string hooks_problem;
+  std::vector<HookFacts> hooks;
+  std::vector<FileSystemFacts> file_systems;
+};
+
 // "2026-11-21T07:43:19Z"
 std::string utc_text(std::chrono::system_clock::time_point when);
 

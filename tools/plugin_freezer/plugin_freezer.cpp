@@ -63,7 +63,7 @@ class other_freezer {
     if (std::exchange(pid_, pid) != pid) since_ = steady_clock::now();
     if (look_at(pid).is_stopped()) kill(pid, SIGCONT);
     const auto record = turn_.record();
-    const bool is_known = record && is_of_this_boot(record->boot_id());
+    const bool is_known = record && is_of_this_boot(record->boot_id(), record->plan().run_dir());
     if (is_known && record->phase() == RestRecord::WATCHING) {
       say(pid,
           "waits for processes of an earlier rest that may freeze something yet; no other rest "

@@ -87,7 +87,7 @@ rest::rest(outside& world, turn& right, RestRecord left)
       is_ours_(false),
       record_(std::move(left)),
       environment_(environment_of(record_.plan())) {
-  if (!is_of_this_boot(record_.boot_id())) {
+  if (!is_of_this_boot(record_.boot_id(), record_.plan().run_dir())) {
     // Nothing is frozen any more, and what has these numbers now is something else.
     record_.clear_file_systems();
     record_.clear_processes();

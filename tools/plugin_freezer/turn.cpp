@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/text_format.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,7 +62,9 @@ std::string boot_id() {
   return id;
 }
 
-bool is_of_this_boot(const std::string& id) {
+bool is_of_this_boot(const std::string& id, const std::string& directory) {
+  struct statfs facts = {};
+  if (statfs(directory.c_str(), &facts) == 0 && facts.f_type == TMPFS_MAGIC) return true;
   const std::string now = boot_id();
   return id.empty() || now.empty() || id == now;
 }
@@ -107,8 +111,8 @@ void turn::remove_record() const { unlink((directory_ + "/" + kRecord).c_str());
 std::chrono::steady_clock::time_point turn::not_before() const {
   RestRecord pause;
   read_message(directory_ + "/" + kPause, pause);
-  return is_of_this_boot(pause.boot_id()) ? from_ms(pause.until())
-                                          : std::chrono::steady_clock::time_point();
+  return is_of_this_boot(pause.boot_id(), directory_) ? from_ms(pause.until())
+                                                      : std::chrono::steady_clock::time_point();
 }
 
 void turn::set_not_before(std::chrono::steady_clock::time_point time) const {
