@@ -231,6 +231,7 @@ def test_between_two_rests_the_host_is_thawed_as_long_as_it_was_frozen(volume):
     second.report("begun")
     assert time.monotonic() - left_at > frozen / 1000
     second.leave()
+    assert second.wait() == 0
 
 
 # --- what is frozen -------------------------------------------------------------------------------
