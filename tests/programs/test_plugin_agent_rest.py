@@ -56,8 +56,8 @@ def test_what_is_at_rest_for_another_is_not_thawed_with_what_was_prepared(log, d
     time.sleep(0.5)
     assert hooks.is_frozen("10-a") and stands(daemon)
     assert daemon.call.ask(depart_done(LUN))
-    assert agent.record()["verdict"] == "application-consistent"
-    assert agent.record(1)["verdict"] == "failed"
+    verdicts = {agent.record(index)["lun"]: agent.record(index)["verdict"] for index in (0, 1)}
+    assert verdicts == {LUN: "application-consistent", OTHER_LUN: "failed"}
     assert hooks.take_runs() == ["10-a prepare", "10-a freeze", "10-a prepare", "10-a thaw", "10-a thaw"]
 
 
