@@ -86,6 +86,11 @@ void handshake::run() {
   }
   try {
     undo_prepare();
+  } catch (const std::exception& error) {
+    agent_log().error("LUN {}: no `thaw` of the hooks that were prepared: {}", printable(lun()),
+                      printable(error.what()));
+  }
+  try {
     write_record();
   } catch (const std::exception& error) {
     agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), printable(verdict_),

@@ -9,6 +9,10 @@ from . import messages
 from .handshake import Limits, Snapshot
 from .subscription import Subscription
 
+# Seconds. Python runs signal handlers on the main thread, but the kernel may give a signal to another
+# one, as while that makes a thread. This does not wake the main thread, so that has to look.
+_LOOK = 0.5
+
 
 class HostPlugin:
     """Takes part in the snapshots of the host's LUNs. A host plugin is a subclass:
@@ -78,7 +82,10 @@ class HostPlugin:
             for subscription in self._subscriptions:
                 subscription.thread.start()
             while going_on:
-                ended = self._events.get()
+                try:
+                    ended = self._events.get(timeout=_LOOK)
+                except queue.Empty:
+                    continue
                 if ended is not None:
                     going_on.remove(ended)
                     continue
