@@ -10,7 +10,8 @@ import pytest
 from support.calls import LUN, LUN_NAA
 from support.program import PLUGIN_AGENT, run
 
-NAA = (3, 0, bytes.fromhex(LUN_NAA))
+SEEN_NAA = "60014051a2b3c4d5e6f7a8b9c0de1f2a"  # of LUN, as the kernel's target has it
+NAA = (3, 0, bytes.fromhex(SEEN_NAA))
 T10 = (1, 0, b"LIO-ORG finance:" + LUN.encode() + b"\0")
 EUI = (2, 0, bytes.fromhex("0011223344556677"))
 PORT = (3, 1, bytes.fromhex("5001405000000001"))  # an NAA too, and not the LUN's
@@ -68,29 +69,29 @@ def test_one_row_for_each_lun_with_what_is_mounted_on_it(volume):
         (disks.add(f"{name}/{name}1") / "partition").write_text("1\n")
     joined = disks.add("dm-0", below=["sda/sda1", "sdb/sdb1"])
     (joined / "dm").mkdir()
-    (joined / "dm/uuid").write_text(f"mpath-3{LUN_NAA}\n")
+    (joined / "dm/uuid").write_text(f"mpath-3{SEEN_NAA}\n")
     (joined / "dm/name").write_text("mpatha\n")
     disks.add("dm-1", device=f"{os.major(number)}:{os.minor(number)}", below=["dm-0"])
     disks.add("sdc", sectors=2 << 30, vpd_pg80=page_80("S1"), vendor="ATA     \n")
     disks.add("sr0", type="5\n", vpd_pg80=page_80("S2"))
     disks.add("vda")
     first, second = disks.listed()
-    assert (first["lun"], first["page_80"], first["page_83"]) == (LUN, LUN, LUN_NAA)
+    assert (first["lun"], first["page_80"], first["page_83"]) == (LUN, LUN, SEEN_NAA)
     assert (first["device"], first["paths"]) == ("/dev/mapper/mpatha", ["sda", "sdb"])
     assert (first["file_systems"], first["bytes"], first["vendor"]) == ([str(volume.path)], "16777216", "LIO-ORG")
     assert [each["association"] for each in first["designators"]] == ["LUN", "LUN", "port"]
     assert (second["lun"], second["device"], second["file_systems"]) == ("S1", "/dev/sdc", [])
     lines = run(PLUGIN_AGENT, "luns").out.splitlines()
-    assert lines[1].split() == [LUN, LUN_NAA, "/dev/mapper/mpatha", "sda,", "sdb", "16", "MiB", "LIO-ORG",
+    assert lines[1].split() == [LUN, SEEN_NAA, "/dev/mapper/mpatha", "sda,", "sdb", "16", "MiB", "LIO-ORG",
                                 str(volume.path)]
 
 
 def test_says_what_names_the_lun():
     disks = Disks()
-    named = [({"vpd_pg83": page_83(PORT, EUI, NAA)}, LUN_NAA), ({"vpd_pg83": page_83(T10, EUI)}, EUI[2].hex()),
+    named = [({"vpd_pg83": page_83(PORT, EUI, NAA)}, SEEN_NAA), ({"vpd_pg83": page_83(T10, EUI)}, EUI[2].hex()),
              ({"vpd_pg83": page_83(PORT, T10)}, T10[2][:-1].decode()), ({"vpd_pg83": page_83(PORT)}, ""),
              ({"vpd_pg80": page_80("  A 1 \0")}, "A 1"), ({"vpd_pg80": page_80("A\n\x1b")}, r"A\x0a\x1b"),
-             ({"wwid": f"naa.{LUN_NAA}\n", "scsi_level": "6\n"}, LUN_NAA), ({"scsi_level": "6\n"}, "")]
+             ({"wwid": f"naa.{SEEN_NAA}\n", "scsi_level": "6\n"}, SEEN_NAA), ({"scsi_level": "6\n"}, "")]
     for letter, (files, _) in zip("abcdefgh", named):
         disks.add(f"sd{letter}", model=f"{letter}\n", **files)
     assert [lun["lun"] for lun in disks.listed()] == [name for _, name in named]
@@ -122,5 +123,6 @@ def test_check_compares_the_luns_with_the_disks(volume):
                 if each["what"] == f"LUN {lun}"][1:]  # what the appliances say comes first
     assert found(LUN, "--fs", volume.path) == [("OK", f"is /dev/sda, with {volume.path}")]
     assert found(LUN) == [("WARNING", f"is /dev/sda, and {volume.path} on it is not frozen")]
-    assert [result for result, _ in found(LUN_NAA, "--fs", volume.path)] == ["WARNING", "OK"]
+    for naa in (SEEN_NAA, LUN_NAA):  # the latter is the daemon's
+        assert [result for result, _ in found(naa, "--fs", volume.path)] == ["WARNING", "OK"]
     assert found("other") == [("WARNING", "is no SCSI disk of this host")]

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "common/errors.h"
+#include "common/lun_naa.h"
 #include "common/subscribe_call.h"
 #include "common/text.h"
 #include "plugin_agent/appliance.h"
@@ -172,7 +173,7 @@ void check_listing(const agent_options& options, appliance_findings& result,
 
 bool is_disk(const HostLun& disk, const std::string& lun) {
   const auto& all = disk.designators();
-  return disk.page_80() == lun ||
+  return disk.page_80() == lun || naa_of(disk.page_80()) == lun ||
          std::any_of(all.begin(), all.end(), [&](const auto& one) { return one.id() == lun; });
 }
 

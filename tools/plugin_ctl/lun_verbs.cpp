@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/lun_naa.h"
 #include "report.pb.h"
 #include "verbs.h"
 
@@ -89,16 +90,6 @@ void add_lun_verb(CLI::App& lun, session& with, const lun_verb& row) {
                         "The LUN by its page-83h identifier, as `plugin_ctl lun naa` prints it")
                    ->type_name("NAA");
   either->require_option(1);
-}
-
-// The NAA that the daemon derives from a UUID: the vendor's prefix, then the first 25 characters of
-// the UUID with each '-', which is no hex digit, replaced by 'd'.
-std::string naa_of(const std::string& uuid) {
-  std::string naa = "6001405" + uuid.substr(0, 25);
-  for (char& c : naa) {
-    if (c == '-') c = 'd';
-  }
-  return naa;
 }
 
 // For an option's check().
