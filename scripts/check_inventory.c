@@ -1,4 +1,5 @@
-// Loads the inventory as the daemon does, for scripts/run. What is wrong with it is written to stderr.
+// Loads the inventory as the daemon does, for scripts/run. What is wrong with it is written to
+// stderr.
 
 #include <stddef.h>
 #include <syslog.h>

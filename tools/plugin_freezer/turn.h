@@ -50,9 +50,9 @@ class turn {
 
 // Differs from boot to boot; empty when it cannot be read, as in a sandbox without /proc/sys.
 std::string boot_id();
-// Of a record in `directory` with the boot_id `id`. What is in memory only has been written since the
-// boot: there the id is not looked at, which a container may see differently in a sandbox. True also
-// when an id is not known: what may be frozen is looked at.
+// Of a record in `directory` with the boot_id `id`. What is in memory only has been written since
+// the boot: there the id is not looked at, which a container may see differently in a sandbox. True
+// also when an id is not known: what may be frozen is looked at.
 bool is_of_this_boot(const std::string& id, const std::string& directory);
 
 }  // namespace vexo::tools
