@@ -11,11 +11,11 @@ from plugin_cmd_pb2 import PluginClient
 from plugin_service_pb2_grpc import PluginServiceStub
 from support.calls import TCP, channel_to
 from support.guard import guard_status, reported
-from support.program import PLUGIN_GUARD, SCSI_PLUGIN_SERVER, Program, run
+from support.program import PLUGIN_GUARD, SANITIZED, SCSI_PLUGIN_SERVER, Program, run
 from support.waiting import wait_until
 
-FAIL_AFTER = 1.5
-QUICK = ("--fail-after", FAIL_AFTER, "--timeout", "0.4")
+FAIL_AFTER = 3 if SANITIZED else 1.5
+QUICK = ("--fail-after", FAIL_AFTER, "--timeout", FAIL_AFTER / 3.75)
 SOCKET = pathlib.Path("/tmp/iscsi/plugin_server.sock")
 
 

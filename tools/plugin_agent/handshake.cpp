@@ -49,7 +49,7 @@ milliseconds growing_pause(std::chrono::steady_clock::duration so_far, milliseco
                     most);
 }
 
-// Ends the handshake; the reason of its verdict.
+// Thrown to end the handshake. what() is the reason in its verdict.
 class given_up : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -304,7 +304,7 @@ void handshake::come_to_rest() {
 
 void handshake::depart() {
   step_ = "depart";
-  connection_was_lost();  // what was before does not matter any more
+  connection_was_lost();  // ignore earlier losses
   for (;;) {
     const auto news = wait(clock::now());
     if (news.stop) throw given_up("the agent was told to stop");
@@ -438,7 +438,8 @@ appliance::answer handshake::ask_depart() {
   body.set_task_id(command_.task_id());
   body.set_type(scsiplugin::LUN_TYPE_80);
   body.set_src_lun_id(lun());
-  // Never later than the thaw: an agent that was stopped in between must not promise a quiet host.
+  // Not later than the thaw: an agent that was stopped meanwhile must not say that the host is at
+  // rest.
   const auto left = std::chrono::ceil<milliseconds>(rest_->deadline() - clock::now());
   return appliance_->lun_op(question, std::min(kCallTimeout, left));
 }

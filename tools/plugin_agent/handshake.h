@@ -23,19 +23,20 @@
 namespace vexo::tools {
 
 // The host's side of one snapshot of one LUN, from the announcement to the verdict in the log.
-// Several run at once, on a thread each. Those that are ready at the same time share one rest of
-// the host; the others take turns.
+// Several run at the same time, each on its own thread. Those that are ready at the same time share
+// one rest of the host; the others take turns.
 class handshake {
  public:
   handshake(const agent_options& options, host_rests& rests, std::shared_ptr<const appliance> where,
             scsiplugin::PluginCmd command);
 
-  // All of it. Blocks for as long as the mirror takes.
+  // Takes part in the handshake until its end. Blocks for as long as the mirror takes.
   void run();
 
   // The following may be called by any thread, at any time.
 
-  // Give up, unless the appliance may already be splitting the mirror: then hold out to the end.
+  // Gives up. Once the appliance may be splitting the mirror, the host stays at rest until that is
+  // over instead.
   void stop();
   // Give up in any case, and thaw.
   void stop_now();
@@ -44,7 +45,7 @@ class handshake {
   // The appliance announces another snapshot of the LUN, so this one is over.
   void superseded();
 
-  // Whether run() is through.
+  // Whether run() has returned.
   bool over() const { return over_; }
   void wait_until_over() const { over_.wait(false); }
   // As AgentStatus has it.
@@ -92,13 +93,14 @@ class handshake {
   // Whether the connection was lost since the last time that this was asked.
   bool connection_was_lost();
 
-  // The freezer goes on alone for as long as something may freeze yet; what it says is for the log.
+  // The freezer may run on after the rest, while a process may still freeze something. What it says
+  // is logged.
   void hear_the_freezer_out();
 
   void tell(void (*change)(news_flags&));
   // Blocks until there is news, `fd` is readable, or `until`; then the news.
   news_flags wait(clock::time_point until, int fd = -1);
-  // The same, for the time in which giving up costs nothing: throws when it is asked for.
+  // As wait(), while nothing is frozen yet: throws given_up when the handshake is to end.
   void wait_or_give_up(clock::time_point until, int fd = -1);
 
   const agent_options& options_;

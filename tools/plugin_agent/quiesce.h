@@ -43,7 +43,8 @@ class quiesce {
 
   // Starts the freezer, which waits for its turn, with plan.member() as the first member. Each
   // member's `news` is raised when one of its questions may have another answer; it must live until
-  // end(). A plan of nothing is at rest at once, and for as long as any. Throws std::runtime_error.
+  // end(). With an empty plan the host is at rest at once and without limit. Throws
+  // std::runtime_error.
   quiesce(const FreezerPlan& plan, event& news);
   ~quiesce();
   quiesce(const quiesce&) = delete;
@@ -63,10 +64,10 @@ class quiesce {
   void thaw_now();
   // Whether nothing is frozen by it any more.
   bool thawed();
-  // Whether nothing is left to do, not even for processes that may freeze something yet.
+  // Whether everything is over, also the watch over processes that may still freeze something.
   bool over();
 
-  // When the rest ends at the latest; unknown, and far away, until the freezer has its turn.
+  // The latest end of the rest; time_point::max() until the freezer has its turn.
   clock::time_point deadline();
   // When everything was frozen; at_rest() has been true.
   clock::time_point since();
