@@ -41,7 +41,7 @@ bool has_control_character(const std::string& text) {
 std::vector<std::string> refusals(const hook_listing& listing) {
   std::vector<std::string> sentences;
   for (const auto& [name, reason] : listing.refused) {
-    sentences.push_back("hook " + name + " is refused: " + reason);
+    sentences.push_back(std::string("hook ").append(name).append(" is refused: ").append(reason));
   }
   return sentences;
 }

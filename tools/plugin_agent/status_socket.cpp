@@ -30,7 +30,7 @@ constexpr mode_t kOwnMode = 0600;
 constexpr mode_t kMode = 0660;
 constexpr int kBacklog = 16;
 constexpr std::chrono::milliseconds kPatience{5000};
-constexpr std::chrono::milliseconds kPause{200};  // when no descriptor is left to accept with
+constexpr std::chrono::milliseconds kAcceptPause{200};  // when no descriptor is left to accept with
 
 std::string path_of(const std::string& run_dir, int pid) {
   return run_dir + "/" + std::string(kPrefix) + std::to_string(pid) + std::string(kSuffix);
@@ -153,7 +153,7 @@ void status_socket::serve() {
     if (stop_.raised()) return;
     const unique_fd client(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!client) {
-      if (errno != EAGAIN && errno != ECONNABORTED && wait_for(stop_, stop_, kPause)) return;
+      if (errno != EAGAIN && errno != ECONNABORTED && wait_for(stop_, stop_, kAcceptPause)) return;
       continue;
     }
     try {
