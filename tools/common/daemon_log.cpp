@@ -6,7 +6,10 @@
 #include <chrono>
 #include <cstdint>
 #include <exception>
+#include <future>
 #include <memory>
+#include <thread>
+#include <utility>
 
 namespace vexo::tools {
 
@@ -16,6 +19,8 @@ namespace {
 constexpr char kByDaemon[] = "SYSLOG_IDENTIFIER=scsi_plugin_server";
 // A busy daemon logs some lines for each of its calls. More are not read, to be quick.
 constexpr int kMostLines = 20000;
+// A journal on a disk that hangs is left to its thread.
+constexpr std::chrono::seconds kReadTime{1};
 
 struct closes {
   void operator()(sd_journal* journal) const { sd_journal_close(journal); }
@@ -53,7 +58,9 @@ std::optional<std::string> pushed_host(std::string_view log_line) {
   return std::string(id) + " (" + std::string(log_line.substr(address + kAddress.size())) + ")";
 }
 
-std::string last_pushed_host() try {
+namespace {
+
+std::string read_last_pushed_host() {
   sd_journal* opened = nullptr;
   if (sd_journal_open(&opened, SD_JOURNAL_LOCAL_ONLY | SD_JOURNAL_SYSTEM) < 0) return "";
   const std::unique_ptr<sd_journal, closes> journal(opened);
@@ -68,6 +75,15 @@ std::string last_pushed_host() try {
     }
   }
   return "";
+}
+
+}  // namespace
+
+std::string last_pushed_host() try {
+  std::packaged_task<std::string()> read(read_last_pushed_host);
+  auto host = read.get_future();
+  std::thread(std::move(read)).detach();
+  return host.wait_for(kReadTime) == std::future_status::ready ? host.get() : "";
 } catch (const std::exception&) {
   return "";
 }

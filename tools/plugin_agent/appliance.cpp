@@ -122,11 +122,14 @@ std::string appliance::name() const {
 
 appliance::answer appliance::lun_op(const scsiplugin::LunCmd& request,
                                     std::chrono::milliseconds timeout) const {
+  // Before the context, which holds the channel too, and must not be the last: it lets go of it
+  // within the library, unseen by ThreadSanitizer.
+  const auto daemon = stub();
   grpc::ClientContext context;
   set_timeout(context, timeout);
   scsiplugin::LunCmdResp response;
   answer result;
-  result.status = stub()->LunOp(&context, request, &response);
+  result.status = daemon->LunOp(&context, request, &response);
   result.yes = result.status.ok() && response.success();
   return result;
 }
