@@ -12,7 +12,7 @@ from plugin_cmd_pb2 import PluginClient, PluginClientList, PluginCmd
 from plugin_service_pb2_grpc import PluginServiceServicer
 from support.agent import go_to
 from support.calls import (LUN, LUN_NAA, OTHER_LUN, depart_done, init_snapshot, mirror_done, serve,
-                           start_mirror, wait_for_depart)
+                           start_mirror)
 from support.program import PLUGIN_AGENT, Program, run
 from support.waiting import wait_until
 

@@ -11,7 +11,7 @@ import time
 import pytest
 
 from support.calls import LUN, depart_done, init_snapshot, mirror_done
-from support.program import PLUGIN_AGENT, PLUGIN_FREEZER, SLACK, SOURCE, Program, exists, run
+from support.program import PLUGIN_AGENT, PLUGIN_FREEZER, SLACK, SOURCE, Program, run
 from support.volume import mount_image
 from support.waiting import wait_until
 
