@@ -147,6 +147,21 @@ def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, vol
     slow.wait_until_thawed()
 
 
+def test_a_freeze_whose_process_somebody_kills_is_thawed(make_volume):
+    """The kernel completes it before the process ends."""
+    slow = make_volume("/tmp/slow", stalling=True)
+    slow.stall()
+    freezer = Freezer(slow.path, max_freeze=60000, waits=False)
+    wait_until(lambda: RECORD.exists() and "processes {" in RECORD.read_text())
+    time.sleep(0.3)  # in the kernel by then
+    children, = pathlib.Path(f"/proc/{freezer.pid}/task").glob("*/children")
+    os.kill(int(children.read_text()), signal.SIGKILL)
+    slow.resume()
+    assert b"somebody killed" in freezer.report("thawed").reason
+    slow.wait_until_thawed()
+    assert freezer.wait() == 0 and not RECORD.exists()
+
+
 # --- bounds ---------------------------------------------------------------------------------------
 
 def test_a_thaw_hook_that_hangs_keeps_nothing_else_frozen(daemon, volume, start_agent):

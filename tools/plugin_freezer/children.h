@@ -15,6 +15,10 @@
 
 namespace vexo::tools {
 
+// Whether an exit code is that of a child which a signal has ended. One that was in a system call
+// may have completed it.
+inline bool is_signal(int exit_code) { return exit_code > 128; }
+
 struct child {
   using clock = std::chrono::steady_clock;
 

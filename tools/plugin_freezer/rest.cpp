@@ -257,8 +257,9 @@ void rest::freeze_file_systems() {
       const int error = frozen(volumes_[i]);
       if (error == 0) continue;
       refusal = volumes_[i].facts.mount_point() + " cannot be frozen: " +
-                (error == EBUSY ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
-                                : std::generic_category().message(error)) +
+                (error == EBUSY     ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
+                 : is_signal(error) ? "somebody killed the process that froze it"
+                                    : std::generic_category().message(error)) +
                 (error == EPERM ? " (the agent needs CAP_SYS_ADMIN)" : "");
     }
     if (!refusal.empty()) throw over(refusal, true);
@@ -267,7 +268,7 @@ void rest::freeze_file_systems() {
 
 int rest::frozen(volume& one) {
   const int error = *std::exchange(one.freezing, nullptr)->exit_code;
-  if (error != 0) one.may_be_frozen = false;
+  if (error != 0 && !is_signal(error)) one.may_be_frozen = false;
   return error;
 }
 

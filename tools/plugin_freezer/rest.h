@@ -71,13 +71,17 @@ class rest {
   void run_commands();
   void thaw_again();
   void start_thawing(volume& one);
+  // Notes the result of a FITHAW that has ended; kills one that has not.
   void settle(volume& one);
+  // `error`: of a FITHAW, 0 or an errno.
+  void note_thaw(volume& one, int error);
+  bool is_certain() const;
   // Runs `thaw` of these, which are in the order of freezing; returns those that have failed.
   std::vector<int> thaw_hooks(const std::vector<int>& which);
   void await_lingering(clock::time_point until);
   // Waits for what may freeze something yet, and undoes it.
   void watch();
-  void tell_thawed();
+  void tell_thawed(bool certain);
   void write_record();
   void write_processes(const std::vector<process>& all);
 
@@ -90,14 +94,14 @@ class rest {
   RestRecord record_;
   std::vector<std::string> environment_;
   std::vector<volume> volumes_;
-  bool is_stacked_ = true;        // the volumes have to be frozen one after the other
-  std::string disturbed_;         // a mount point that somebody else has thawed
-  bool is_told_to_thaw_ = false;  // by the agent, whoever has joined
-  std::string reason_;            // why the host was not at rest all the time; empty when it was
-  bool certain_ = true;           // that everything is thawed
-  child* freezing_ = nullptr;     // the step under way
-  bool is_told_ = false;          // that the host is thawed
-  bool is_late_ = false;          // a killed step outlasts the thaw
+  bool is_stacked_ = true;         // the volumes have to be frozen one after the other
+  std::string disturbed_;          // a mount point that somebody else has thawed
+  bool is_told_to_thaw_ = false;   // by the agent, whoever has joined
+  std::string reason_;             // why the host was not at rest all the time; empty when it was
+  std::vector<int> failed_hooks_;  // the hooks whose `thaw` failed twice, in the order of freezing
+  child* freezing_ = nullptr;      // the step under way
+  bool is_told_ = false;           // that the host is thawed
+  bool is_late_ = false;           // a killed step outlasts the thaw
   clock::time_point thawed_at_;
 };
 

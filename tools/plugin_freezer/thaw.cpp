@@ -51,19 +51,24 @@ void rest::thaw(bool asked) {
     }
   }
   if (!asked) run_commands();
-  const bool was_dying = !world_.programs.lingering().empty();
+  const auto any_lingers = [&] { return !world_.programs.lingering().empty(); };
+  bool is_again_needed = any_lingers();
   thaw_file_systems();
+  is_again_needed = is_again_needed || any_lingers();
   await_lingering(clock::now() + kDyingTime);
-  is_late_ = !world_.programs.lingering().empty();
-  if (was_dying && !is_late_) thaw_again();
+  is_late_ = any_lingers();
+  if (is_again_needed && !is_late_) {
+    thaw_again();
+    is_late_ = any_lingers();
+  }
 
   // Also of those that were not to freeze yet: their `prepare` is undone by it.
   std::vector<int> all(record_.plan().hooks_size());
   std::iota(all.begin(), all.end(), 0);
-  const auto failed = thaw_hooks(all);
-  if (!failed.empty()) {
+  failed_hooks_ = thaw_hooks(all);
+  if (!failed_hooks_.empty()) {
     world_.report.error("a thaw hook failed; it is run once more");
-    if (!thaw_hooks(failed).empty() && is_ours_) certain_ = false;
+    failed_hooks_ = thaw_hooks(failed_hooks_);
   }
   thawed_at_ = clock::now();
   const auto lasted = std::chrono::floor<milliseconds>(thawed_at_ - from_ms(record_.begun()));
@@ -77,9 +82,16 @@ void rest::thaw(bool asked) {
   } catch (const std::system_error& error) {
     world_.report.error(error.what());
   }
-  if (certain_) turn_.remove_record();
+  if (is_certain()) turn_.remove_record();
   turn_.give_back();
-  tell_thawed();
+  tell_thawed(is_certain());
+}
+
+bool rest::is_certain() const {
+  // The hooks of an earlier agent may be gone for good.
+  return (failed_hooks_.empty() || !is_ours_) &&
+         std::none_of(volumes_.begin(), volumes_.end(),
+                      [](const volume& one) { return one.may_be_frozen; });
 }
 
 void rest::undo_prepare() {
@@ -95,7 +107,7 @@ bool rest::recover() {
   }
   world_.programs.watch(left);
   thaw(false);
-  return certain_;
+  return is_certain();
 }
 
 void rest::run_commands() {
@@ -145,7 +157,7 @@ void rest::start_thawing(volume& one) {
   try {
     one.thawing = &world_.programs.fork_call(call, [](pid_t) {});
   } catch (const std::system_error&) {  // no process to be had
-    if (call() == 0) one.may_be_frozen = false;
+    note_thaw(one, call());
   }
 }
 
@@ -155,7 +167,12 @@ void rest::settle(volume& one) {
     if (!one.thawing->killed) world_.programs.kill(*one.thawing);
     return;
   }
-  const int error = *std::exchange(one.thawing, nullptr)->exit_code;
+  const child& call = *std::exchange(one.thawing, nullptr);
+  if (call.killed) return;  // by this program, which thaws again when it is gone
+  note_thaw(one, is_signal(*call.exit_code) ? EINTR : *call.exit_code);
+}
+
+void rest::note_thaw(volume& one, int error) {
   const std::string& mount_point = one.facts.mount_point();
   if (error == 0 || error == EINVAL) one.may_be_frozen = false;
   if (error == 0) {
@@ -166,13 +183,11 @@ void rest::settle(volume& one) {
     if (is_ours_) disturbed_ = mount_point;
     if (is_ours_ && reason_.empty()) reason_ = "somebody else has thawed " + mount_point;
   } else if (error == ENODEV) {
-    certain_ = false;
     world_.report.error("the file system on " + one.facts.source() + " that was mounted at " +
                         mount_point +
                         " may be frozen, and is mounted nowhere; mount it anywhere, then run "
                         "\"plugin_freezer --thaw\"");
-  } else if (error < 128) {  // otherwise killed, and looked at again when it is gone
-    certain_ = false;
+  } else {
     world_.report.error(mount_point +
                         " cannot be thawed: " + std::generic_category().message(error) +
                         "; try \"fsfreeze --unfreeze " + mount_point + "\"");
@@ -222,9 +237,7 @@ void rest::watch() {
         ids + ")");
     record_.set_phase(RestRecord::WATCHING);
     record_.set_until(0);
-    certain_ = false;
-    tell_thawed();
-    certain_ = true;
+    tell_thawed(false);
   }
   for (std::size_t written = 0; !left.empty(); left = world_.programs.lingering()) {
     if (written != left.size()) {
@@ -244,7 +257,12 @@ void rest::watch() {
   }
   if (!is_late_) return;
   thaw_again();
-  if (record_.hooks_started() > 0) thaw_hooks({record_.hooks_started() - 1});
+  const int last = record_.hooks_started() - 1;
+  if (last >= 0 && std::count(failed_hooks_.begin(), failed_hooks_.end(), last) == 0) {
+    failed_hooks_.push_back(last);
+    std::sort(failed_hooks_.begin(), failed_hooks_.end());
+  }
+  failed_hooks_ = thaw_hooks(failed_hooks_);
   thawed_at_ = clock::now();
   world_.report.warn("what was waited for is gone; thawed again");
 }
@@ -252,20 +270,21 @@ void rest::watch() {
 // A freeze that was under way at the first thaw may have completed after it.
 void rest::thaw_again() {
   for (auto& one : volumes_) {
+    if (one.thawing != nullptr && one.thawing->ended()) settle(one);
     const bool was_freezing = std::exchange(one.freezing, nullptr) != nullptr;
     one.may_be_frozen = one.may_be_frozen || was_freezing || !is_ours_;
   }
   thaw_file_systems();
 }
 
-void rest::tell_thawed() {
+void rest::tell_thawed(bool certain) {
   if (std::exchange(is_told_, true)) return;
   answer_requests(false);
   FreezerReport report;
   report.mutable_thawed()->set_frozen_ms(
       std::chrono::ceil<milliseconds>(thawed_at_ - from_ms(record_.begun())).count());
   report.mutable_thawed()->set_reason(reason_);
-  report.mutable_thawed()->set_certain(certain_);
+  report.mutable_thawed()->set_certain(certain);
   report.mutable_thawed()->set_disturbed(disturbed_);
   world_.report.send(report);
 }
