@@ -145,7 +145,9 @@ void quiesce::listen() {
       freezer_->kill();
       const std::lock_guard lock(mutex_);
       reason_ = "the freezer did not answer";
-      thawing_until_ = deadline_ = clock::time_point::max();
+      thawing_ = true;
+      thawing_until_ = clock::time_point::max();
+      raise_all();
     }
     if (watched[1].revents != 0) return;
     while (const auto report = freezer_->receive(gone)) take(*report);
