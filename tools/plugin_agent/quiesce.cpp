@@ -123,6 +123,11 @@ std::vector<hook_run> quiesce::runs() {
   return runs_;
 }
 
+std::vector<file_system_freeze> quiesce::file_systems() {
+  const std::lock_guard lock(mutex_);
+  return file_systems_;
+}
+
 std::vector<std::string> quiesce::others(const std::string& who) {
   const std::lock_guard lock(mutex_);
   std::vector<std::string> names;
@@ -183,6 +188,11 @@ void quiesce::take(const FreezerReport& report) {
     case FreezerReport::kHook:
       runs_.push_back(report.hook());
       break;
+    case FreezerReport::kFileSystem: {
+      const auto& one = file_systems_.emplace_back(report.file_system());
+      agent_log().debug("{} was frozen within {} ms", printable(one.mount_point()), one.ms());
+      break;
+    }
     case FreezerReport::kBegun:
       begun_ = true;
       begun_at_ = clock::now();

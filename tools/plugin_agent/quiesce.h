@@ -20,6 +20,7 @@
 namespace vexo::tools {
 
 using hook_run = FreezerReport::HookRun;
+using file_system_freeze = FreezerReport::FileSystemFreeze;
 
 // Why the host was not at rest, or did not stay so, as a phrase for a person.
 class quiesce_error : public std::runtime_error {
@@ -76,6 +77,8 @@ class quiesce {
   // Of that, until everything was frozen; 0 when it never was.
   std::chrono::milliseconds freeze_took();
   std::vector<hook_run> runs();
+  // Of each file system that was frozen.
+  std::vector<file_system_freeze> file_systems();
   // The names of the others that have been members.
   std::vector<std::string> others(const std::string& who);
 
@@ -114,6 +117,7 @@ class quiesce {
   std::string disturbed_;   // what somebody else has thawed
   std::chrono::milliseconds frozen_for_{};
   std::vector<hook_run> runs_;
+  std::vector<file_system_freeze> file_systems_;
   std::optional<log_hold> hold_;
   std::optional<without_core_dump> no_core_dump_;
 

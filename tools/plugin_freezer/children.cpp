@@ -116,6 +116,7 @@ child& children::fork_call(const std::function<int()>& call,
   }
   auto& added = add(pid);
   recorded(pid);
+  added.start = clock::now();
   if (write(gate.write.get(), "", 1) != 1)
     throw std::system_error(errno, std::generic_category(), "pipe");
   return added;

@@ -23,7 +23,7 @@ struct child {
   using clock = std::chrono::steady_clock;
 
   pid_t pid = -1;
-  clock::time_point start;
+  clock::time_point start;                                // of the program, or of the call
   clock::time_point deadline = clock::time_point::max();  // it is killed then
   bool killed = false;
   std::optional<int> exit_code;  // when it has ended: its own, or 128 and a signal's number

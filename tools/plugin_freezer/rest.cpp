@@ -254,8 +254,16 @@ void rest::freeze_file_systems() {
     write_processes({});
     std::string refusal;
     for (std::size_t i = begin; i < begin + at_once; ++i) {
+      const child& step = *volumes_[i].freezing;
       const int error = frozen(volumes_[i]);
-      if (error == 0) continue;
+      if (error == 0) {
+        FreezerReport report;
+        auto& done = *report.mutable_file_system();
+        done.set_mount_point(volumes_[i].facts.mount_point());
+        done.set_ms(std::chrono::ceil<milliseconds>(step.end - step.start).count());
+        world_.report.send(report);
+        continue;
+      }
       refusal = volumes_[i].facts.mount_point() + " cannot be frozen: " +
                 (error == EBUSY     ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
                  : is_signal(error) ? "somebody killed the process that froze it"
