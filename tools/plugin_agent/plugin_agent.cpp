@@ -27,8 +27,8 @@
 #include "plugin_agent/verbs.h"
 #include "plugin_agent/withdrawal.h"
 #include "plugin_freezer/file_system.h"
+#include "plugin_freezer/process_settings.h"
 #include "plugin_freezer/run_directory.h"
-#include "plugin_freezer/survival.h"
 
 namespace vexo::tools {
 namespace {

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "common/poll_until.h"
-#include "plugin_freezer/packets.h"
+#include "plugin_freezer/monotonic_ms.h"
 
 namespace vexo::tools {
 
@@ -82,8 +82,8 @@ void quiesce::end(const std::string& who) {
   on_thawed_.wait(lock, [&] { return thawed_; });
   if (was_thawed || was_asked_) {
     if (!reason_.empty()) throw quiesce_error(reason_);
-  } else if (!disturbed_.empty()) {
-    throw quiesce_error("somebody else has thawed " + disturbed_);
+  } else if (!thawed_by_other_.empty()) {
+    throw quiesce_error("somebody else has thawed " + thawed_by_other_);
   }
 }
 
@@ -219,7 +219,7 @@ void quiesce::take(const FreezerReport& report) {
       thawing_ = thawed_ = true;
       frozen_for_ = milliseconds(report.thawed().frozen_ms());
       reason_ = report.thawed().reason();
-      disturbed_ = report.thawed().disturbed();
+      thawed_by_other_ = report.thawed().thawed_by_other();
       hold_.reset();
       no_core_dump_.reset();
       on_thawed_.notify_all();

@@ -15,7 +15,7 @@
 #include "freezer.pb.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
-#include "plugin_freezer/survival.h"
+#include "plugin_freezer/process_settings.h"
 
 namespace vexo::tools {
 
@@ -112,9 +112,9 @@ class quiesce {
   clock::time_point frozen_at_;
   clock::time_point deadline_ = clock::time_point::max();
   clock::time_point thawing_until_;
-  std::string reason_;      // why the host was not at rest until the last member left
-  bool was_asked_ = false;  // for the thaw, by the last member that left
-  std::string disturbed_;   // what somebody else has thawed
+  std::string reason_;           // why the host was not at rest until the last member left
+  bool was_asked_ = false;       // for the thaw, by the last member that left
+  std::string thawed_by_other_;  // what somebody else has thawed
   std::chrono::milliseconds frozen_for_{};
   std::vector<hook_run> runs_;
   std::vector<file_system_freeze> file_systems_;

@@ -13,7 +13,7 @@
 #include "plugin_agent/played_appliance.h"
 #include "plugin_agent/status_socket.h"
 #include "plugin_agent/verbs.h"
-#include "plugin_freezer/turn.h"
+#include "plugin_freezer/run_directory.h"
 
 namespace vexo::tools {
 
@@ -35,7 +35,7 @@ void refuse_beside_a_snapshot(const std::string& run_dir) {
                           agent.status.handshakes(0).lun(),
                       next});
   }
-  if (const pid_t other = turn(run_dir).holder(); other != 0) {
+  if (const pid_t other = run_directory(run_dir).lock_holder(); other != 0) {
     throw tool_error({exit_code::failed, kTried,
                       "freezer " + std::to_string(other) + " has this host at rest", next});
   }
