@@ -1,4 +1,5 @@
-# What plugin_freezer promises: spoken to over its socket in the agent's place, or beside the agent.
+# What plugin_freezer promises. The tests speak to it over its socket instead of an agent, or through an
+# agent.
 
 import os
 import pathlib
@@ -86,7 +87,7 @@ def test_the_last_member_to_leave_ends_the_rest(volume):
     assert (thawed.reason, thawed.certain) == (b"", True)
     volume.wait_until_thawed()
     assert freezer.wait() == 0 and not RECORD.exists()
-    assert not pathlib.Path("/tmp/commanded").exists(), "somebody had asked for this thaw"
+    assert not pathlib.Path("/tmp/commanded").exists(), "the member itself has asked for this thaw"
 
 
 @pytest.mark.parametrize("cause, reason", [
@@ -180,7 +181,7 @@ def test_a_thaw_hook_that_hangs_keeps_nothing_else_frozen(daemon, volume, start_
 @pytest.mark.parametrize("how", ["--thaw-and-exit", "--thaw-and-exit, agent and freezer stopped",
                                  "second SIGTERM"])
 def test_the_emergency_thaws_at_once(daemon, volume, hooks, start_agent, how):
-    """Whatever the living agent waits for."""
+    """Although the agent waits for a daemon that does not answer."""
     agent = start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", "60")
     daemon.call.go_to_split()
     volume.wait_until_frozen()
@@ -220,7 +221,7 @@ def test_a_stopped_freezer_of_a_killed_agent_is_woken(daemon, volume, start_agen
 
 
 def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_agent):
-    """Played by a process that has its lock and does nothing."""
+    """A process that has the lock and does nothing stands for it."""
     freezer = Freezer(volume.path, max_freeze=60000)
     record = RECORD.read_text()
     freezer.kill()
