@@ -140,9 +140,9 @@ def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, vol
         os.kill(agent.freezer(), signal.SIGKILL)
         agent.kill()
         agent = start_agent("--fs", volume.path)
-    agent.wait_for_err("what may freeze something yet is waited for")
+    agent.wait_for_err("may still freeze something")
     slow.resume()
-    agent.wait_for_err("what was waited for is gone; thawed again") if not killed else None
+    agent.wait_for_err("the killed processes have ended; thawed again") if not killed else None
     slow.wait_until_thawed()
     wait_until(lambda: not RECORD.exists())
     slow.wait_until_thawed()

@@ -84,8 +84,8 @@ void handshake::run() {
   try {
     undo_prepare();
   } catch (const std::exception& error) {
-    agent_log().error("LUN {}: no `thaw` of the hooks that were prepared: {}", printable(lun()),
-                      printable(error.what()));
+    agent_log().error("LUN {}: the `thaw` of the prepared hooks cannot be run: {}",
+                      printable(lun()), printable(error.what()));
   }
   try {
     write_record();
@@ -179,7 +179,7 @@ void handshake::undo_prepare() {
   if (!prepared_) return;
   step_ = "thaw";
   if (!prepared_->undo()) {
-    agent_log().error("LUN {}: `thaw` of the hooks that were prepared is late; it follows",
+    agent_log().error("LUN {}: the `thaw` of the prepared hooks is delayed; it follows",
                       printable(lun()));
   }
 }

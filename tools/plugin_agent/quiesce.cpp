@@ -171,7 +171,7 @@ void quiesce::listen() {
     try {
       recover(plan_.run_dir(), milliseconds(plan_.hook_timeout_ms()), -1);
     } catch (const std::runtime_error& error) {
-      agent_log().error("no other freezer: {}", printable(error.what()));
+      agent_log().error("no other freezer can be started: {}", printable(error.what()));
     }
   }
   const std::lock_guard lock(mutex_);

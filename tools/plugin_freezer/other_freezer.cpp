@@ -27,8 +27,8 @@ bool other_freezer::wake_or_kill() {
   const bool is_known = record && is_of_this_boot(record->boot_id(), record->plan().run_dir());
   if (is_known && record->phase() == RestRecord::WATCHING) {
     warn_once(pid,
-              "waits for processes of an earlier rest that may freeze something yet; no other rest "
-              "of this host begins before");
+              "waits for killed processes of an earlier rest, which may still freeze something; "
+              "until they have ended no other rest of this host begins");
     return false;
   }
   if (!is_known && !is_emergency_) return true;

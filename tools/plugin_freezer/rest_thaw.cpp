@@ -219,7 +219,7 @@ std::vector<int> rest::run_thaw_hooks(const std::vector<int>& which) {
   for (const int index : std::vector<int>(which.rbegin(), which.rend())) {
     const auto& path = record_.plan().hooks(index).path();
     if (access(path.c_str(), X_OK) != 0 && !is_ours_) {
-      loop_.agent.warn("hook " + path + " of an earlier agent is not there to thaw");
+      loop_.agent.warn("hook " + path + " of an earlier agent is missing: its `thaw` is not run");
       continue;
     }
     runs.emplace_back(index, &start_hook(index, "thaw", timeout));
@@ -248,7 +248,7 @@ void rest::watch_lingering() {
     std::string ids;
     for (const auto& one : left) ids.append(" ").append(std::to_string(one.pid));
     loop_.agent.warn(
-        "killed, and not gone: what may freeze something yet is waited for, and no other rest of "
+        "killed processes may still freeze something; until they have ended no other rest of "
         "this host begins (process" +
         ids + ")");
     record_.set_phase(RestRecord::WATCHING);
@@ -280,12 +280,15 @@ void rest::watch_lingering() {
   }
   failed_hooks_ = run_thaw_hooks(failed_hooks_);
   thawed_at_ = clock::now();
-  loop_.agent.warn("what was waited for is gone; thawed again");
+  loop_.agent.warn("the killed processes have ended; thawed again");
 }
 
-// For a freeze that was under way at the first thaw and may have completed after it.
+// For a freeze that was under way at the first thaw and may have completed after it. To be called
+// when no killed process lingers.
 void rest::thaw_again() {
   for (auto& one : volumes_) {
+    // A killed FITHAW that no longer lingers may not be reaped yet; its result does not matter.
+    if (one.thawing != nullptr && one.thawing->killed) one.thawing = nullptr;
     if (one.thawing != nullptr && one.thawing->ended()) take_thaw_result(one);
     const bool was_freezing = std::exchange(one.freezing, nullptr) != nullptr;
     one.may_be_frozen = one.may_be_frozen || was_freezing || !one.root;
