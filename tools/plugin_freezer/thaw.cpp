@@ -135,8 +135,8 @@ void rest::thaw_file_systems() {
   for (auto& one : volumes_) settle(one);
 }
 
-// In a child of its own, so that one whose device hangs does not keep the others frozen. It is never
-// killed: on a host without processor time it would be killed before its call.
+// In a child of its own, so that one whose device hangs does not keep the others frozen. It is
+// never killed: on a host without processor time it would be killed before its call.
 void rest::start_thawing(volume& one) {
   if (!one.may_be_frozen || one.thawing != nullptr) return;
   const auto call = [&] {
@@ -170,7 +170,8 @@ void rest::settle(volume& one) {
                         "\"plugin_freezer --thaw\"");
   } else {
     certain_ = false;
-    world_.report.error(mount_point + " cannot be thawed: " + failure_text(error) + "; try \"fsfreeze --unfreeze " + mount_point + "\"");
+    world_.report.error(mount_point + " cannot be thawed: " + failure_text(error) +
+                        "; try \"fsfreeze --unfreeze " + mount_point + "\"");
   }
 }
 
