@@ -39,11 +39,10 @@ grpc_connection::grpc_connection(std::uint16_t port) : connection(port) {
        frame(frame_type::kWindow, 0, 0, number(kWindow - 65535, 4)));
 }
 
-void grpc_connection::call(const std::string& method, const google::protobuf::MessageLite& request,
+void grpc_connection::call(const std::string& method, const std::string& request,
                            on_message message, on_end end) {
   const std::uint32_t id = std::exchange(next_id_, next_id_ + 2);
   streams_[id] = {std::move(message), std::move(end), {}};
-  const std::string body = request.SerializeAsString();
   std::string headers = "\x83\x86";  // :method POST, :scheme http
   headers += header(":path", "/vexo.scsiplugin.PluginService/" + method);
   headers += header(":authority", "localhost");
@@ -51,11 +50,10 @@ void grpc_connection::call(const std::string& method, const google::protobuf::Me
   headers += header("te", "trailers");
   send(frame(kHeaders, kEndHeaders, id, headers) +
        frame(kData, kEndStream, id,
-             '\0' + number(static_cast<std::uint32_t>(body.size()), 4) + body));
+             '\0' + number(static_cast<std::uint32_t>(request.size()), 4) + request));
 }
 
-std::string grpc_connection::ask(const std::string& method,
-                                 const google::protobuf::MessageLite& request) {
+std::string grpc_connection::ask(const std::string& method, const std::string& request) {
   std::string last;
   bool ended = false;
   call(
