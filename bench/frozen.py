@@ -13,8 +13,8 @@ import sys
 import time
 
 SPLITS = (0, 0.1, 1, 5)  # seconds
-# Before each freeze: soon after another one the kernel's own is several times faster, as it need not wait
-# for readers of what it then still has.
+# Before each freeze. Soon after another one it would be several times faster, because the kernel need not
+# wait for a grace period of its RCU again.
 PAUSE = 0.5  # seconds
 LUN = "1a2b3c4d-%04d-7a8b-9c0d-e1f2a3b4c5d6"
 

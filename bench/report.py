@@ -26,7 +26,8 @@ TARGETS = [
     ("LUN lookups per second, 256 LUNs", "lookup/256/per_second", ">=", 2.5),
     ("LUN lookups per second, 1024 LUNs", "lookup/1024/per_second", ">=", 2.5),
 ]
-# Beyond the split, in ms and as a part of it: for 1 and for 8 LUNs.
+# How much longer than the split a host may be frozen: in ms, for 1 and for 8 LUNs; and this part of the
+# split in addition.
 FROZEN = {1: 15, 8: 30}
 FROZEN_PART = 0.1
 IDLE = ("CPU at rest with 900 hosts, %", "hold/900/idle_cpu_percent", 0.1)

@@ -33,7 +33,7 @@ std::string frame(frame_type type, int flags, std::uint32_t id, const std::strin
 
 grpc_connection::grpc_connection(std::uint16_t port) : connection(port) {
   constexpr std::uint32_t kInitialWindowSize = 4;
-  constexpr std::uint32_t kWindow = 0x7fffffff;  // never to be thought of again
+  constexpr std::uint32_t kWindow = 0x7fffffff;  // so large that it needs no updates
   send("PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" +
        frame(kSettings, 0, 0, number(kInitialWindowSize, 2) + number(kWindow, 4)) +
        frame(frame_type::kWindow, 0, 0, number(kWindow - 65535, 4)));
@@ -63,7 +63,7 @@ std::string grpc_connection::ask(const std::string& method, const std::string& r
   return last;
 }
 
-// A name and value sent once is an index from then on, as in any client.
+// A name and value are sent once, and as an index from then on, as by any client.
 std::string grpc_connection::header(const std::string& name, const std::string& value) {
   constexpr std::size_t kStaticTable = 61;
   std::string literal;

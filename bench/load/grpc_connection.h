@@ -9,8 +9,8 @@
 
 namespace vexo::bench {
 
-// The little of HTTP/2 that gRPC calls to a server on the same machine need. It reads no headers:
-// that a call went well shows by its message.
+// The part of HTTP/2 that gRPC calls to a server on the same machine need. It reads no headers: a
+// call has succeeded when its message has come.
 class grpc_connection : public connection {
  public:
   explicit grpc_connection(std::uint16_t port);
