@@ -1,5 +1,5 @@
-# The kit that tries host plugins, on plugins that are right, and on one that is wrong in many ways; and
-# the package that these are written with.
+# scripts/check-plugin, on plugins that are right, and on one that is wrong in many ways; and the package
+# for Python.
 
 import json
 import os
@@ -78,6 +78,13 @@ def test_each_fault_is_found(fault, failed):
                                     ",".join(["answers", *failed.split()]), "--",
                                     *WRONG, fault, "{lun}", "{appliance}")
     assert (status, set(found)) == (1, set(failed.split())), found
+
+
+@pytest.mark.parametrize("appliance", ["", "nas..1", "nas:", "nas:65536", "::1"])
+def test_the_package_refuses_what_is_no_address(appliance):
+    said = run(*WRONG, "none", LUN, appliance)
+    assert (said.status, said.err.splitlines()[-1]) == (
+        1, f"ValueError: the address of an appliance is HOST or HOST:PORT, not {appliance!r}")
 
 
 @pytest.mark.parametrize("what, failure", [
