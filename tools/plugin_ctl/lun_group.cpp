@@ -15,6 +15,7 @@
 #include "common/command_fields.h"
 #include "common/errors.h"
 #include "common/output.h"
+#include "common/whole_file.h"
 #include "report.pb.h"
 
 namespace vexo::tools {
@@ -75,10 +76,11 @@ std::vector<std::string> environment_of(const handshake& lun) {
 }  // namespace
 
 lun_group read_lun_group(const std::string& file) {
-  std::ifstream input(file);
-  const std::string text((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
-  if (!input) {
-    throw tool_error({exit_code::failed, "--group " + file, std::generic_category().message(errno),
+  std::string text;
+  try {
+    text = read_file(file);
+  } catch (const std::system_error& error) {
+    throw tool_error({exit_code::failed, "--group " + file, error.code().message(),
                       "name a file that can be read"});
   }
   if (text.find_first_not_of(" \t\r\n") != text.find('[')) refuse_file(file, "it is no JSON array");

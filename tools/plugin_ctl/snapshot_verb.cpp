@@ -25,8 +25,8 @@ struct command_line {
 // The LUNs as the command line and the file name them.
 lun_group luns_of(const command_line& given) {
   if (given.group.empty() == given.p80.empty()) {
-    refuse("the command line has " + std::string(given.group.empty() ? "neither" : "both") +
-               " --p80 and --group",
+    refuse(given.group.empty() ? "the command line has neither --p80 nor --group"
+                               : "the command line has both --p80 and --group",
            "name the LUNs with --p80, or with --group FILE");
   }
   const handshake& common = given.common;

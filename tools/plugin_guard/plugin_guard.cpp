@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <optional>
@@ -18,6 +17,7 @@
 #include "common/exit_codes.h"
 #include "common/help_text.h"
 #include "common/interrupt.h"
+#include "common/journal.h"
 #include "common/number_option.h"
 #include "common/output.h"
 #include "common/text.h"
@@ -204,9 +204,7 @@ int run(int argc, char** argv) {
   if (given.check) return show_check(given);
   if (given.status) return static_cast<int>(show_status(given));
   // A journal that reads this program's stderr would have each line twice.
-  const bool in_journal =
-      std::getenv("JOURNAL_STREAM") != nullptr;  // NOLINT(concurrency-mt-unsafe)
-  openlog("scsi-plugin-guard", in_journal ? 0 : LOG_PERROR, LOG_DAEMON);
+  openlog("scsi-plugin-guard", stderr_is_journal() ? 0 : LOG_PERROR, LOG_DAEMON);
   guard(options, stop).run();
   return static_cast<int>(exit_code::done);
 }

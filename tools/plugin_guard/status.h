@@ -18,7 +18,7 @@ inline constexpr std::chrono::seconds kStatusHolds{20};
 // "2026-11-21T07:43:19Z"
 std::string time_text(std::chrono::system_clock::time_point when);
 
-// Replaces the file as a whole, so that no reader sees half of it. Throws std::system_error.
+// As replace_file().
 void write_status(const std::string& path, const GuardStatus& status);
 
 // What a guard wrote there. When there is no valid status, the state is DOWN, and `error` says why.
