@@ -68,6 +68,7 @@ def test_one_that_is_never_answered_is_not_waited_for_when_another_is_refused(da
     assert tool.status == 1
     assert of_step(tool, "init_snapshot") == {LUN: "INTERRUPTED", OTHER_LUN: "FAILED"}
     assert of_step(tool, "depart_done") == {LUN: "DONE", OTHER_LUN: "NOT_RUN"}
+    assert f"begin the next snapshot of {LUN} in " in tool.err
     somebody.cancel()
 
 

@@ -9,6 +9,7 @@
 
 #include "lun_group.h"
 #include "session.h"
+#include "snapshot_hosts.h"
 #include "snapshot_report.h"
 
 namespace vexo::tools {
@@ -41,6 +42,8 @@ class snapshot {
     handshake lun;
     bool owes_depart = false;  // the daemon holds a task that this run has to end
     bool has_host = true;
+    // How long the call had taken when it ended without an answer.
+    std::optional<std::chrono::duration<double>> init_given_up_after = {};
   };
   // A call for each LUN, side by side.
   struct ask {
@@ -76,23 +79,19 @@ class snapshot {
   ask depart_done();
   void judge_init(SnapshotStep& step, member& of, const answer& result);
   void judge_wait(SnapshotStep& step, member& of, const answer& result);
+  // Says in failure_ when the daemon will have given up the announcements that this run gave up.
+  void advise_when_to_repeat();
   // Marks `step` by the outcome of its call. True when the daemon said yes.
   bool judge(SnapshotStep& step, const answer& result, const std::string& if_refused);
 
-  // Waits for a connection as long as a call may take. Throws tool_error when none comes.
-  void connect();
-  // The daemon's list; empty when it gave none in time.
-  std::optional<scsiplugin::PluginClientList> list_hosts(std::chrono::milliseconds timeout);
-  // Throws tool_error when a host that the user named is not listed.
-  void require_hosts(const std::optional<scsiplugin::PluginClientList>& listed);
   // Throws tool_error when the daemon says that it does not support one of the LUNs, which is also
   // its answer for one that it does not know. When the user allows a copy without a host, that is
   // only a warning.
   void require_luns();
   // The limits of a call that waits for a host, and what the user is told meanwhile.
   call_options host_wait(const std::string& step);
-  // Says once why `step` may be taking long.
-  void say_who_is_waited_for(const std::string& step);
+  // Says which hosts `step` may be waiting for.
+  void explain_wait(const std::string& step);
   SnapshotVerdict verdict();
   exit_code end();
 
@@ -100,11 +99,11 @@ class snapshot {
   const snapshot_options options_;
   std::vector<member> members_;
   snapshot_report report_;
+  snapshot_hosts hosts_;
   const clock::time_point start_ = clock::now();
   std::optional<failure> failure_;  // the first one
   // What depart_done tells the hosts after a failure: the exit status of the command, else 1.
   std::int32_t failed_result_ = 1;
-  std::optional<scsiplugin::PluginClientList> hosts_;  // listed at the announcement
   std::string explained_;  // the step whose wait the user was last told about
   clock::time_point all_at_rest_;
   std::chrono::duration<double> at_rest_{};
