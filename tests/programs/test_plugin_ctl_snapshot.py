@@ -17,7 +17,7 @@ from plugin_service_pb2_grpc import PluginServiceServicer
 from support.calls import (LUN, LUN_NAA, REPLICA_LUN, TCP, depart_relation, init_snapshot,
                            is_mirror_done, serve, start_mirror)
 from support.host_plugin import HostPlugin
-from support.program import PLUGIN_CTL, exists
+from support.program import PLUGIN_CTL, exists, run
 from support.waiting import PATIENCE, wait_until
 
 
@@ -223,6 +223,13 @@ def test_ends_the_handshake_even_if_nobody_reads_the_report(daemon, snapshot):
     assert (tool.wait(), tool.err) == (141, "")
     assert host.told(LUN) == 0
     assert not task_is_there(daemon)
+
+
+@pytest.mark.parametrize("caller", [("env", "--ignore-signal=CHLD"), ("sh", "-c", 'exec "$@" 2>&-', "sh")])
+def test_runs_commands_whatever_it_inherits(daemon, caller):
+    ended = run(*caller, PLUGIN_CTL, "snapshot", "--p80", LUN, "--no-host", "crash-consistent",
+                "--mirror", "echo mirrored")
+    assert ended.status == 0, ended.out
 
 
 def test_tells_the_commands_which_lun(daemon, plugin_ctl):

@@ -9,6 +9,7 @@
 
 #include "common/help_text.h"
 #include "common/number_option.h"
+#include "common/standard_fds.h"
 #include "session.h"
 #include "verbs.h"
 
@@ -88,6 +89,10 @@ bool is_about_global_option(const CLI::App& app, const std::string& complaint) {
 }
 
 int run(int argc, char** argv) {
+  open_closed_standard_fds();
+  // The status of a command can be read only if this signal is not ignored, as it is when the
+  // caller ignores it.
+  std::signal(SIGCHLD, SIG_DFL);
   // A write to a closed pipe is an error of print() instead of the program's end: a verb may have
   // to clean up before the program ends.
   std::signal(SIGPIPE, SIG_IGN);

@@ -20,6 +20,7 @@
 #include "common/journal.h"
 #include "common/number_option.h"
 #include "common/output.h"
+#include "common/standard_fds.h"
 #include "common/text.h"
 #include "plugin_guard/guard.h"
 #include "plugin_guard/status.h"
@@ -182,6 +183,7 @@ int code_of_wrong_usage(int argc, char** argv) {
 }
 
 int run(int argc, char** argv) {
+  open_closed_standard_fds();
   // A write to a closed pipe is an error of print() instead of the program's end.
   std::signal(SIGPIPE, SIG_IGN);
   interrupt stop;
