@@ -13,8 +13,7 @@ inline void open_closed_standard_fds() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) >= 0) continue;
     // Gets the lowest free number, which is `fd`.
-    [[maybe_unused]] const int opened =
-        open("/dev/null", fd == STDERR_FILENO ? O_RDWR : O_RDONLY);  // NOLINT(*-cloexec): like fd
+    [[maybe_unused]] const int opened = open("/dev/null", fd == STDERR_FILENO ? O_RDWR : O_RDONLY);
   }
 }
 
