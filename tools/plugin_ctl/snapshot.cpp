@@ -66,12 +66,12 @@ void snapshot::step(const std::string& name, std::size_t lines,
     if (lines == members_.size()) steps[i].set_task_id(members_[i].lun.p80);
     steps[i].set_outcome(SnapshotStep::DONE);
   }
-  const bool puts_in_order = name == kDepartDone;
+  const bool is_cleanup = name == kDepartDone;
   const auto start = clock::now();
   try {
-    if (failure_ && !puts_in_order) {
+    if (failure_ && !is_cleanup) {
       for (auto& it : steps) it.set_outcome(SnapshotStep::NOT_RUN);
-    } else if (with_.stop.requested() && !puts_in_order) {
+    } else if (with_.stop.requested() && !is_cleanup) {
       for (auto& it : steps) {
         fail(it, SnapshotStep::INTERRUPTED, "a signal came before it", with_.interrupted(name));
       }
@@ -97,15 +97,15 @@ void snapshot::step(const std::string& name, std::size_t lines,
   }
 }
 
-void snapshot::call_step(const std::string& name, const std::function<ask()>& prepare) {
+void snapshot::call_step(const std::string& name, const std::function<lun_calls()>& prepare) {
   step(name, members_.size(), [&](std::vector<SnapshotStep>& steps) {
-    const ask asked = prepare();
+    const lun_calls calls = prepare();
     std::vector<PluginCmd> commands;
     std::vector<std::size_t> places;
     for (std::size_t i = 0; i < members_.size(); ++i) {
-      if (asked.concerns(members_[i])) {
+      if (calls.concerns(members_[i])) {
         places.push_back(i);
-        commands.push_back(asked.command(members_[i]));
+        commands.push_back(calls.command(members_[i]));
       } else if (name == kDepartDone) {
         steps[i].set_outcome(SnapshotStep::NOT_RUN);
       } else {
@@ -115,10 +115,10 @@ void snapshot::call_step(const std::string& name, const std::function<ask()>& pr
     }
     const auto results =
         call_all<PluginCmd, PluginCmdResp>(with_.stub(), &service_stub::Publish, commands,
-                                           with_.stop, asked.options, asked.is_failure);
+                                           with_.stop, calls.options, calls.is_failure);
     for (std::size_t i = 0; i < places.size(); ++i) {
       steps[places[i]].set_seconds(results[i].took.count());
-      asked.judge(steps[places[i]], members_[places[i]], results[i]);
+      calls.judge(steps[places[i]], members_[places[i]], results[i]);
     }
   });
 }
@@ -143,24 +143,24 @@ void snapshot::fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std
 // So depart_done never follows a no. For the last conclusion a refusal must have had the time to
 // arrive: neither a signal nor a short --timeout nor another LUN's failure ends the call within
 // kRefusalTime, which begins when there is a connection.
-snapshot::ask snapshot::init_snapshot() {
+snapshot::lun_calls snapshot::init_snapshot() {
   with_.connect("Publish init_snapshot_req");
   hosts_.look_before_announcement();
   require_luns();
-  ask asked;
-  asked.command = [](const member& of) { return of.lun.init_snapshot(); };
-  asked.options = host_wait("init_snapshot");
-  asked.options.timeout = std::max(asked.options.timeout, kRefusalTime);
-  asked.options.undisturbed = kRefusalTime;
-  asked.judge = [this](auto& step, auto& of, const auto& result) { judge_init(step, of, result); };
-  asked.is_failure = [this](const answer& result) {
+  lun_calls calls;
+  calls.command = [](const member& of) { return of.lun.init_snapshot(); };
+  calls.options = host_wait("init_snapshot");
+  calls.options.timeout = std::max(calls.options.timeout, kRefusalTime);
+  calls.options.undisturbed = kRefusalTime;
+  calls.judge = [this](auto& step, auto& of, const auto& result) { judge_init(step, of, result); };
+  calls.is_failure = [this](const answer& result) {
     return !is_yes(result) && !(result.answered() && options_.goes_on_without_host);
   };
-  return asked;
+  return calls;
 }
 
 void snapshot::judge_init(SnapshotStep& step, member& of, const answer& result) {
-  of.owes_depart = !result.answered() || result.response.success();
+  of.must_end_task = !result.answered() || result.response.success();
   const bool nobody_answered = result.answered() && result.took > kRefusalTime;
   if (options_.goes_on_without_host && result.answered() && !result.response.success() &&
       (hosts_.nobody_was_listed() || nobody_answered)) {
@@ -192,11 +192,11 @@ void snapshot::advise_when_to_repeat() {
   next = failure_->why.code == exit_code::interrupted ? later : next + "; " + later;
 }
 
-snapshot::ask snapshot::mirror_done() {
-  ask asked;
-  asked.command = [](const member& of) { return of.lun.mirror_done(); };
-  asked.options = with_.limits();
-  asked.judge = [this](SnapshotStep& step, member&, const answer& result) {
+snapshot::lun_calls snapshot::mirror_done() {
+  lun_calls calls;
+  calls.command = [](const member& of) { return of.lun.mirror_done(); };
+  calls.options = with_.limits();
+  calls.judge = [this](SnapshotStep& step, member&, const answer& result) {
     if (result.answered() && !result.response.success()) {
       // For a LUN that needs no mirror, the host's is_mirror_done has moved the handshake on
       // already. If somebody has ended the handshake instead, the next step says so.
@@ -206,22 +206,22 @@ snapshot::ask snapshot::mirror_done() {
       judge(step, result, "");
     }
   };
-  return asked;
+  return calls;
 }
 
-snapshot::ask snapshot::wait_for_depart() {
-  ask asked;
-  asked.command = [](const member& of) { return of.lun.wait_for_depart(); };
-  asked.options = host_wait("wait_for_depart");
-  asked.judge = [this](auto& step, auto& of, const auto& result) { judge_wait(step, of, result); };
-  asked.is_failure = [](const answer& result) { return !is_yes(result); };
-  return asked;
+snapshot::lun_calls snapshot::wait_for_depart() {
+  lun_calls calls;
+  calls.command = [](const member& of) { return of.lun.wait_for_depart(); };
+  calls.options = host_wait("wait_for_depart");
+  calls.judge = [this](auto& step, auto& of, const auto& result) { judge_wait(step, of, result); };
+  calls.is_failure = [](const answer& result) { return !is_yes(result); };
+  return calls;
 }
 
 void snapshot::judge_wait(SnapshotStep& step, member& of, const answer& result) {
   // A no at once means that there is no such task; a later one, that its host did not depart.
   const bool is_gone = result.took <= kRefusalTime;
-  if (result.answered() && !result.response.success()) of.owes_depart = !is_gone;
+  if (result.answered() && !result.response.success()) of.must_end_task = !is_gone;
   judge(step, result,
         is_gone ? "somebody else ended this handshake meanwhile, or the daemon was restarted: its "
                   "lines in the system log say which"
@@ -230,12 +230,12 @@ void snapshot::judge_wait(SnapshotStep& step, member& of, const answer& result) 
 
 // A departure that still stands after the split was standing all the while: a host whose rest ends
 // too early takes it back before it thaws.
-snapshot::ask snapshot::confirm() {
+snapshot::lun_calls snapshot::confirm() {
   at_rest_ = clock::now() - all_at_rest_;
-  ask asked;
-  asked.command = [](const member& of) { return of.lun.wait_for_depart(); };
-  asked.options.timeout = kConfirmTime;
-  asked.judge = [this](SnapshotStep& step, member&, const answer& result) {
+  lun_calls calls;
+  calls.command = [](const member& of) { return of.lun.wait_for_depart(); };
+  calls.options.timeout = kConfirmTime;
+  calls.judge = [this](SnapshotStep& step, member&, const answer& result) {
     if (is_yes(result)) return;
     if (result.interrupted) {
       judge(step, result, "");
@@ -246,10 +246,10 @@ snapshot::ask snapshot::confirm() {
          {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
           "do not use the copy; the host's own record says why its rest ended"});
   };
-  return asked;
+  return calls;
 }
 
-snapshot::ask snapshot::depart_done() {
+snapshot::lun_calls snapshot::depart_done() {
   if (failure_) advise_when_to_repeat();
   if (!failure_) {
     try {
@@ -260,18 +260,18 @@ snapshot::ask snapshot::depart_done() {
     }
   }
   const std::int32_t result = failure_ ? failed_result_ : 0;
-  ask asked;
-  asked.concerns = [](const member& of) { return of.owes_depart; };
-  asked.command = [result](const member& of) {
+  lun_calls calls;
+  calls.concerns = [](const member& of) { return of.must_end_task; };
+  calls.command = [result](const member& of) {
     handshake lun = of.lun;
     lun.result = result;
     return lun.depart_done();
   };
-  asked.options = with_.limits();
+  calls.options = with_.limits();
   // A second Ctrl-C does not leave the task behind, nor does a connection that comes back in time.
-  asked.options.undisturbed = asked.options.timeout;
-  asked.options.wait_for_ready = true;
-  asked.judge = [this, result](SnapshotStep& step, member& of, const answer& got) {
+  calls.options.undisturbed = calls.options.timeout;
+  calls.options.wait_for_ready = true;
+  calls.judge = [this, result](SnapshotStep& step, member& of, const answer& got) {
     step.set_result(result);
     const bool first_failure = !failure_.has_value();
     if (judge(step, got, "read the daemon's lines in the system log")) return;
@@ -282,7 +282,7 @@ snapshot::ask snapshot::depart_done() {
     std::string& next = failure_->why.next;
     next = first_failure ? leftover : next + "; " + leftover;
   };
-  return asked;
+  return calls;
 }
 
 void snapshot::command_step(const std::string& name, const std::string& command,
@@ -381,32 +381,32 @@ bool snapshot::judge(SnapshotStep& step, const answer& result, const std::string
 }
 
 SnapshotVerdict snapshot::verdict() {
-  SnapshotVerdict told;
+  SnapshotVerdict result;
   for (const auto& one : members_) {
-    told.add_luns(one.lun.p80);
-    if (!one.has_host) told.add_luns_without_host(one.lun.p80);
+    result.add_luns(one.lun.p80);
+    if (!one.has_host) result.add_luns_without_host(one.lun.p80);
   }
-  const bool any_host = told.luns_without_host_size() < told.luns_size();
+  const bool any_host = result.luns_without_host_size() < result.luns_size();
   if (!copy_is_good_) {
-    told.set_verdict("failed");
-    told.set_reason(failure_->step + ": " + failure_->why.came_back);
+    result.set_verdict("failed");
+    result.set_reason(failure_->step + ": " + failure_->why.came_back);
   } else {
-    told.set_verdict(told.luns_without_host().empty() ? "consistent" : "crash-consistent");
-    if (failure_) told.set_reason("not ended in good order: " + failure_->why.came_back);
-    if (any_host) told.set_at_rest_seconds(at_rest_.count());
+    result.set_verdict(result.luns_without_host().empty() ? "consistent" : "crash-consistent");
+    if (failure_) result.set_reason("not ended in good order: " + failure_->why.came_back);
+    if (any_host) result.set_at_rest_seconds(at_rest_.count());
   }
-  hosts_.report(told);
-  told.set_seconds(seconds_t(clock::now() - start_).count());
-  return told;
+  hosts_.report(result);
+  result.set_seconds(seconds_t(clock::now() - start_).count());
+  return result;
 }
 
 exit_code snapshot::end() {
-  const SnapshotVerdict told = verdict();
-  report_.verdict(told);
+  const SnapshotVerdict result = verdict();
+  report_.verdict(result);
   openlog(kSyslogName, 0, LOG_DAEMON);
-  syslog(copy_is_good_ ? LOG_NOTICE : LOG_ERR, "%s", to_json(told).c_str());
+  syslog(copy_is_good_ ? LOG_NOTICE : LOG_ERR, "%s", to_json(result).c_str());
   closelog();
-  for (const auto& host : told.lost_hosts()) {
+  for (const auto& host : result.lost_hosts()) {
     say("warning: the host " + printable(host) +
         " was listed at the announcement and is not any more: if it uses one of these LUNs, do not "
         "rely on the copy (--host makes that a failure)");

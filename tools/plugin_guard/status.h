@@ -28,7 +28,7 @@ struct found_status {
 };
 found_status read_status(const std::string& path);
 
-// How a plugin of a Nagios-type monitor tells that: one line, and its exit code.
+// The status in the form of a Nagios-type monitor's plugin: one line, and the exit code.
 struct check_result {
   std::string line;
   int exit_code;
