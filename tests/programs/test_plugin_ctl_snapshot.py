@@ -64,6 +64,8 @@ WITHDRAW = f"{PLUGIN_CTL} lun start-mirror {LUN} >/dev/null"
          "DONE FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 4, 127, "exited with 127"),
         ("somebody else ends it", ["--mirror", f"{PLUGIN_CTL} publish depart-done {LUN}"], STARTS, None,
          "DONE DONE SKIPPED FAILED NOT_RUN NOT_RUN NOT_RUN", 1, 0, "somebody else ended this handshake"),
+        ("somebody else ends it in split", ["--split", f"{PLUGIN_CTL} publish depart-done {LUN}"], DEPARTS,
+         None, "DONE SKIPPED DONE DONE DONE FAILED NOT_RUN", 1, 0, "somebody else ended this handshake"),
         ("deadline before a host starts", ["--timeout", "1.2"], NOBODY, None,
          "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 3, 1, "DEADLINE_EXCEEDED"),
         ("deadline before a host departs", ["--timeout", "2"], STARTS, None,
@@ -205,13 +207,17 @@ def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, numb
     assert asked == "init_snapshot_req" and time_left > 60
 
 
-def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot):
-    HostPlugin(daemon, departs=False)
+@pytest.mark.parametrize("command, step, all_outcomes", [
+    ("--mirror", "mirror_done", "DONE DONE FAILED NOT_RUN NOT_RUN NOT_RUN FAILED"),
+    ("--split", "confirm", "DONE SKIPPED DONE DONE DONE FAILED FAILED"),
+])
+def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot, command, step, all_outcomes):
+    HostPlugin(daemon)
     daemon.may_end = True
-    ended = snapshot("--mirror", f"kill -KILL {daemon.pid}")
+    ended = snapshot(command, f"kill -KILL {daemon.pid}")
     assert ended.wait() == 3
-    assert outcomes(ended) == "DONE DONE FAILED NOT_RUN NOT_RUN NOT_RUN FAILED"
-    assert "mirror_done, " in ended.err
+    assert outcomes(ended) == all_outcomes
+    assert f"{step}, " in ended.err and "came back: UNAVAILABLE" in ended.err
     assert "`plugin_ctl publish depart-done" in ended.err
 
 

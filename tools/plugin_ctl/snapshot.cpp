@@ -228,17 +228,17 @@ void snapshot::judge_wait(SnapshotStep& step, member& of, const answer& result) 
                 : next_after_refused_wait(of.lun, result.took));
 }
 
-// A departure that still stands after the split was standing all the while: a host whose rest ends
-// too early takes it back before it thaws.
+// A departure that still stands after the split has stood throughout: a host whose rest ends too
+// early takes it back before it thaws. The daemon then waits for the next departure, until the
+// deadline of this call.
 snapshot::lun_calls snapshot::confirm() {
   at_rest_ = clock::now() - all_at_rest_;
   lun_calls calls;
   calls.command = [](const member& of) { return of.lun.wait_for_depart(); };
   calls.options.timeout = kConfirmTime;
-  calls.judge = [this](SnapshotStep& step, member&, const answer& result) {
-    if (is_yes(result)) return;
-    if (result.interrupted) {
-      judge(step, result, "");
+  calls.judge = [this](SnapshotStep& step, member& of, const answer& result) {
+    if (result.status.error_code() != grpc::StatusCode::DEADLINE_EXCEEDED) {
+      judge_wait(step, of, result);
       return;
     }
     const std::string reason = "the host did not stay at rest until the split was over";
