@@ -166,7 +166,7 @@ def test_follows_a_daemon_that_comes_and_goes(supervise, start_guard):
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as service_manager:
         service_manager.bind("/tmp/notify")
         guard = start_guard("--fail-after", "2", "--timeout", "0.5", serves=False,
-                            environment={"NOTIFY_SOCKET": "/tmp/notify"})
+                            environment={"NOTIFY_SOCKET": "/tmp/notify", "JOURNAL_STREAM": "1:1"})
         assert [service_manager.recv(99) for _ in range(3)] == [b"WATCHDOG=1", b"READY=1", b"WATCHDOG=1"]
     guard.wait_for_err("no daemon is running")
     assert guard_status().status == 3
@@ -207,9 +207,13 @@ def test_refuses_options_that_do_not_fit_together():
     ('{"state":"OK"}', 60, 3, "has written nothing since", 3),
     ('{"state":"OK"}', -60, 3, "has written nothing since", 3),
     ('{"state":"O', 0, 3, "is no guard's status", 3),
+    (None, 0, 3, "Is a directory", 3),
 ])
 def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err, checked):
-    pathlib.Path(STATUS_FILE).write_text(text)
+    if text is None:
+        pathlib.Path(STATUS_FILE).mkdir()
+    else:
+        pathlib.Path(STATUS_FILE).write_text(text)
     os.utime(STATUS_FILE, 2 * (time.time() - age,))
     ended = run(PLUGIN_GUARD, "--status", "--status-file", STATUS_FILE)
     assert ended.status == status
