@@ -1,4 +1,4 @@
-// How a rest is undone.
+// The half of class rest that thaws.
 
 #include <unistd.h>
 
@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "plugin_freezer/other_freezer.h"
 #include "plugin_freezer/rest.h"
 #include "plugin_freezer/thaw_by_device.h"
 
@@ -17,13 +18,11 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kThawTime{1000};  // until the `thaw` hooks are run all the same
-constexpr milliseconds kDyingTime{400};  // until a killed step counts as one that outlasts the thaw
-constexpr milliseconds kHookTurn{1000};  // until the next `thaw` hook starts all the same
-constexpr milliseconds kLook{100};
-constexpr milliseconds kLongestRest{60000};
-
-bool is_running(const child* call) { return call != nullptr && !call->ended(); }
+constexpr milliseconds kThawTime{1000};  // then the `thaw` hooks run, thawed or not
+constexpr milliseconds kDyingTime{400};  // for killed processes, until they are said to linger
+constexpr milliseconds kHookTurn{1000};  // then the next `thaw` hook starts, ended or not
+constexpr milliseconds kLook{100};       // between two looks at lingering processes
+constexpr milliseconds kLongestPause{60000};
 
 }  // namespace
 
@@ -36,36 +35,41 @@ void rest::thaw(bool asked) {
   try {
     write_record();
   } catch (const std::system_error& error) {
-    world_.report.error(error.what());
+    loop_.agent.error(error.what());
   }
   FreezerReport report;
   report.mutable_thawing()->set_until(to_ms(until));
   report.mutable_thawing()->set_reason(reason_);
-  world_.report.send(report);
+  loop_.agent.send(report);
 
-  if (freezing_ != nullptr) world_.programs.kill(*freezing_);
+  if (freezing_ != nullptr) loop_.programs.kill(*freezing_);
   for (auto& one : volumes_) {
     if (one.freezing == nullptr) continue;
     if (one.freezing->ended() && !one.freezing->killed) {
-      frozen(one);
+      take_freeze_result(one);
     } else {
-      world_.programs.kill(*one.freezing);
+      loop_.programs.kill(*one.freezing);
     }
   }
   if (!asked) run_commands();
-  const bool was_dying = !world_.programs.lingering().empty();
+  const bool was_dying = any_lingers();
   thaw_file_systems();
   await_lingering(clock::now() + kDyingTime);
-  is_late_ = !world_.programs.lingering().empty();
-  if (was_dying && !is_late_) thaw_again();
+  outlasts_thaw_ = any_lingers();
+  if (was_dying && !outlasts_thaw_) thaw_again();
 
-  // Also of those that were not to freeze yet: their `prepare` is undone by it.
+  // Also of the hooks whose `freeze` has not been run: this undoes their `prepare`.
   std::vector<int> all(record_.plan().hooks_size());
   std::iota(all.begin(), all.end(), 0);
-  const auto failed = thaw_hooks(all);
-  if (!failed.empty()) {
-    world_.report.error("a thaw hook failed; it is run once more");
-    if (!thaw_hooks(failed).empty() && is_ours_) certain_ = false;
+  failed_hooks_ = run_thaw_hooks(all);
+  if (!failed_hooks_.empty()) {
+    loop_.agent.error("a thaw hook failed; it is run once more");
+    failed_hooks_ = run_thaw_hooks(failed_hooks_);
+    for (const int index : failed_hooks_) {
+      loop_.agent.error("the thaw of hook " + record_.plan().hooks(index).name() +
+                        " failed twice: look at its application; \"plugin_freezer --thaw\" runs "
+                        "it again");
+    }
   }
   thawed_at_ = clock::now();
   const auto lasted = std::chrono::floor<milliseconds>(thawed_at_ - from_ms(record_.begun()));
@@ -73,16 +77,23 @@ void rest::thaw(bool asked) {
     reason_ = "the host was at rest for " + seconds_text(lasted) + ", longer than the limit of " +
               seconds_text(max_freeze());
   }
-  watch();
+  watch_unfinished();
   try {
-    turn_.set_not_before(thawed_at_ + std::min(lasted, kLongestRest));
+    directory_.set_not_before(thawed_at_ + std::min(lasted, kLongestPause));
   } catch (const std::system_error& error) {
-    world_.report.error(error.what());
+    loop_.agent.error(error.what());
   }
-  if (certain_) turn_.remove_record();
-  turn_.give_back();
-  tell_thawed();
+  if (is_certain()) directory_.remove_record();
+  directory_.unlock();
+  report_thawed(is_certain());
 }
+
+bool rest::is_certain() const {
+  return failed_hooks_.empty() && std::none_of(volumes_.begin(), volumes_.end(),
+                                               [](const auto& one) { return one.may_be_frozen; });
+}
+
+bool rest::any_lingers() { return !loop_.programs.lingering().empty(); }
 
 void rest::undo_prepare() {
   record_.set_begun(to_ms(clock::now()));
@@ -95,9 +106,9 @@ bool rest::recover() {
   for (const auto& one : record_.processes()) {
     left.push_back({.pid = one.pid(), .start = one.start()});
   }
-  world_.programs.watch(left);
+  loop_.programs.kill_others(left);
   thaw(false);
-  return certain_;
+  return is_certain();
 }
 
 void rest::run_commands() {
@@ -105,37 +116,35 @@ void rest::run_commands() {
   for (const auto& member : record_.members()) {
     if (member.command_size() == 0) continue;
     commands.emplace_back(member.name(),
-                          &world_.programs.start({member.command().begin(), member.command().end()},
-                                                 environment_, kCommandTime));
+                          &loop_.programs.start({member.command().begin(), member.command().end()},
+                                                environment_, kCommandTime));
   }
   const auto until = std::min(clock::now() + kCommandTime, deadline());
-  const auto is_running = [](const auto& one) {
-    return !one.second->ended() && !one.second->killed;
-  };
+  const auto is_running = [](const auto& one) { return one.second->is_running(); };
   while (std::any_of(commands.begin(), commands.end(), is_running) && clock::now() < until) {
-    world_.wait(until);
+    loop_.wait(until);
   }
   for (const auto& [name, command] : commands) {
     if (command->succeeded()) continue;
-    world_.report.warn("LUN " + name + ": the command before the thaw " +
-                       (command->ended() && !command->killed
-                            ? "exited with " + std::to_string(*command->exit_code)
-                            : std::string("took too long")) +
-                       (command->output.empty() ? "" : ": " + command->output));
+    loop_.agent.warn("LUN " + name + ": the command before the thaw " +
+                     (command->ended() && !command->killed
+                          ? "exited with " + std::to_string(*command->exit_code)
+                          : std::string("took too long")) +
+                     (command->output.empty() ? "" : ": " + command->output));
   }
 }
 
 void rest::thaw_file_systems() {
   for (auto& one : volumes_) start_thawing(one);
-  const auto is_thawing = [](const volume& one) { return is_running(one.thawing); };
+  const auto is_thawing = [](const volume& one) { return one.is_thawing(); };
   const auto until = clock::now() + kThawTime;
   while (std::any_of(volumes_.begin(), volumes_.end(), is_thawing) && clock::now() < until) {
-    world_.wait(until);
+    loop_.wait(until);
   }
-  for (auto& one : volumes_) settle(one);
+  for (auto& one : volumes_) take_thaw_result(one);
 }
 
-// In a child of its own, so that one whose device hangs does not keep the others frozen. It is
+// Each in a child of its own, so that a device that hangs does not keep the others frozen. It is
 // never killed: on a host without processor time it would be killed before its call.
 void rest::start_thawing(volume& one) {
   if (!one.may_be_frozen || one.thawing != nullptr) return;
@@ -144,54 +153,54 @@ void rest::start_thawing(volume& one) {
                     : thaw_by_device(one.facts, record_.plan().run_dir());
   };
   try {
-    one.thawing = &world_.programs.fork_call(call, [](pid_t) {});
+    one.thawing = &loop_.programs.fork_call(call, [](pid_t) {});
   } catch (const std::system_error&) {  // no process to be had
-    if (call() == 0) one.may_be_frozen = false;
+    note_thaw(one, call());
   }
 }
 
-void rest::settle(volume& one) {
+void rest::take_thaw_result(volume& one) {
   if (one.thawing == nullptr || !one.thawing->ended()) return;
-  const int error = *std::exchange(one.thawing, nullptr)->exit_code;
+  const int result = *std::exchange(one.thawing, nullptr)->exit_code;
+  note_thaw(one, is_signal(result) ? EINTR : result);
+}
+
+void rest::note_thaw(volume& one, int error) {
   const std::string& mount_point = one.facts.mount_point();
   if (error == 0 || error == EINVAL) one.may_be_frozen = false;
   if (error == 0) {
     if (!is_ours_) {
-      world_.report.warn(mount_point + " was left frozen by an earlier agent; thawed");
+      loop_.agent.warn(mount_point + " was left frozen by an earlier agent; thawed");
     }
   } else if (error == EINVAL) {
-    if (is_ours_) disturbed_ = mount_point;
+    if (is_ours_) thawed_by_other_ = mount_point;
     if (is_ours_ && reason_.empty()) reason_ = "somebody else has thawed " + mount_point;
   } else if (error == ENODEV) {
-    certain_ = false;
-    world_.report.error("the file system on " + one.facts.source() + " that was mounted at " +
-                        mount_point +
-                        " may be frozen, and is mounted nowhere; mount it anywhere, then run "
-                        "\"plugin_freezer --thaw\"");
+    loop_.agent.error("the file system on " + one.facts.source() + " that was mounted at " +
+                      mount_point +
+                      " may be frozen, and is mounted nowhere; mount it anywhere, then run "
+                      "\"plugin_freezer --thaw\"");
   } else {
-    certain_ = false;
-    world_.report.error(mount_point + " cannot be thawed: " + failure_text(error) +
-                        "; try \"fsfreeze --unfreeze " + mount_point + "\"");
+    loop_.agent.error(mount_point + " cannot be thawed: " + std::generic_category().message(error) +
+                      "; try \"fsfreeze --unfreeze " + mount_point + "\"");
   }
 }
 
-std::vector<int> rest::thaw_hooks(const std::vector<int>& which) {
+std::vector<int> rest::run_thaw_hooks(const std::vector<int>& which) {
   const milliseconds timeout(record_.plan().hook_timeout_ms());
   std::vector<std::pair<int, child*>> runs;
-  const auto is_running = [](const auto& one) {
-    return !one.second->ended() && !one.second->killed;
-  };
+  const auto is_running = [](const auto& one) { return one.second->is_running(); };
   for (const int index : std::vector<int>(which.rbegin(), which.rend())) {
     const auto& path = record_.plan().hooks(index).path();
     if (access(path.c_str(), X_OK) != 0 && !is_ours_) {
-      world_.report.warn("hook " + path + " of an earlier agent is not there to thaw");
+      loop_.agent.warn("hook " + path + " of an earlier agent is not there to thaw");
       continue;
     }
     runs.emplace_back(index, &start_hook(index, "thaw", timeout));
     const auto next = std::min(clock::now() + kHookTurn, deadline());
-    while (is_running(runs.back()) && clock::now() < next) world_.wait(next);
+    while (is_running(runs.back()) && clock::now() < next) loop_.wait(next);
   }
-  while (std::any_of(runs.begin(), runs.end(), is_running)) world_.wait(clock::time_point::max());
+  while (std::any_of(runs.begin(), runs.end(), is_running)) loop_.wait(clock::time_point::max());
   std::vector<int> failed;
   for (const auto& [index, run] : runs) {
     report_hook(index, "thaw", *run);
@@ -202,48 +211,46 @@ std::vector<int> rest::thaw_hooks(const std::vector<int>& which) {
 
 void rest::await_lingering(clock::time_point until) {
   constexpr milliseconds kShortLook{5};
-  while (!world_.programs.lingering().empty() && clock::now() < until) {
-    world_.wait(clock::now() + kShortLook);
+  while (any_lingers() && clock::now() < until) {
+    loop_.wait(clock::now() + kShortLook);
   }
 }
 
 std::vector<process> rest::unfinished() {
-  auto all = world_.programs.lingering();
+  auto all = loop_.programs.lingering();
   for (const auto& one : volumes_) {
-    if (is_running(one.thawing)) all.push_back(look_at(one.thawing->pid));
+    if (one.is_thawing()) all.push_back(look_at(one.thawing->pid));
   }
   return all;
 }
 
-void rest::watch() {
+void rest::watch_unfinished() {
   auto left = unfinished();
   if (!left.empty()) {
     std::string ids;
     for (const auto& one : left) ids.append(" ").append(std::to_string(one.pid));
-    world_.report.warn(
+    loop_.agent.warn(
         "waiting for what may freeze or thaw something yet; no other rest of this host begins "
         "before (process" +
         ids + ")");
     record_.set_phase(RestRecord::WATCHING);
     record_.set_until(0);
-    certain_ = false;
-    tell_thawed();
-    certain_ = true;
+    report_thawed(false);
   }
   for (std::size_t written = 0;; left = unfinished()) {
     if (left.empty()) {
-      if (!std::exchange(is_late_, false)) return;
+      if (!std::exchange(outlasts_thaw_, false)) return;
       thaw_again();
-      if (record_.hooks_started() > 0) thaw_hooks({record_.hooks_started() - 1});
+      thaw_last_hook();
       thawed_at_ = clock::now();
-      world_.report.warn("what was waited for is gone; thawed again");
+      loop_.agent.warn("what was waited for is gone; thawed again");
       continue;
     }
     if (written != left.size()) {
       write_processes(left);
       written = left.size();
     }
-    world_.wait(clock::now() + kLook);
+    loop_.wait(clock::now() + kLook);
     answer_requests(false);
     for (auto& one : volumes_) {
       if (one.freezing != nullptr && one.freezing->ended()) {
@@ -251,12 +258,22 @@ void rest::watch() {
         one.may_be_frozen = true;
         start_thawing(one);
       }
-      settle(one);
+      take_thaw_result(one);
     }
   }
 }
 
-// A freeze that was under way at the first thaw may have completed after it.
+// And those that have failed.
+void rest::thaw_last_hook() {
+  const int last = record_.hooks_started() - 1;
+  if (last >= 0 && std::count(failed_hooks_.begin(), failed_hooks_.end(), last) == 0) {
+    failed_hooks_.push_back(last);
+    std::sort(failed_hooks_.begin(), failed_hooks_.end());
+  }
+  failed_hooks_ = run_thaw_hooks(failed_hooks_);
+}
+
+// For a freeze that was under way at the first thaw and may have completed after it.
 void rest::thaw_again() {
   for (auto& one : volumes_) {
     const bool was_freezing = std::exchange(one.freezing, nullptr) != nullptr;
@@ -265,16 +282,16 @@ void rest::thaw_again() {
   thaw_file_systems();
 }
 
-void rest::tell_thawed() {
-  if (std::exchange(is_told_, true)) return;
+void rest::report_thawed(bool certain) {
+  if (std::exchange(is_reported_, true)) return;
   answer_requests(false);
   FreezerReport report;
   report.mutable_thawed()->set_frozen_ms(
       std::chrono::ceil<milliseconds>(thawed_at_ - from_ms(record_.begun())).count());
   report.mutable_thawed()->set_reason(reason_);
-  report.mutable_thawed()->set_certain(certain_);
-  report.mutable_thawed()->set_disturbed(disturbed_);
-  world_.report.send(report);
+  report.mutable_thawed()->set_certain(certain);
+  report.mutable_thawed()->set_thawed_by_other(thawed_by_other_);
+  loop_.agent.send(report);
 }
 
 }  // namespace vexo::tools
