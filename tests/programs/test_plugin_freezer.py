@@ -284,7 +284,10 @@ def test_the_record_leads_to_a_file_system_wherever_it_is_mounted(volume, way):
         assert run("mount", "--bind", "/dev/null", loop).status == 0
         assert f"the file system on {loop} that was mounted at {volume.path} may be frozen" in \
             run(PLUGIN_AGENT, "--thaw-and-exit").err
-        assert RECORD.exists()
+        another = Freezer(hooks=[make_hook("10-any", "")])
+        another.ask(leave=b"a")
+        another.wait()
+        assert RECORD.exists(), "another rest has forgotten it"
         assert run("umount", loop).status == 0
     assert "was left frozen" in run(PLUGIN_AGENT, "--thaw-and-exit").err
     volume.wait_until_thawed()

@@ -27,6 +27,16 @@ rest::rest(event_loop& loop, run_directory& directory, const FreezerPlan& plan)
     volumes_.push_back({facts, std::move(opened.root)});
   }
   is_stacked_ = are_stacked(mounts);
+  // What earlier rests could not thaw stays on record, and this rest tries again when it ends.
+  const auto left = directory.record().value_or(RestRecord());
+  for (const auto& facts : left.file_systems()) {
+    if (std::any_of(mounts.begin(), mounts.end(),
+                    [&](const auto& mount) { return mount.device == facts.device(); })) {
+      continue;
+    }
+    *record_.add_file_systems() = facts;
+    volumes_.push_back({facts, unique_fd(), true});
+  }
   record_.set_boot_id(boot_id());
   *record_.mutable_plan() = plan;
   *record_.add_members() = plan.member();
@@ -186,8 +196,10 @@ void rest::run_freeze_hooks() {
 
 // All at the same time where that is possible, since most of a freeze is waiting in the kernel.
 void rest::freeze_file_systems() {
-  const std::size_t at_once = is_stacked_ ? 1 : std::max<std::size_t>(volumes_.size(), 1);
-  for (std::size_t begin = 0; begin < volumes_.size(); begin += at_once) {
+  const auto count = static_cast<std::size_t>(std::count_if(
+      volumes_.begin(), volumes_.end(), [](const volume& one) { return !!one.root; }));
+  const std::size_t at_once = is_stacked_ ? 1 : std::max<std::size_t>(count, 1);
+  for (std::size_t begin = 0; begin < count; begin += at_once) {
     throw_if_over();
     std::vector<process> under_way;
     for (std::size_t i = begin; i < begin + at_once; ++i) {

@@ -48,7 +48,7 @@ class rest {
   };
   struct volume {
     RestRecord::FileSystem facts;
-    unique_fd root;  // empty in the rest of another freezer
+    unique_fd root;  // empty when an earlier rest has left it frozen
     bool may_be_frozen = false;
     child* freezing = nullptr;  // runs its FIFREEZE; null when the result was taken
     child* thawing = nullptr;   // runs its FITHAW; null when the result was taken
@@ -83,6 +83,8 @@ class rest {
   void note_thaw(volume& one, int error);
   // That everything is thawed.
   bool is_certain() const;
+  // Removes the record, or leaves on it what could not be thawed.
+  void end_record();
   // Runs the `thaw` of these hooks, given in the order of freezing. Those that have failed.
   std::vector<int> run_thaw_hooks(const std::vector<int>& which);
   bool any_lingers();

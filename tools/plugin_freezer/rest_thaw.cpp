@@ -83,7 +83,7 @@ void rest::thaw(bool asked) {
   } catch (const std::system_error& error) {
     loop_.agent.error(error.what());
   }
-  if (is_certain()) directory_.remove_record();
+  end_record();
   directory_.unlock();
   report_thawed(is_certain());
 }
@@ -91,6 +91,25 @@ void rest::thaw(bool asked) {
 bool rest::is_certain() const {
   return failed_hooks_.empty() && std::none_of(volumes_.begin(), volumes_.end(),
                                                [](const auto& one) { return one.may_be_frozen; });
+}
+
+void rest::end_record() {
+  if (is_certain()) return directory_.remove_record();
+  record_.clear_members();
+  record_.clear_processes();
+  record_.clear_file_systems();
+  for (const auto& one : volumes_) {
+    if (one.may_be_frozen) *record_.add_file_systems() = one.facts;
+  }
+  if (failed_hooks_.empty() || !is_ours_) {
+    record_.mutable_plan()->clear_hooks();
+    record_.set_hooks_started(0);
+  }
+  try {
+    write_record();
+  } catch (const std::system_error& error) {
+    loop_.agent.error(error.what());
+  }
 }
 
 bool rest::any_lingers() { return !loop_.programs.lingering().empty(); }
@@ -169,12 +188,12 @@ void rest::note_thaw(volume& one, int error) {
   const std::string& mount_point = one.facts.mount_point();
   if (error == 0 || error == EINVAL) one.may_be_frozen = false;
   if (error == 0) {
-    if (!is_ours_) {
+    if (!one.root) {
       loop_.agent.warn(mount_point + " was left frozen by an earlier agent; thawed");
     }
   } else if (error == EINVAL) {
-    if (is_ours_) thawed_by_other_ = mount_point;
-    if (is_ours_ && reason_.empty()) reason_ = "somebody else has thawed " + mount_point;
+    if (one.root) thawed_by_other_ = mount_point;
+    if (one.root && reason_.empty()) reason_ = "somebody else has thawed " + mount_point;
   } else if (error == ENODEV) {
     loop_.agent.error("the file system on " + one.facts.source() + " that was mounted at " +
                       mount_point +
@@ -277,7 +296,7 @@ void rest::thaw_last_hook() {
 void rest::thaw_again() {
   for (auto& one : volumes_) {
     const bool was_freezing = std::exchange(one.freezing, nullptr) != nullptr;
-    one.may_be_frozen = one.may_be_frozen || was_freezing || !is_ours_;
+    one.may_be_frozen = one.may_be_frozen || was_freezing || !one.root;
   }
   thaw_file_systems();
 }
