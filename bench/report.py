@@ -160,7 +160,7 @@ def write(document, out, root):
     if root:
         shutil.copy(out / "fanout.svg", root / "docs/bench.svg")
         manual = root / "docs/performance.md"
-        between = r"(<!-- written by scripts/bench --readme -->\n).*?(<!-- end -->)"
+        between = r"(<!-- written by scripts/bench --docs -->\n).*?(<!-- end -->)"
         text = markdown_table(targets, target_rows(results)) + f"\n{origin}.\n"
         manual.write_text(re.sub(between, lambda m: m[1] + text + m[2], manual.read_text(),
                                  flags=re.S))
