@@ -47,6 +47,7 @@ def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, 
     metrics = pathlib.Path("/tmp/guard.prom")
     wait_until(lambda: {"scsi_plugin_guard_hosts 1", "scsi_plugin_guard_sweeps_total 3",
                         'scsi_plugin_guard_state{state="ok"} 1'} <= {*metrics.read_text().splitlines()})
+    assert guard.err.count('swept "') == 3
     assert max(most_sockets) <= 3, "two connections, and the system log"
     assert supervisor.restarts == 0
 

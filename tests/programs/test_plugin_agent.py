@@ -2,6 +2,7 @@
 # test_plugin_agent_freeze.
 
 import pathlib
+import re
 import signal
 import time
 
@@ -217,6 +218,8 @@ def test_a_thaw_hook_that_fails_is_run_again(daemon, hooks, start_agent):
     daemon.call.whole_handshake()
     agent.record()
     assert hooks.take_runs().count("10-a thaw") == 2
+    run(PLUGIN_AGENT, "--thaw-and-exit")
+    assert "10-a thaw" in hooks.take_runs(), "it is on record"
 
 
 @pytest.mark.parametrize("result, verdict, reason", [
@@ -289,12 +292,13 @@ def test_comes_back_when_the_daemon_is_started_anew(log, start_daemon, hooks, st
     agent.leave()
 
 
-def test_two_of_one_name_do_not_fight_at_full_speed(log, daemon, start_agent):
-    agents = start_agent(), start_agent()
+def test_two_of_one_name_do_not_fight_at_full_speed(daemon, start_agent):
+    agents = start_agent("--verbose"), start_agent("--verbose")
     for agent in agents:
         agent.wait_for_err('another plugin subscribed as "host"')
-    time.sleep(4)
-    assert log.count("Connected: Plugin ID=host") <= 8  # 1, 2 and 4 s and more of waiting, each
+        wait_until(lambda: agent.err.count("subscribing again in") > 1)
+        first, second = re.findall(r"again in ([\d.]+) s", agent.err)[:2]
+        assert 1 <= float(first) <= 1.5 and 2 <= float(second) <= 3
     for agent in agents:
         agent.leave()
 

@@ -222,11 +222,12 @@ void rest::watch() {
         ids + ")");
     record_.set_phase(RestRecord::WATCHING);
     record_.set_until(0);
+    write_processes(left);  // before anybody believes that the host is thawed
     certain_ = false;
     tell_thawed();
     certain_ = true;
   }
-  for (std::size_t written = 0; !left.empty(); left = world_.programs.lingering()) {
+  for (std::size_t written = left.size(); !left.empty(); left = world_.programs.lingering()) {
     if (written != left.size()) {
       write_processes(left);
       written = left.size();
