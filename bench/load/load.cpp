@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
     return std::vector<server>(words.begin() + static_cast<std::ptrdiff_t>(at), words.end());
   };
 
-  const std::string mode = next();
+  const std::string& mode = next();
   if (mode == "log_sink") take_log();
   const bool numbered =
       mode == "fanout" || mode == "handshakes" || mode == "lookup" || mode == "hold";

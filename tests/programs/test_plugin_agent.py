@@ -10,6 +10,7 @@ import time
 import pytest
 from google.protobuf.empty_pb2 import Empty
 
+from lun_cmd_pb2 import LunCmdResp
 from plugin_cmd_pb2 import PluginClient, PluginClientList, PluginCmd
 from plugin_service_pb2_grpc import PluginServiceServicer
 from support.agent import go_to
@@ -376,3 +377,33 @@ def test_subscribes_again_when_it_is_connected_but_not_listed(start_agent):
     # The daemon has to forget a subscriber before it vanishes, and one that it registers late after that.
     assert service.connected[0] and len(service.connected) == 2
     assert "does not list this host" in agent.err
+
+
+class HastyDaemon(PluginServiceServicer):
+    """Its no to a departed host comes before its word of the result, which is on another stream."""
+
+    departures = 0
+
+    def Subscribe(self, request, context):
+        yield init_snapshot(LUN)
+        while self.departures < 2:
+            time.sleep(0.005)
+        time.sleep(0.2)
+        yield depart_done(LUN, 7)
+        while context.is_active():
+            time.sleep(0.005)
+
+    def UnSubscribe(self, request, context):
+        return Empty()
+
+    def PluginConnList(self, request, context):
+        return PluginClientList(list=[PluginClient(plugin_id="host")])
+
+    def LunOp(self, request, context):
+        self.departures += request.HasField("depart_relation_req")
+        return LunCmdResp(success=self.departures < 2)
+
+
+def test_hears_the_result_of_the_split_that_follows_the_no(start_agent):
+    serve(HastyDaemon())
+    assert start_agent().record()["reason"] == "the appliance reports result 7 of the split"

@@ -11,7 +11,7 @@ import time
 import pytest
 
 from support.calls import LUN, depart_done, init_snapshot, mirror_done, wait_for_depart
-from support.program import PLUGIN_AGENT, PLUGIN_FREEZER, SLACK, SOURCE, Program, run
+from support.program import BUILD, PLUGIN_AGENT, PLUGIN_FREEZER, SLACK, SOURCE, Program, run
 from support.volume import mount_image
 from support.waiting import wait_until
 
@@ -24,10 +24,10 @@ class Freezer(Program):
     """One that brings `mount_points` to rest for the member "a", whose command may be given."""
 
     def __init__(self, *mount_points, hooks=(), command=(), max_freeze=2000, hook_timeout=5000, waits=True,
-                 run_dir="/run/plugin_agent"):
+                 run_dir="/run/plugin_agent", environment=None):
         self._socket, its_end = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.reports = []
-        super().__init__(PLUGIN_FREEZER, stdin=its_end)
+        super().__init__(PLUGIN_FREEZER, stdin=its_end, environment=environment)
         its_end.close()
         plan = {"run_dir": os.fsencode(run_dir), "mount_points": [os.fsencode(each) for each in mount_points],
                 "max_freeze_ms": max_freeze, "hook_timeout_ms": hook_timeout,
@@ -158,13 +158,32 @@ def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, vol
         os.kill(agent.freezer(), signal.SIGKILL)
         agent.kill()
         agent = start_agent("--fs", volume.path)
-    agent.wait_for_err("what may freeze something yet is waited for")
+    agent.wait_for_err("waiting for what may freeze or thaw something yet")
     stalled.unlink()
     slow.resume()
     agent.wait_for_err("what was waited for is gone; thawed again") if not killed else None
     slow.wait_until_thawed()
     wait_until(lambda: not RECORD.exists())
     slow.wait_until_thawed()
+
+
+@pytest.mark.not_under("asan")  # which has to be loaded first
+@pytest.mark.parametrize("awkward", ["freeze", "thaw"])
+def test_thaws_also_when_a_call_is_killed_or_slow(volume, awkward):
+    """A freeze that somebody else has killed may be complete; a thaw may not get any processor time."""
+    told = pathlib.Path("/tmp/ioctl_does")
+    told.write_text(awkward)
+    freezer = Freezer(volume.path, waits=awkward == "thaw",
+                      environment={"LD_PRELOAD": BUILD / "tests/programs/libawkward_ioctl.so"})
+    if awkward == "thaw":
+        freezer.ask(leave=b"a")
+        assert not freezer.report("thawed").certain
+        assert RECORD.exists()
+        told.unlink()
+    else:
+        assert freezer.report("thawed").reason == b"/tmp/data cannot be frozen: the call was killed"
+    volume.wait_until_thawed()
+    assert freezer.wait() == 0 and not RECORD.exists()
 
 
 # --- bounds ---------------------------------------------------------------------------------------

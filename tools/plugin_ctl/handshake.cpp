@@ -27,9 +27,10 @@ void name_source(Request& request, const handshake& about) {
 }  // namespace
 
 void handshake::add_options(CLI::App& verb, const std::vector<std::string>& names) {
+  using text_field = std::string handshake::*;
   struct text_option {
     std::string name;
-    std::string handshake::*value;
+    text_field value;
     const char* type;
     const char* description;
   };

@@ -71,7 +71,8 @@ class other_freezer {
       return false;
     }
     if (!is_known && !is_emergency_) return true;
-    const bool is_to_react = is_emergency_ && !(is_known && record->phase() == RestRecord::THAWING);
+    const bool is_thawing = is_known && record->phase() == RestRecord::THAWING;
+    const bool is_to_react = is_emergency_ && !is_thawing;
     const auto until = is_to_react ? since_ : from_ms(record->until());
     const auto left = std::chrono::ceil<milliseconds>(until + kPatience - steady_clock::now());
     if (left.count() > 0) {

@@ -34,6 +34,10 @@ FreezerReport::HookRun report_of(const FreezerPlan::Hook& hook, const std::strin
 
 }  // namespace
 
+std::string failure_text(int error) {
+  return error < kKilled ? std::generic_category().message(error) : "the call was killed";
+}
+
 std::string seconds_text(milliseconds time) {
   std::ostringstream text;
   text << std::chrono::duration<double>(time).count() << " s";
@@ -258,7 +262,7 @@ void rest::freeze_file_systems() {
       if (error == 0) continue;
       refusal = volumes_[i].facts.mount_point() + " cannot be frozen: " +
                 (error == EBUSY ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
-                                : std::generic_category().message(error)) +
+                                : failure_text(error)) +
                 (error == EPERM ? " (the agent needs CAP_SYS_ADMIN)" : "");
     }
     if (!refusal.empty()) throw over(refusal, true);
@@ -267,7 +271,7 @@ void rest::freeze_file_systems() {
 
 int rest::frozen(volume& one) {
   const int error = *std::exchange(one.freezing, nullptr)->exit_code;
-  if (error != 0) one.may_be_frozen = false;
+  if (error != 0 && error < kKilled) one.may_be_frozen = false;
   return error;
 }
 

@@ -51,7 +51,7 @@ class rest {
 
   void freeze_hooks();
   void freeze_file_systems();
-  // Of a FIFREEZE that has ended: its errno.
+  // Of a FIFREEZE that has ended: its errno, or kKilled and more.
   static int frozen(volume& one);
   // Throws `over` when there is a reason to end.
   void check();
@@ -75,7 +75,9 @@ class rest {
   // Runs `thaw` of these, which are in the order of freezing; returns those that have failed.
   std::vector<int> thaw_hooks(const std::vector<int>& which);
   void await_lingering(clock::time_point until);
-  // Waits for what may freeze something yet, and undoes it.
+  // Processes that may freeze or thaw something yet.
+  std::vector<process> unfinished();
+  // Waits for them, and undoes what they have frozen.
   void watch();
   void tell_thawed();
   void write_record();
@@ -103,6 +105,10 @@ class rest {
 
 // For the members' commands, before a thaw that nobody has asked for.
 inline constexpr std::chrono::milliseconds kCommandTime{1000};
+
+// What child::exit_code is at least when a call was killed; less is its errno.
+inline constexpr int kKilled = 128;
+std::string failure_text(int error);
 
 // As in "1.5 s".
 std::string seconds_text(std::chrono::milliseconds time);

@@ -23,6 +23,8 @@ constexpr milliseconds kHookTurn{1000};  // until the next `thaw` hook starts al
 constexpr milliseconds kLook{100};
 constexpr milliseconds kLongestRest{60000};
 
+bool is_running(const child* call) { return call != nullptr && !call->ended(); }
+
 }  // namespace
 
 void rest::thaw(bool asked) {
@@ -125,17 +127,16 @@ void rest::run_commands() {
 
 void rest::thaw_file_systems() {
   for (auto& one : volumes_) start_thawing(one);
-  const auto is_running = [](const volume& one) {
-    return one.thawing != nullptr && !one.thawing->ended();
-  };
+  const auto is_thawing = [](const volume& one) { return is_running(one.thawing); };
   const auto until = clock::now() + kThawTime;
-  while (std::any_of(volumes_.begin(), volumes_.end(), is_running) && clock::now() < until) {
+  while (std::any_of(volumes_.begin(), volumes_.end(), is_thawing) && clock::now() < until) {
     world_.wait(until);
   }
   for (auto& one : volumes_) settle(one);
 }
 
-// In a child of its own, so that one whose device hangs does not keep the others frozen.
+// In a child of its own, so that one whose device hangs does not keep the others frozen. It is
+// never killed: on a host without processor time it would be killed before its call.
 void rest::start_thawing(volume& one) {
   if (!one.may_be_frozen || one.thawing != nullptr) return;
   const auto call = [&] {
@@ -150,11 +151,7 @@ void rest::start_thawing(volume& one) {
 }
 
 void rest::settle(volume& one) {
-  if (one.thawing == nullptr) return;
-  if (!one.thawing->ended()) {
-    if (!one.thawing->killed) world_.programs.kill(*one.thawing);
-    return;
-  }
+  if (one.thawing == nullptr || !one.thawing->ended()) return;
   const int error = *std::exchange(one.thawing, nullptr)->exit_code;
   const std::string& mount_point = one.facts.mount_point();
   if (error == 0 || error == EINVAL) one.may_be_frozen = false;
@@ -171,10 +168,9 @@ void rest::settle(volume& one) {
                         mount_point +
                         " may be frozen, and is mounted nowhere; mount it anywhere, then run "
                         "\"plugin_freezer --thaw\"");
-  } else if (error < 128) {  // otherwise killed, and looked at again when it is gone
+  } else {
     certain_ = false;
-    world_.report.error(mount_point +
-                        " cannot be thawed: " + std::generic_category().message(error) +
+    world_.report.error(mount_point + " cannot be thawed: " + failure_text(error) +
                         "; try \"fsfreeze --unfreeze " + mount_point + "\"");
   }
 }
@@ -211,14 +207,22 @@ void rest::await_lingering(clock::time_point until) {
   }
 }
 
+std::vector<process> rest::unfinished() {
+  auto all = world_.programs.lingering();
+  for (const auto& one : volumes_) {
+    if (is_running(one.thawing)) all.push_back(look_at(one.thawing->pid));
+  }
+  return all;
+}
+
 void rest::watch() {
-  auto left = world_.programs.lingering();
+  auto left = unfinished();
   if (!left.empty()) {
     std::string ids;
     for (const auto& one : left) ids.append(" ").append(std::to_string(one.pid));
     world_.report.warn(
-        "killed, and not gone: what may freeze something yet is waited for, and no other rest of "
-        "this host begins (process" +
+        "waiting for what may freeze or thaw something yet; no other rest of this host begins "
+        "before (process" +
         ids + ")");
     record_.set_phase(RestRecord::WATCHING);
     record_.set_until(0);
@@ -227,7 +231,15 @@ void rest::watch() {
     tell_thawed();
     certain_ = true;
   }
-  for (std::size_t written = left.size(); !left.empty(); left = world_.programs.lingering()) {
+  for (std::size_t written = left.size();; left = unfinished()) {
+    if (left.empty()) {
+      if (!std::exchange(is_late_, false)) return;
+      thaw_again();
+      if (record_.hooks_started() > 0) thaw_hooks({record_.hooks_started() - 1});
+      thawed_at_ = clock::now();
+      world_.report.warn("what was waited for is gone; thawed again");
+      continue;
+    }
     if (written != left.size()) {
       write_processes(left);
       written = left.size();
@@ -240,14 +252,9 @@ void rest::watch() {
         one.may_be_frozen = true;
         start_thawing(one);
       }
-      if (one.thawing != nullptr && one.thawing->ended()) settle(one);
+      settle(one);
     }
   }
-  if (!is_late_) return;
-  thaw_again();
-  if (record_.hooks_started() > 0) thaw_hooks({record_.hooks_started() - 1});
-  thawed_at_ = clock::now();
-  world_.report.warn("what was waited for is gone; thawed again");
 }
 
 // A freeze that was under way at the first thaw may have completed after it.
