@@ -174,6 +174,7 @@ def test_writes_metrics(daemon, hooks, start_agent):
     wait_until(lambda: failed in page.read_text())
     assert "last_success" not in page.read_text()
     (hooks.path / ".state/fail.10-a.freeze").unlink()
+    assert daemon.call.ask(depart_done(LUN))
     daemon.call.whole_handshake()
     wait_until(lambda: 'verdict="application-consistent"} 1' in page.read_text())
     lines = page.read_text().splitlines()

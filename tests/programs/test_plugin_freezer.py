@@ -159,6 +159,8 @@ def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, vol
         agent.kill()
         agent = start_agent("--fs", volume.path)
     agent.wait_for_err("waiting for what may freeze or thaw something yet")
+    another = start_agent("--fs", volume.path, "--plugin-id", "another", serves=False)
+    another.wait_for_err("waits for processes of an earlier rest that may freeze something yet")
     stalled.unlink()
     slow.resume()
     agent.wait_for_err("what was waited for is gone; thawed again") if not killed else None
