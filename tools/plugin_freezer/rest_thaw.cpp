@@ -101,7 +101,7 @@ void rest::end_record() {
   for (const auto& one : volumes_) {
     if (one.may_be_frozen) *record_.add_file_systems() = one.facts;
   }
-  if (failed_hooks_.empty() || !is_ours_) {
+  if (failed_hooks_.empty()) {
     record_.mutable_plan()->clear_hooks();
     record_.set_hooks_started(0);
   }
@@ -254,9 +254,10 @@ void rest::watch_unfinished() {
         ids + ")");
     record_.set_phase(RestRecord::WATCHING);
     record_.set_until(0);
+    write_processes(left);  // before anybody believes that the host is thawed
     report_thawed(false);
   }
-  for (std::size_t written = 0;; left = unfinished()) {
+  for (std::size_t written = left.size();; left = unfinished()) {
     if (left.empty()) {
       if (!std::exchange(outlasts_thaw_, false)) return;
       thaw_again();
