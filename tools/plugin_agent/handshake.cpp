@@ -35,6 +35,9 @@ constexpr milliseconds kFreezerLook{200};
 constexpr int kCheckPolls = 45;
 constexpr milliseconds kLeastCheck{5000};
 constexpr milliseconds kMostCheck{45000};
+// Between the appliance's no to a departed host and its word of the split's result. The daemon
+// sends that first, but on another stream.
+constexpr milliseconds kResultTime{1000};
 constexpr char kOf[] = " of ";  // in the name of a member of a rest: the LUN, then the appliance
 constexpr int kMostTries = 3;   // to come to rest, each with a freezer of its own
 
@@ -125,7 +128,6 @@ void handshake::take_part() {
     step_ = "thaw";
     rest_->end(name);
     take_figures();
-    verdict_ = verdict();
   } catch (const std::runtime_error&) {
     step_ = "thaw";
     if (may_count_on_rest_) withdraw(*appliance_->stub(), lun(), options_.plugin_id);
@@ -137,6 +139,8 @@ void handshake::take_part() {
     take_figures();
     throw;
   }
+  hear_result();
+  verdict_ = verdict();
 }
 
 void handshake::make_plan() {
@@ -303,13 +307,7 @@ void handshake::hold() {
     const auto pause = growing_pause(now - rest_->since(), kFirstDepartPoll, options_.poll);
     const auto news = news_.wait(std::min(now + pause, rest_->deadline()));
     is_at_rest();
-    if (news.departed) {
-      may_count_on_rest_ = false;
-      if (*news.departed == 0) break;
-      throw given_up("the appliance reports result " + std::to_string(*news.departed) +
-                     " of the split");
-    }
-    if (news.superseded) break;
+    if (news.departed || news.superseded) break;
     if (news.stop_now) throw given_up("the agent was told to stop before the split was over");
     const auto answer = ask_depart();
     if (answer.status.ok() && !answer.yes) break;
@@ -321,6 +319,17 @@ void handshake::hold() {
         "the connection to the appliance was lost while the host was frozen, so it is "
         "not certain that the split was over before the thaw");
   }
+}
+
+void handshake::hear_result() {
+  const auto until = clock::now() + kResultTime;
+  auto news = news_.wait(clock::now());
+  while (!news.departed && !news.superseded && !news.stop && clock::now() < until) {
+    news = news_.wait(until);
+  }
+  if (news.departed.value_or(0) == 0) return;
+  throw given_up("the appliance reports result " + std::to_string(*news.departed) +
+                 " of the split");
 }
 
 std::string handshake::verdict() const {

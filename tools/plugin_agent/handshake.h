@@ -77,6 +77,8 @@ class handshake {
   void come_to_rest();
   void depart();
   void hold();
+  // Throws given_up when the appliance says within kResultTime that the split has failed.
+  void hear_result();
   std::string verdict() const;
   void write_record();
 

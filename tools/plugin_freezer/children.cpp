@@ -57,14 +57,14 @@ void add_missing(std::vector<process>& to, const std::vector<process>& others) {
   }
 }
 
+// What the pipe holds, and not what is written meanwhile, which may be without an end.
 void drain(child& from) {
-  char buffer[4096];
-  ssize_t size = 0;
-  while ((size = read(from.pipe.get(), buffer, sizeof buffer)) > 0) {
-    from.output.append(buffer,
-                       std::min(static_cast<std::size_t>(size), kOutputKept - from.output.size()));
-  }
+  char buffer[65536];
+  const ssize_t size = read(from.pipe.get(), buffer, sizeof buffer);
   if (size == 0) from.pipe.reset();
+  if (size <= 0) return;
+  from.output.append(buffer,
+                     std::min(static_cast<std::size_t>(size), kOutputKept - from.output.size()));
 }
 
 }  // namespace

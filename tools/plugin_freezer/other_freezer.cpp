@@ -26,13 +26,15 @@ bool other_freezer::wake_or_kill() {
   const auto record = directory_.record();
   const bool is_known = record && is_of_this_boot(record->boot_id(), record->plan().run_dir());
   if (is_known && record->phase() == RestRecord::WATCHING) {
-    warn_once(pid,
-              "waits for killed processes of an earlier rest, which may still freeze something; "
-              "until they have ended no other rest of this host begins");
+    warn_once(
+        pid,
+        "waits for processes of an earlier rest that may still freeze something; no other rest "
+        "of this host begins before");
     return false;
   }
   if (!is_known && !is_emergency_) return true;
-  const bool is_to_react = is_emergency_ && !(is_known && record->phase() == RestRecord::THAWING);
+  const bool is_thawing = is_known && record->phase() == RestRecord::THAWING;
+  const bool is_to_react = is_emergency_ && !is_thawing;
   const auto until = is_to_react ? since_ : from_ms(record->until());
   const auto left = std::chrono::ceil<milliseconds>(until + kReactionTime - steady_clock::now());
   if (left.count() > 0) {

@@ -52,6 +52,8 @@ class rest {
     bool may_be_frozen = false;
     child* freezing = nullptr;  // runs its FIFREEZE; null when the result was taken
     child* thawing = nullptr;   // runs its FITHAW; null when the result was taken
+
+    bool is_thawing() const { return thawing != nullptr && !thawing->ended(); }
   };
 
   void run_freeze_hooks();
@@ -75,7 +77,7 @@ class rest {
   void run_commands();
   void thaw_again();
   void start_thawing(volume& one);
-  // Takes the result of a FITHAW that has ended; kills one that has not.
+  // Of a FITHAW that has ended.
   void take_thaw_result(volume& one);
   // `error`: of a FITHAW, 0 or an errno.
   void note_thaw(volume& one, int error);
@@ -87,8 +89,11 @@ class rest {
   std::vector<int> run_thaw_hooks(const std::vector<int>& which);
   bool any_lingers();
   void await_lingering(clock::time_point until);
-  // Waits without a limit for killed processes that may still freeze something, then thaws that.
-  void watch_lingering();
+  // Killed processes that may still freeze something, and those of each FITHAW under way.
+  std::vector<process> unfinished();
+  // Waits for them without a limit, then thaws what they have frozen.
+  void watch_unfinished();
+  void thaw_last_hook();
   void report_thawed(bool certain);
   void write_record();
   void write_processes(const std::vector<process>& all);

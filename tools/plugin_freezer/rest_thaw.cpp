@@ -52,15 +52,11 @@ void rest::thaw(bool asked) {
     }
   }
   if (!asked) run_commands();
-  bool is_again_needed = any_lingers();
+  const bool was_dying = any_lingers();
   thaw_file_systems();
-  is_again_needed = is_again_needed || any_lingers();
   await_lingering(clock::now() + kDyingTime);
   outlasts_thaw_ = any_lingers();
-  if (is_again_needed && !outlasts_thaw_) {
-    thaw_again();
-    outlasts_thaw_ = any_lingers();
-  }
+  if (was_dying && !outlasts_thaw_) thaw_again();
 
   // Also of the hooks whose `freeze` has not been run: this undoes their `prepare`.
   std::vector<int> all(record_.plan().hooks_size());
@@ -69,6 +65,11 @@ void rest::thaw(bool asked) {
   if (!failed_hooks_.empty()) {
     loop_.agent.error("a thaw hook failed; it is run once more");
     failed_hooks_ = run_thaw_hooks(failed_hooks_);
+    for (const int index : failed_hooks_) {
+      loop_.agent.error("the thaw of hook " + record_.plan().hooks(index).name() +
+                        " failed twice: look at its application; \"plugin_freezer --thaw\" runs "
+                        "it again");
+    }
   }
   thawed_at_ = clock::now();
   const auto lasted = std::chrono::floor<milliseconds>(thawed_at_ - from_ms(record_.begun()));
@@ -76,7 +77,7 @@ void rest::thaw(bool asked) {
     reason_ = "the host was at rest for " + seconds_text(lasted) + ", longer than the limit of " +
               seconds_text(max_freeze());
   }
-  watch_lingering();
+  watch_unfinished();
   try {
     directory_.set_not_before(thawed_at_ + std::min(lasted, kLongestPause));
   } catch (const std::system_error& error) {
@@ -88,10 +89,8 @@ void rest::thaw(bool asked) {
 }
 
 bool rest::is_certain() const {
-  // The hooks of an earlier agent may be gone for good.
-  return (failed_hooks_.empty() || !is_ours_) &&
-         std::none_of(volumes_.begin(), volumes_.end(),
-                      [](const volume& one) { return one.may_be_frozen; });
+  return failed_hooks_.empty() && std::none_of(volumes_.begin(), volumes_.end(),
+                                               [](const auto& one) { return one.may_be_frozen; });
 }
 
 void rest::end_record() {
@@ -102,7 +101,7 @@ void rest::end_record() {
   for (const auto& one : volumes_) {
     if (one.may_be_frozen) *record_.add_file_systems() = one.facts;
   }
-  if (failed_hooks_.empty() || !is_ours_) {
+  if (failed_hooks_.empty()) {
     record_.mutable_plan()->clear_hooks();
     record_.set_hooks_started(0);
   }
@@ -156,17 +155,16 @@ void rest::run_commands() {
 
 void rest::thaw_file_systems() {
   for (auto& one : volumes_) start_thawing(one);
-  const auto is_running = [](const volume& one) {
-    return one.thawing != nullptr && !one.thawing->ended();
-  };
+  const auto is_thawing = [](const volume& one) { return one.is_thawing(); };
   const auto until = clock::now() + kThawTime;
-  while (std::any_of(volumes_.begin(), volumes_.end(), is_running) && clock::now() < until) {
+  while (std::any_of(volumes_.begin(), volumes_.end(), is_thawing) && clock::now() < until) {
     loop_.wait(until);
   }
   for (auto& one : volumes_) take_thaw_result(one);
 }
 
-// Each in a child of its own, so that a device that hangs does not keep the others frozen.
+// Each in a child of its own, so that a device that hangs does not keep the others frozen. It is
+// never killed: on a host without processor time it would be killed before its call.
 void rest::start_thawing(volume& one) {
   if (!one.may_be_frozen || one.thawing != nullptr) return;
   const auto call = [&] {
@@ -175,20 +173,15 @@ void rest::start_thawing(volume& one) {
   };
   try {
     one.thawing = &loop_.programs.fork_call(call, [](pid_t) {});
-  } catch (const std::system_error&) {  // no process to be had
+  } catch (const std::system_error&) {  // no process can be started
     note_thaw(one, call());
   }
 }
 
 void rest::take_thaw_result(volume& one) {
-  if (one.thawing == nullptr) return;
-  if (!one.thawing->ended()) {
-    if (!one.thawing->killed) loop_.programs.kill(*one.thawing);
-    return;
-  }
-  const child& call = *std::exchange(one.thawing, nullptr);
-  if (call.killed) return;  // by this program, which thaws again when it is gone
-  note_thaw(one, is_signal(*call.exit_code) ? EINTR : *call.exit_code);
+  if (one.thawing == nullptr || !one.thawing->ended()) return;
+  const int result = *std::exchange(one.thawing, nullptr)->exit_code;
+  note_thaw(one, is_signal(result) ? EINTR : result);
 }
 
 void rest::note_thaw(volume& one, int error) {
@@ -242,20 +235,37 @@ void rest::await_lingering(clock::time_point until) {
   }
 }
 
-void rest::watch_lingering() {
-  auto left = loop_.programs.lingering();
+std::vector<process> rest::unfinished() {
+  auto all = loop_.programs.lingering();
+  for (const auto& one : volumes_) {
+    if (one.is_thawing()) all.push_back(look_at(one.thawing->pid));
+  }
+  return all;
+}
+
+void rest::watch_unfinished() {
+  auto left = unfinished();
   if (!left.empty()) {
     std::string ids;
     for (const auto& one : left) ids.append(" ").append(std::to_string(one.pid));
     loop_.agent.warn(
-        "killed processes may still freeze something; until they have ended no other rest of "
-        "this host begins (process" +
+        "waiting for processes that may still freeze or thaw something; no other rest of this host "
+        "begins before (process" +
         ids + ")");
     record_.set_phase(RestRecord::WATCHING);
     record_.set_until(0);
+    write_processes(left);  // before anybody believes that the host is thawed
     report_thawed(false);
   }
-  for (std::size_t written = 0; !left.empty(); left = loop_.programs.lingering()) {
+  for (std::size_t written = left.size();; left = unfinished()) {
+    if (left.empty()) {
+      if (!std::exchange(outlasts_thaw_, false)) return;
+      thaw_again();
+      thaw_last_hook();
+      thawed_at_ = clock::now();
+      loop_.agent.warn("these processes have ended; thawed again");
+      continue;
+    }
     if (written != left.size()) {
       write_processes(left);
       written = left.size();
@@ -268,28 +278,24 @@ void rest::watch_lingering() {
         one.may_be_frozen = true;
         start_thawing(one);
       }
-      if (one.thawing != nullptr && one.thawing->ended()) take_thaw_result(one);
+      take_thaw_result(one);
     }
   }
-  if (!outlasts_thaw_) return;
-  thaw_again();
+}
+
+// Also runs the `thaw` hooks that have failed.
+void rest::thaw_last_hook() {
   const int last = record_.hooks_started() - 1;
   if (last >= 0 && std::count(failed_hooks_.begin(), failed_hooks_.end(), last) == 0) {
     failed_hooks_.push_back(last);
     std::sort(failed_hooks_.begin(), failed_hooks_.end());
   }
   failed_hooks_ = run_thaw_hooks(failed_hooks_);
-  thawed_at_ = clock::now();
-  loop_.agent.warn("the killed processes have ended; thawed again");
 }
 
-// For a freeze that was under way at the first thaw and may have completed after it. To be called
-// when no killed process lingers.
+// For a freeze that was under way at the first thaw and may have completed after it.
 void rest::thaw_again() {
   for (auto& one : volumes_) {
-    // A killed FITHAW that no longer lingers may not be reaped yet; its result does not matter.
-    if (one.thawing != nullptr && one.thawing->killed) one.thawing = nullptr;
-    if (one.thawing != nullptr && one.thawing->ended()) take_thaw_result(one);
     const bool was_freezing = std::exchange(one.freezing, nullptr) != nullptr;
     one.may_be_frozen = one.may_be_frozen || was_freezing || !one.root;
   }
