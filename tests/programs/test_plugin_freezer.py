@@ -283,7 +283,7 @@ def test_the_emergency_thaws_beside_a_freezer_that_it_cannot_see(volume):
     freezer = Freezer(volume.path, max_freeze=60000)
     thawed = run("unshare", "--pid", "--fork", "--mount-proc", PLUGIN_FREEZER, "--thaw")
     volume.wait_until_thawed()
-    assert thawed.status == 4 and "run this where it runs" in thawed.err
+    assert thawed.status == 4 and "run this command there" in thawed.err
     freezer.leave()
     assert freezer.wait() == 0
 
