@@ -46,6 +46,9 @@ def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, 
     metrics = pathlib.Path("/tmp/guard.prom")
     wait_until(lambda: {"scsi_plugin_guard_hosts 1", "scsi_plugin_guard_sweeps_total 3",
                         'scsi_plugin_guard_state{state="ok"} 1'} <= {*metrics.read_text().splitlines()})
+    assert guard.err.count('swept "') == 3
+    seconds = re.search(r'state_seconds_total{state="ok"} ([\d.]+)', metrics.read_text())[1]
+    assert float(seconds) > 0
     assert max(most_sockets) <= 3, "two connections, and the system log"
     assert supervisor.restarts == 0
 
@@ -196,6 +199,7 @@ def test_refuses_options_that_do_not_fit_together():
         ended = run(PLUGIN_GUARD, *options.split())
         assert (options, ended.status) == (options, 2)
         assert complaint in ended.err
+    assert run(PLUGIN_GUARD, "--check", "--no-kill").status == 3  # for a monitor, 2 is critical
 
 
 @pytest.mark.parametrize("text, age, status, err, checked", [
