@@ -18,6 +18,7 @@ grpc::Status PluginServiceImpl::Subscribe(grpc::ServerContext* context, const Pl
   // The record borrows this call's objects. Its deleter signals that no thread can reach them.
   std::promise<void> destroyed;
   const std::future<void> gone = destroyed.get_future();
+  // The deleter owns the promise. NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
   std::shared_ptr<plugin_client> client(
       new plugin_client(context, request, writer),
       [destroyed = std::move(destroyed)](const plugin_client* record) mutable {

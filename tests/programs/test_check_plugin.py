@@ -4,19 +4,24 @@
 import json
 import os
 import pathlib
+import re
+import signal
 import sys
+import time
 
 import pytest
 
-from support.calls import LUN, depart_done, init_snapshot
+from support.calls import LUN, depart_done, init_snapshot, mirror_done
 from support.program import PLUGIN_AGENT, SOURCE, Program, run
+from support.waiting import wait_until
 
 pytestmark = pytest.mark.not_under("asan", "tsan")  # it is the plugins that are tried
 
 PYTHON = ["env", f"PYTHONPATH={SOURCE}/clients/python", sys.executable, "-B"]
 WRONG = [*PYTHON, SOURCE / "tests/programs/wrong_plugin.py"]
 LONGER = ("--split", "9", "--idle", "5")  # than the plugin in question needs
-AT_REST = ("--at-rest", "test -e /tmp/at_rest")
+AT_REST_FILE = pathlib.Path("/tmp/at_rest")
+AT_REST = ("--at-rest", f"test -e {AT_REST_FILE}")
 HOOK = "#!/bin/sh\ncase $1 in freeze) touch /tmp/at_rest ;; thaw) rm -f /tmp/at_rest ;; esac\n"
 
 
@@ -91,13 +96,23 @@ def test_the_package_refuses_what_is_no_address(appliance):
     ("nothing", "None"),
     ("the daemon is restarted during the rest", "the connection was lost while the host was at rest"),
     ("the LUN is announced again", "the appliance has announced another snapshot"),
-    ("the mirror fails", "the appliance has given up")])
+    ("the mirror fails", "the appliance has given up"),
+    ("fails to freeze", "never"), ("hangs in its freeze", "the freeze took so long"),
+    ("freezes slowly", "the freeze took so long"), ("is told to stop twice", "the plugin was told to stop")])
 def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon):
     daemon = start_daemon()
-    plugin = Program(*WRONG, "none", LUN, "localhost")
+    in_freeze = "freeze" in what
+    plugin = Program(*WRONG, what if in_freeze else "none", LUN, "localhost")
     log.wait_for("Connected")
     daemon.call.wait_until_listed("me")
-    if what in ("the LUN is announced again", "the mirror fails"):
+    if in_freeze:
+        assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
+        wait_until(AT_REST_FILE.exists) if what != "fails to freeze" else None
+        if what == "hangs in its freeze":
+            wait_until(lambda: not AT_REST_FILE.exists())
+        time.sleep(0.2)
+        pathlib.Path("/tmp/may_go_on").touch()
+    elif what in ("the LUN is announced again", "the mirror fails"):
         assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(depart_done(LUN, -1))
         if what == "the LUN is announced again":
             assert daemon.call.ask(init_snapshot(LUN))
@@ -105,10 +120,13 @@ def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon
         daemon.call.go_to_split()
         if what == "nothing":
             assert daemon.call.ask(depart_done(LUN))
+        elif what == "is told to stop twice":
+            wait_until(lambda: plugin.signal(signal.SIGTERM) or time.sleep(0.1) or not AT_REST_FILE.exists())
         else:
             daemon.kill()
             start_daemon()
     plugin.wait_for_out(failure)
+    assert not AT_REST_FILE.exists()
 
 
 def test_the_package_goes_on_when_there_was_no_thread_for_a_snapshot(log, daemon):
@@ -120,3 +138,10 @@ def test_the_package_goes_on_when_there_was_no_thread_for_a_snapshot(log, daemon
     assert daemon.call.ask(depart_done(LUN, -1))
     daemon.call.whole_handshake()
     unanswered.cancel()
+
+
+def test_two_of_one_plugin_id_do_not_fight_at_full_speed(daemon):
+    for plugin in [Program(*WRONG, "none", LUN, "localhost") for _ in range(2)]:
+        wait_until(lambda: plugin.err.count("subscribing again in") > 1)
+        first, second = re.findall(r"again in ([\d.]+) s", plugin.err)[:2]
+        assert 1 <= float(first) <= 1.5 and 2 <= float(second) <= 3

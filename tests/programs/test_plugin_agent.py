@@ -1,7 +1,9 @@
 # The host agent beside the real daemon. What it does with real file systems is tested in
 # test_plugin_agent_freeze.
 
+import os
 import pathlib
+import re
 import signal
 import time
 
@@ -144,7 +146,7 @@ def test_a_hook_that_fails_ends_the_handshake(log, daemon, hooks, start_agent, p
     agent.leave()
 
 
-@pytest.mark.parametrize("end", ["given up at the appliance", "agent killed"])
+@pytest.mark.parametrize("end", ["given up at the appliance", "freezer killed", "agent killed"])
 def test_what_was_prepared_is_undone_when_the_mirror_comes_to_nothing(daemon, hooks, start_agent, end):
     hooks.add("20-b")
     agent = start_agent("--hooks", hooks.path)
@@ -152,6 +154,8 @@ def test_what_was_prepared_is_undone_when_the_mirror_comes_to_nothing(daemon, ho
     if end == "agent killed":
         agent.kill()
     else:
+        if end == "freezer killed":
+            os.kill(agent.freezer(), signal.SIGKILL)
         assert daemon.call.ask(depart_done(LUN, 7))
         assert agent.record()["reason"].startswith("the appliance no longer has the handshake")
         assert [run["phase"] for run in agent.record()["hooks"]] == 2 * ["prepare"] + 2 * ["thaw"]
@@ -163,16 +167,18 @@ def test_what_was_prepared_is_undone_when_the_mirror_comes_to_nothing(daemon, ho
 def test_writes_metrics(daemon, hooks, start_agent):
     page = pathlib.Path("/tmp/agent.prom")
     agent = start_agent("--hooks", hooks.path, "--metrics", page)
-    daemon.call.whole_handshake()
-    agent.record()
     hooks.fail("10-a", "freeze")
     assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
-    agent.record(1)
+    agent.record()
     failed = 'scsi_plugin_agent_handshakes_total{verdict="failed"} 1'
     wait_until(lambda: failed in page.read_text())
+    assert "last_success" not in page.read_text()
+    (hooks.path / ".state/fail.10-a.freeze").unlink()
+    assert daemon.call.ask(depart_done(LUN))
+    daemon.call.whole_handshake()
+    wait_until(lambda: 'verdict="application-consistent"} 1' in page.read_text())
     lines = page.read_text().splitlines()
-    for line in ('scsi_plugin_agent_subscribed{appliance="127.0.0.1:3265"} 1',
-                 'scsi_plugin_agent_handshakes_total{verdict="application-consistent"} 1',
+    for line in ('scsi_plugin_agent_subscribed{appliance="127.0.0.1:3265"} 1', failed,
                  'scsi_plugin_agent_frozen_seconds_bucket{le="60"} 2'):
         assert line in lines
     last, = (float(line.split()[1]) for line in lines if line.startswith("scsi_plugin_agent_last_success"))
@@ -218,6 +224,8 @@ def test_a_thaw_hook_that_fails_is_run_again(daemon, hooks, start_agent):
     daemon.call.whole_handshake()
     agent.record()
     assert hooks.take_runs().count("10-a thaw") == 2
+    run(PLUGIN_AGENT, "--thaw-and-exit")
+    assert "10-a thaw" in hooks.take_runs(), "it is on record"
 
 
 @pytest.mark.parametrize("result, verdict, reason", [
@@ -290,12 +298,13 @@ def test_comes_back_when_the_daemon_is_started_anew(log, start_daemon, hooks, st
     agent.leave()
 
 
-def test_two_of_one_name_do_not_fight_at_full_speed(log, daemon, start_agent):
-    agents = start_agent(), start_agent()
+def test_two_of_one_name_do_not_fight_at_full_speed(daemon, start_agent):
+    agents = start_agent("--verbose"), start_agent("--verbose")
     for agent in agents:
         agent.wait_for_err('another plugin subscribed as "host"')
-    time.sleep(4)
-    assert log.count("Connected: Plugin ID=host") <= 8  # 1, 2 and 4 s and more of waiting, each
+        wait_until(lambda: agent.err.count("subscribing again in") > 1)
+        first, second = re.findall(r"again in ([\d.]+) s", agent.err)[:2]
+        assert 1 <= float(first) <= 1.5 and 2 <= float(second) <= 3
     for agent in agents:
         agent.leave()
 

@@ -45,6 +45,13 @@ def test_finds_what_is_wrong_on_this_host(daemon, hooks):
         assert status == (1 if "FAILURE" in dict(wrong.values()) else 0)
 
 
+def test_finds_a_freeze_that_nobody_thaws(daemon):
+    pathlib.Path("/run/plugin_agent").mkdir()
+    pathlib.Path("/run/plugin_agent/frozen").touch()
+    status, wrong = check()
+    assert status == 1 and "nobody thaws it" in wrong["run directory /run/plugin_agent"][1]
+
+
 def test_finds_what_is_wrong_with_appliances_and_luns(daemon):
     unsupported = "no appliance supports it: it is unknown there, or of another kind"
     assert check(lun=UNSUPPORTED_LUN)[1][f"LUN {UNSUPPORTED_LUN}"] == ("FAILURE", unsupported)

@@ -110,7 +110,7 @@ def test_refuses_to_hold_longer_than_it_freezes(start_agent, options):
 
 
 @pytest.mark.parametrize("end", ["limit", "two signals", "agent killed", "freezer killed", "freezer told",
-                                 "both killed"])
+                                 "freezer stopped", "both killed"])
 def test_takes_its_departure_back_before_the_thaw(log, daemon, hooks, start, end):
     options = ("--max-freeze", "2", "--hold", "0.1")
     agent = start(*options)
@@ -127,7 +127,7 @@ def test_takes_its_departure_back_before_the_thaw(log, daemon, hooks, start, end
     elif end == "agent killed":
         agent.kill()
     elif end.startswith("freezer"):
-        os.kill(freezer, signal.SIGKILL if end == "freezer killed" else signal.SIGTERM)
+        os.kill(freezer, {"killed": signal.SIGKILL, "told": signal.SIGTERM, "stopped": signal.SIGSTOP}[end[8:]])
     elif end == "two signals":
         agent.signal(signal.SIGTERM)
         agent.signal(signal.SIGTERM)

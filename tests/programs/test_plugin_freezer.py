@@ -10,7 +10,7 @@ import time
 
 import pytest
 
-from support.calls import LUN, depart_done, init_snapshot, mirror_done
+from support.calls import LUN, depart_done, init_snapshot, mirror_done, wait_for_depart
 from support.program import BUILD, PLUGIN_AGENT, PLUGIN_FREEZER, SLACK, SOURCE, Program, run
 from support.volume import mount_image
 from support.waiting import wait_until
@@ -24,12 +24,12 @@ class Freezer(Program):
     """One that brings `mount_points` to rest for the member "a", whose command may be given."""
 
     def __init__(self, *mount_points, hooks=(), command=(), max_freeze=2000, hook_timeout=5000, waits=True,
-                 environment=None):
+                 run_dir="/run/plugin_agent", environment=None):
         self._socket, its_end = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.reports = []
         super().__init__(PLUGIN_FREEZER, stdin=its_end, environment=environment)
         its_end.close()
-        plan = {"run_dir": b"/run/plugin_agent", "mount_points": [os.fsencode(each) for each in mount_points],
+        plan = {"run_dir": os.fsencode(run_dir), "mount_points": [os.fsencode(each) for each in mount_points],
                 "max_freeze_ms": max_freeze, "hook_timeout_ms": hook_timeout,
                 "hooks": [{"name": os.fsencode(each.name), "path": os.fsencode(each)} for each in hooks],
                 "member": {"name": b"a", "command": [os.fsencode(word) for word in command]}}
@@ -83,6 +83,8 @@ def test_the_last_member_to_leave_ends_the_rest(volume):
     freezer.ask(leave=b"a")
     volume.wait_until_frozen()
     freezer.ask(leave=b"b")
+    freezer.ask(join={"name": b"c"})
+    assert freezer.report("refused").name == b"c"
     thawed = freezer.report("thawed")
     assert (thawed.reason, thawed.certain) == (b"", True)
     volume.wait_until_thawed()
@@ -99,8 +101,10 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
     def command(name):
         return ["/bin/sh", "-c", f"touch /tmp/{name}; dd of={volume.path}/{name} oflag=sync count=1 </dev/zero"]
     freezer = Freezer(volume.path, command=command("a"))
-    freezer.ask(join={"name": b"b", "command": [os.fsencode(word) for word in command("b")]})
-    freezer.report("joined")
+    for name in ("c", "b"):
+        freezer.ask(join={"name": name.encode(), "command": [os.fsencode(word) for word in command(name)]})
+        freezer.report("joined")
+    freezer.ask(leave=b"c")
     volume.wait_until_frozen()
     volume.longest_stall()
     if cause == "agent gone":
@@ -113,34 +117,51 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
     if reason:
         assert reason in freezer.report("thawed").reason
     volume.wait_until_thawed()
-    assert pathlib.Path("/tmp/a").exists() and pathlib.Path("/tmp/b").exists()
+    assert [pathlib.Path(f"/tmp/{name}").exists() for name in "abc"] == [True, True, False]
     assert volume.longest_stall() < 1.5 + SLACK
     assert freezer.wait() in (0, -signal.SIGKILL)
 
 
 # --- what is frozen late --------------------------------------------------------------------------
 
-@pytest.mark.parametrize("killed", [False, True], ids=["", "and the freezer is killed"])
-@pytest.mark.parametrize("by", ["hook", "agent"])
+@pytest.mark.parametrize("by, waits, killed", [
+    ("hook", "for a write", ""), ("hook", "for a write", "agent and freezer"),
+    ("agent", "for a write", ""), ("agent", "for a write", "agent and freezer"),
+    ("agent", "in the sync", ""), ("agent", "in the sync", "freezer")])
 def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, volume, make_volume, start_agent,
-                                                                     by, killed):
-    """The storage stalls in FIFREEZE, which nothing can end."""
+                                                                     by, waits, killed):
+    """The storage stalls in FIFREEZE, which nothing can end. While that waits for a write, FITHAW says that
+    nothing is frozen; later it waits as well. The hook's is no child of the hook's any more."""
     slow = make_volume("/tmp/slow", stalling=True)
-    hook = make_hook("10-slow", f"case $1 in freeze) fsfreeze --freeze {slow.path};; "
-                                f"thaw) timeout 0.2 fsfreeze --unfreeze {slow.path};; esac; true")
+    stalled = pathlib.Path("/tmp/stalled")
+    hook = make_hook("10-slow", f"case $1 in freeze) (setsid fsfreeze --freeze {slow.path} &); sleep 60;; "
+                                f"thaw) [ -e {stalled} ] || fsfreeze --unfreeze {slow.path};; esac; true")
     options = ("--hooks", hook.parent) if by == "hook" else ("--fs", slow.path)
     agent = start_agent("--fs", volume.path, "--max-freeze", "2", "--hook-timeout", "0.5", *options)
     assert daemon.call.ask(init_snapshot(LUN))
     slow.stall()
+    stalled.touch()
+    if waits == "for a write":
+        stuck = Program("dd", "if=/dev/zero", f"of={slow.path}/direct", "bs=4096", "count=1", "oflag=direct")
+        wait_until(lambda: " D " in pathlib.Path(f"/proc/{stuck.pid}/stat").read_text())
     volume.longest_stall()
     assert daemon.call.ask(mirror_done(LUN))
-    assert agent.record()["verdict"] == "failed"
+    if killed == "freezer":
+        volume.wait_until_frozen()
+        os.kill(agent.freezer(), signal.SIGKILL)
+    reason = agent.record()["reason"]
+    assert reason == ("the freezer has died" if killed == "freezer" else
+                      "freeze hook 10-slow took longer than 0.5 s" if by == "hook" else
+                      "the host was thawed at the limit of 2 s")
     assert volume.longest_stall() < 2.2 + SLACK, "one stuck device must not keep the others frozen"
-    if killed:
+    if killed == "agent and freezer":
         os.kill(agent.freezer(), signal.SIGKILL)
         agent.kill()
         agent = start_agent("--fs", volume.path)
     agent.wait_for_err("waiting for what may freeze or thaw something yet")
+    another = start_agent("--fs", volume.path, "--plugin-id", "another", serves=False)
+    another.wait_for_err("waits for processes of an earlier rest that may freeze something yet")
+    stalled.unlink()
     slow.resume()
     agent.wait_for_err("what was waited for is gone; thawed again") if not killed else None
     slow.wait_until_thawed()
@@ -148,37 +169,50 @@ def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, vol
     slow.wait_until_thawed()
 
 
+def test_a_freeze_whose_process_somebody_kills_is_thawed(make_volume):
+    """The kernel completes it before the process ends."""
+    slow = make_volume("/tmp/slow", stalling=True)
+    slow.stall()
+    freezer = Freezer(slow.path, max_freeze=60000, waits=False)
+    wait_until(lambda: RECORD.exists() and "processes {" in RECORD.read_text())
+    time.sleep(0.3)  # in the kernel by then
+    children, = pathlib.Path(f"/proc/{freezer.pid}/task").glob("*/children")
+    os.kill(int(children.read_text()), signal.SIGKILL)
+    slow.resume()
+    assert b"somebody killed" in freezer.report("thawed").reason
+    slow.wait_until_thawed()
+    assert freezer.wait() == 0 and not RECORD.exists()
+
+
 @pytest.mark.not_under("asan")  # which has to be loaded first
-@pytest.mark.parametrize("awkward", ["freeze", "thaw"])
-def test_thaws_also_when_a_call_is_killed_or_slow(volume, awkward):
-    """A freeze that somebody else has killed may be complete; a thaw may not get any processor time."""
-    told = pathlib.Path("/tmp/ioctl_does")
-    told.write_text(awkward)
-    freezer = Freezer(volume.path, waits=awkward == "thaw",
-                      environment={"LD_PRELOAD": BUILD / "tests/programs/libawkward_ioctl.so"})
-    if awkward == "thaw":
-        freezer.ask(leave=b"a")
-        assert not freezer.report("thawed").certain
-        assert RECORD.exists()
-        told.unlink()
-    else:
-        assert freezer.report("thawed").reason == b"/tmp/data cannot be frozen: the call was killed"
+def test_a_slow_thaw_is_waited_for(volume):
+    """It may get no processor time for seconds."""
+    obstacle = pathlib.Path("/tmp/no_thaw")
+    obstacle.touch()
+    freezer = Freezer(volume.path, environment={"LD_PRELOAD": BUILD / "tests/programs/libawkward_ioctl.so"})
+    freezer.ask(leave=b"a")
+    assert not freezer.report("thawed").certain
+    assert RECORD.exists()
+    obstacle.unlink()
     volume.wait_until_thawed()
     assert freezer.wait() == 0 and not RECORD.exists()
 
 
 # --- bounds ---------------------------------------------------------------------------------------
 
-def test_a_thaw_hook_that_hangs_keeps_nothing_else_frozen(daemon, volume, start_agent):
+def test_thaw_hooks_that_hang_keep_nothing_else_frozen(daemon, volume, make_volume, start_agent):
     hooks = make_hook("10-volume", f"case $1 in freeze) fsfreeze --freeze {volume.path};; "
                                    f"thaw) fsfreeze --unfreeze {volume.path};; esac").parent
-    make_hook("20-hangs", "[ $1 != thaw ] || sleep 60")
-    agent = start_agent("--hooks", hooks, "--max-freeze", "1", "--hook-timeout", "3")
+    for name in ("20-hangs", "30-hangs", "40-hangs"):
+        make_hook(name, "[ $1 != thaw ] || sleep 60")
+    by_agent = make_volume("/tmp/by_agent")
+    agent = start_agent("--fs", by_agent.path, "--hooks", hooks, "--max-freeze", "1", "--hook-timeout", "5")
     volume.longest_stall()
+    by_agent.longest_stall()
     daemon.call.go_to_split()
     assert daemon.call.ask(depart_done(LUN))
     record = agent.record()
-    assert volume.longest_stall() < 1 + SLACK
+    assert volume.longest_stall() < 1 + SLACK and by_agent.longest_stall() < 1 + SLACK
     assert record["verdict"] == "failed" and "longer than the limit of 1 s" in record["reason"], record
 
 
@@ -224,21 +258,33 @@ def test_a_stopped_freezer_of_a_killed_agent_is_woken(daemon, volume, start_agen
     assert time.monotonic() - begun < 4 + SLACK
 
 
-def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_agent):
-    """Played by a process that has its lock and does nothing."""
+@pytest.mark.parametrize("is_emergency", [False, True], ids=["", "--thaw"])
+def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_agent, is_emergency):
+    """Played by a process that has its lock and does nothing. In an emergency it has a second."""
     freezer = Freezer(volume.path, max_freeze=60000)
     record = RECORD.read_text()
     freezer.kill()
-    in_two_seconds = int((time.monotonic() + 2) * 1000)
-    lines = [f"until: {in_two_seconds}" if line.startswith("until:") else line for line in record.splitlines()]
+    limit = int((time.monotonic() + (60 if is_emergency else 2)) * 1000)
+    lines = [f"until: {limit}" if line.startswith("until:") else line for line in record.splitlines()]
     RECORD.write_text("\n".join(lines))
-    hung = Program(sys.executable, "-c", "import fcntl, time; lock = open('/run/plugin_agent/lock', 'r+');"
+    hung = Program(sys.executable, "-c", "import fcntl, signal, time; signal.signal(signal.SIGTERM, signal.SIG_IGN);"
+                   "lock = open('/run/plugin_agent/lock', 'r+');"
                    "fcntl.lockf(lock, fcntl.LOCK_EX); print('locked', flush=True); time.sleep(600)")
     hung.wait_for_out("locked")
-    agent = start_agent("--fs", volume.path, serves=False)
-    agent.wait_for_err(f"freezer {hung.pid} has this host at rest; waiting for at most ")
+    agent = Program(PLUGIN_FREEZER, "--thaw") if is_emergency else start_agent("--fs", volume.path, serves=False)
+    if not is_emergency:
+        agent.wait_for_err(f"freezer {hung.pid} has this host at rest; waiting for at most ")
     agent.wait_for_err(f"freezer {hung.pid} hangs; it is killed")
     volume.wait_until_thawed()
+
+
+def test_the_emergency_thaws_beside_a_freezer_that_it_cannot_see(volume):
+    freezer = Freezer(volume.path, max_freeze=60000)
+    thawed = run("unshare", "--pid", "--fork", "--mount-proc", PLUGIN_FREEZER, "--thaw")
+    volume.wait_until_thawed()
+    assert thawed.status == 4 and "run this where it runs" in thawed.err
+    freezer.leave()
+    assert freezer.wait() == 0
 
 
 def test_between_two_rests_the_host_is_thawed_as_long_as_it_was_frozen(volume):
@@ -254,9 +300,18 @@ def test_between_two_rests_the_host_is_thawed_as_long_as_it_was_frozen(volume):
     assert second.wait() == 0
 
 
+def test_a_rest_ends_what_is_left_of_another_first(volume):
+    Freezer(volume.path, max_freeze=60000).kill()
+    freezer = Freezer(volume.path)
+    freezer.ask(leave=b"a")
+    assert freezer.report("thawed").certain
+    volume.wait_until_thawed()
+
+
 # --- what is frozen -------------------------------------------------------------------------------
 
-@pytest.mark.parametrize("way", ["moved", "lazily unmounted", "in another namespace", "device out of reach"])
+@pytest.mark.parametrize("way", ["moved", "covered", "lazily unmounted", "in another namespace",
+                                 "device out of reach", "without the right", "damaged record"])
 def test_the_record_leads_to_a_file_system_wherever_it_is_mounted(volume, way):
     other = pathlib.Path("/tmp/elsewhere")
     other.mkdir()
@@ -268,21 +323,51 @@ def test_the_record_leads_to_a_file_system_wherever_it_is_mounted(volume, way):
     freezer.kill()
     if way == "moved":
         assert run("mount", "--move", volume.path, other).status == 0
+    elif way == "covered":
+        assert run("mount", "-t", "tmpfs", "none", volume.path).status == 0
+    elif way == "damaged record":
+        RECORD.write_text(RECORD.read_text() + "cut o")
+    elif way == "without the right":
+        assert "Operation not permitted" in run("setpriv", "--bounding-set=-sys_admin", PLUGIN_FREEZER, "--thaw").err
+        assert RECORD.exists()
     else:
         assert run("umount", "--lazy", volume.path).status == 0
-    if way == "device out of reach":
+    if way in ("in another namespace", "device out of reach"):
         assert run("mount", "--bind", "/dev/null", loop).status == 0
+    if way == "device out of reach":
         assert f"the file system on {loop} that was mounted at {volume.path} may be frozen" in \
             run(PLUGIN_AGENT, "--thaw-and-exit").err
-        assert RECORD.exists()
+        another = Freezer(hooks=[make_hook("10-any", "")])
+        another.ask(leave=b"a")
+        another.wait()
+        assert RECORD.exists(), "another rest has forgotten it"
         assert run("umount", loop).status == 0
-    assert "was left frozen" in run(PLUGIN_AGENT, "--thaw-and-exit").err
+    thawed = run(PLUGIN_AGENT, "--thaw-and-exit")
+    assert "was left frozen" in thawed.err
+    assert thawed.status == (4 if way == "damaged record" else 0), thawed.err
     volume.wait_until_thawed()
     assert not RECORD.exists()
-    if way != "moved":
-        assert run("mount", loop, volume.path).status == 0  # for its close()
-    else:
+    if way == "in another namespace":
+        assert run("umount", loop).status == 0
+    if way == "moved":
         assert run("mount", "--move", other, volume.path).status == 0
+    elif way == "covered":
+        assert run("umount", volume.path).status == 0
+    elif way not in ("damaged record", "without the right"):
+        assert run("mount", loop, volume.path).status == 0  # for its close()
+
+
+def test_a_record_of_an_earlier_boot_names_nothing_that_is_there(volume, make_volume):
+    """Unless it is in memory, which no boot outlives."""
+    kept = make_volume("/tmp/kept").path
+    freezer = Freezer(volume.path, max_freeze=60000, run_dir=kept)
+    freezer.kill()
+    record = kept / "frozen"
+    record.write_text("\n".join('boot_id: "another"' if line.startswith("boot_id") else line
+                                for line in record.read_text().splitlines()))
+    assert run(PLUGIN_FREEZER, "--thaw", "--run-dir", kept).status == 0
+    assert not record.exists()
+    assert volume.thaw() == 0, "what has its number now was somebody else's"
 
 
 @pytest.mark.parametrize("kind", ["bind mounts", "btrfs subvolumes"])
@@ -320,14 +405,17 @@ def test_a_hook_may_write_what_and_where_it_likes(daemon, start_agent):
     hook = make_hook("10-talks", "echo said >/proc/self/fd/2 && head -c 300000 /dev/zero | tr '\\0' x || exit 9\n"
                                  "[ $1 != prepare ] || (sleep 0.3; echo late; touch /tmp/late) &\n")
     agent = start_agent("--hooks", hook.parent)
-    daemon.call.whole_handshake()
+    assert daemon.call.ask(init_snapshot(LUN))
+    wait_until(pathlib.Path("/tmp/late").exists)
+    assert all(daemon.call.ask(step(LUN)) for step in (mirror_done, wait_for_depart, depart_done))
     record = agent.record()
     assert record["verdict"] == "application-consistent", record
     printed = next(line for line in agent.err.splitlines() if "hook 10-talks freeze: said" in line)
     assert 16000 < printed.count("x") < 16384
 
 
-def test_the_ready_hook_thaws_only_what_it_has_frozen(volume):
+def test_the_ready_hook_thaws_only_what_it_has_frozen(volume, make_volume):
+    other = make_volume("/tmp/other")
     hook = SOURCE / "tools/plugin_agent/hooks/90-fsfreeze"
     pathlib.Path("/tmp/conf").write_text(f"{volume.path}\n", encoding="ascii")
     environment = {"FSFREEZE_CONF": "/tmp/conf", "PLUGIN_AGENT_STATE": "/tmp"}
@@ -336,5 +424,15 @@ def test_the_ready_hook_thaws_only_what_it_has_frozen(volume):
     assert run(hook, "thaw", environment=environment).status == 0
     assert volume.thaw() == 0, "it was not the hook's to thaw"
     assert run(hook, "freeze", environment=environment).status == 0
-    assert run(hook, "thaw", environment=environment).status == 0
+    with open("/tmp/fsfreeze.frozen", "a", encoding="ascii") as frozen:
+        frozen.write("/none\n")  # which keeps nothing else frozen
+    assert run(hook, "thaw", environment=environment).status == 1
     volume.wait_until_thawed()
+    assert volume.freeze() == 0
+    pathlib.Path("/tmp/conf").write_text(f"{other.path}\n", encoding="ascii")
+    make_hook("fsfreeze", '/sbin/fsfreeze "$@"; kill -KILL $PPID')
+    path = {"PATH": f"/tmp/hooks_of_freezer:{os.environ['PATH']}"}
+    assert run(hook, "freeze", environment={**environment, **path}).status != 0
+    assert run(hook, "thaw", environment=environment).status == 0
+    other.wait_until_thawed()
+    assert volume.thaw() == 0, "it was the hook's once, and is somebody else's now"

@@ -7,11 +7,14 @@ import os
 import pathlib
 import sys
 import threading
+import time
 
 from scsi_plugin import Answer, GivenUp, HostPlugin, Limits, daemon, handshake, plugin, subscription
 
 AT_REST = pathlib.Path("/tmp/at_rest")
-LIMITS = {"never withdraws": Limits(rest=4.5, hold=1)}
+MAY_GO_ON = pathlib.Path("/tmp/may_go_on")
+LIMITS = {"never withdraws": Limits(rest=4.5, hold=1), "hangs in its freeze": Limits(rest=1, hold=0.5),
+          "freezes slowly": Limits(rest=60, hold=59.9)}
 
 
 class Plugin(HostPlugin):
@@ -27,6 +30,17 @@ class Plugin(HostPlugin):
 
 def refuse(*_):
     raise GivenUp("never")
+
+
+def freeze_and_refuse(_, snapshot):
+    AT_REST.touch()
+    refuse()
+
+
+def freeze_until_told(_, snapshot):
+    AT_REST.touch()
+    while not MAY_GO_ON.exists():
+        time.sleep(0.01)
 
 
 def ask_or_end(self, method, request, timeout):
@@ -91,6 +105,9 @@ FAULTS = {  # what is put in the place of what
     "asks about the split all the time": (
         handshake, "_growing", lambda so_far, first: 0 if first < 0.05 else growing(so_far, first)),
     "departs before the mirror is done": (Handshake, "_wait_for_mirror", lambda _: None),
+    "fails to freeze": (Plugin, "freeze", freeze_and_refuse),
+    "hangs in its freeze": (Plugin, "freeze", freeze_until_told),
+    "freezes slowly": (Plugin, "freeze", freeze_until_told),
     "does not freeze": (Plugin, "freeze", lambda *_: None),
     "waits to be told the end": (Handshake, "_stands", wait_to_be_told),
     "never thaws": (Plugin, "thaw", lambda *_: None),

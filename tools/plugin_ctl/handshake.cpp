@@ -27,9 +27,10 @@ void name_source(Request& request, const handshake& about) {
 }  // namespace
 
 void handshake::add_options(CLI::App& verb, const std::vector<std::string>& names) {
+  using text_field = std::string handshake::*;
   struct text_option {
     std::string name;
-    std::string handshake::*value;
+    text_field value;
     const char* type;
     const char* description;
   };
@@ -118,7 +119,7 @@ std::string next_after_refused_wait(const handshake& about, std::chrono::duratio
     return "no handshake for this LUN is under way: `plugin_ctl publish init-snapshot --p80 " +
            about.p80 + "` begins one";
   }
-  return "no host became quiet in time: see the log of its plugin";
+  return "no host was at rest in time: see the log of its plugin";
 }
 
 }  // namespace vexo::tools
