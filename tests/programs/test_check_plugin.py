@@ -129,6 +129,17 @@ def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon
     assert not AT_REST_FILE.exists()
 
 
+def test_the_package_goes_on_when_there_was_no_thread_for_a_snapshot(log, daemon):
+    plugin = Program(*WRONG, "has no thread for its first snapshot", LUN, "localhost")
+    log.wait_for("Connected")
+    daemon.call.wait_until_listed("me")
+    unanswered = daemon.call.begin(init_snapshot(LUN))
+    plugin.wait_for_err("no part in the snapshot")
+    assert daemon.call.ask(depart_done(LUN, -1))
+    daemon.call.whole_handshake()
+    unanswered.cancel()
+
+
 def test_two_of_one_plugin_id_do_not_fight_at_full_speed(daemon):
     for plugin in [Program(*WRONG, "none", LUN, "localhost") for _ in range(2)]:
         wait_until(lambda: plugin.err.count("subscribing again in") > 1)

@@ -78,6 +78,13 @@ def unsubscribe_and_end(self, at_once):
     os._exit(0)
 
 
+def start_but_for_one_snapshot(self):
+    if self.name.startswith("snapshot of") and not hasattr(threading, "refused"):
+        threading.refused = True
+        raise RuntimeError("can't start new thread")
+    start_thread(self)
+
+
 class Everything:
     def __contains__(self, lun):
         return True
@@ -86,6 +93,7 @@ class Everything:
 Handshake, Subscription, Daemon = handshake.Handshake, subscription.Subscription, daemon.Daemon
 ask_daemon, ask, stands = Daemon._ask, Handshake._ask, Handshake._stands
 start_mirror, growing, begin = Handshake._start_mirror, handshake._growing, Subscription._begin
+start_thread = threading.Thread.start
 FAULTS = {  # what is put in the place of what
     "none": [],
     "comes by IPv6": (daemon, "ipv4_target", lambda appliance: appliance),
@@ -116,6 +124,7 @@ FAULTS = {  # what is put in the place of what
         ("grpc.keepalive_time_ms", 1000), ("grpc.http2.max_pings_without_data", 0),
         ("grpc.http2.min_ping_interval_without_data_ms", 1000),
         ("grpc.http2.min_time_between_pings_ms", 1000)]),
+    "has no thread for its first snapshot": (threading.Thread, "start", start_but_for_one_snapshot),
     "forgets its promise at SIGTERM": (Subscription, "stop", unsubscribe_and_end),
 }
 
