@@ -99,7 +99,8 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
     """While the host is still at rest; one that hangs holds up the thaw for a second, and never past the
     deadline."""
     def command(name):
-        return ["/bin/sh", "-c", f"touch /tmp/{name}; dd of={volume.path}/{name} oflag=sync count=1 </dev/zero"]
+        write = f"dd of={volume.path}/{name} oflag=sync count=1 </dev/zero; touch /tmp/written_{name}"
+        return ["/bin/sh", "-c", f"({write}) & sleep 0.1; [ -e /tmp/written_{name} ] || touch /tmp/{name}; wait"]
     freezer = Freezer(volume.path, command=command("a"))
     for name in ("c", "b"):
         freezer.ask(join={"name": name.encode(), "command": [os.fsencode(word) for word in command(name)]})
