@@ -85,6 +85,10 @@ def test_each_fault_is_found(fault, failed):
     assert (status, set(found)) == (1, set(failed.split())), found
 
 
+def test_a_plugin_of_which_nothing_could_be_tried_does_not_pass():
+    assert check_plugin("--only", "two_luns", "--", *WRONG, "none", "{lun}", "{appliance}") == (1, {}, {"two_luns"})
+
+
 @pytest.mark.parametrize("what, failure", [
     ("nothing", "None"),
     ("the daemon is restarted during the rest", "the connection was lost while the host was at rest"),

@@ -191,7 +191,7 @@ class RefusingDaemon(PluginServiceServicer):
     (signal.SIGINT, 0.3, "a handshake for this LUN is under way"),  # a signal waits for the refusal
     (0, 1.1, "no host answered with start_mirror"),
 ])
-def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, number, pause, err):
+def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, plugin_ctl, number, pause, err):
     daemon = RefusingDaemon()
     serve(daemon)
     tool = snapshot("-t", TCP)
@@ -203,15 +203,20 @@ def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, numb
     assert err in tool.err
     (asked, time_left), = daemon.asked
     assert asked == "init_snapshot_req" and time_left > 60
+    assert plugin_ctl("publish", "init-snapshot", "--p80", LUN, "-t", TCP).status == 1
+    assert daemon.asked[-1][1] > 60
 
 
-def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot):
-    HostPlugin(daemon, departs=False)
+@pytest.mark.parametrize("command, status, all_outcomes, step", [
+    ("--mirror", 3, "DONE DONE FAILED NOT_RUN NOT_RUN NOT_RUN FAILED", "mirror_done, "),
+    ("--split", 1, "DONE SKIPPED DONE DONE DONE FAILED FAILED", "confirm, ")])
+def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot, command, status, all_outcomes, step):
+    HostPlugin(daemon)
     daemon.may_end = True
-    ended = snapshot("--mirror", f"kill -KILL {daemon.pid}")
-    assert ended.wait() == 3
-    assert outcomes(ended) == "DONE DONE FAILED NOT_RUN NOT_RUN NOT_RUN FAILED"
-    assert "mirror_done, " in ended.err
+    ended = snapshot(command, f"kill -KILL {daemon.pid}")
+    assert ended.wait() == status
+    assert outcomes(ended) == all_outcomes
+    assert step in ended.err
     assert "`plugin_ctl publish depart-done" in ended.err
 
 
