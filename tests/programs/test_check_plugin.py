@@ -126,6 +126,18 @@ def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon
     assert not AT_REST_FILE.exists()
 
 
+def test_the_package_thaws_before_it_takes_part_again(daemon):
+    Program(*WRONG, "thaws slowly", LUN, "localhost")
+    daemon.call.wait_until_listed("me")
+    daemon.call.go_to_split()
+    assert daemon.call.ask(depart_done(LUN))
+    announced = daemon.call.begin(init_snapshot(LUN))
+    time.sleep(0.5)
+    assert not announced.done()
+    pathlib.Path("/tmp/may_go_on").touch()
+    assert announced.result().success
+
+
 def test_two_of_one_plugin_id_do_not_fight_at_full_speed(daemon):
     for plugin in [Program(*WRONG, "none", LUN, "localhost") for _ in range(2)]:
         wait_until(lambda: plugin.err.count("subscribing again in") > 1)

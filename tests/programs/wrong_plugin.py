@@ -37,10 +37,14 @@ def freeze_and_refuse(_, snapshot):
     refuse()
 
 
-def freeze_until_told(_, snapshot):
-    AT_REST.touch()
+def wait_until_told(*_):
     while not MAY_GO_ON.exists():
         time.sleep(0.01)
+
+
+def freeze_until_told(_, snapshot):
+    AT_REST.touch()
+    wait_until_told()
 
 
 def ask_or_end(self, method, request, timeout):
@@ -100,6 +104,7 @@ FAULTS = {  # what is put in the place of what
     "fails to freeze": (Plugin, "freeze", freeze_and_refuse),
     "hangs in its freeze": (Plugin, "freeze", freeze_until_told),
     "freezes slowly": (Plugin, "freeze", freeze_until_told),
+    "thaws slowly": (Plugin, "thaw", wait_until_told),
     "does not freeze": (Plugin, "freeze", lambda *_: None),
     "waits to be told the end": (Handshake, "_stands", wait_to_be_told),
     "never thaws": (Plugin, "thaw", lambda *_: None),
