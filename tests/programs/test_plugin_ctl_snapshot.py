@@ -210,7 +210,8 @@ def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, plug
 @pytest.mark.parametrize("command, status, all_outcomes, step", [
     ("--mirror", 3, "DONE DONE FAILED NOT_RUN NOT_RUN NOT_RUN FAILED", "mirror_done, "),
     ("--split", 1, "DONE SKIPPED DONE DONE DONE FAILED FAILED", "confirm, ")])
-def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot, command, status, all_outcomes, step):
+def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot, command, status, all_outcomes,
+                                                           step):
     HostPlugin(daemon)
     daemon.may_end = True
     ended = snapshot(command, f"kill -KILL {daemon.pid}")

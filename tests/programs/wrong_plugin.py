@@ -14,7 +14,7 @@ from scsi_plugin import Answer, GivenUp, HostPlugin, Limits, daemon, handshake, 
 AT_REST = pathlib.Path("/tmp/at_rest")
 MAY_GO_ON = pathlib.Path("/tmp/may_go_on")
 LIMITS = {"never withdraws": Limits(rest=4.5, hold=1), "hangs in its freeze": Limits(rest=1, hold=0.5),
-          "freezes slowly": Limits(rest=60, hold=59.9)}
+          "freezes slowly": Limits(rest=60, hold=59.9), "rests shortly": Limits(rest=3, hold=1)}
 
 
 class Plugin(HostPlugin):
@@ -92,6 +92,7 @@ ask_daemon, ask, stands = Daemon._ask, Handshake._ask, Handshake._stands
 start_mirror, growing, begin = Handshake._start_mirror, handshake._growing, Subscription._begin
 FAULTS = {  # what is put in the place of what
     "none": [],
+    "rests shortly": [],
     "comes by IPv6": (daemon, "ipv4_target", lambda appliance: appliance),
     "never answers": (Plugin, "prepare", refuse),
     "starts the mirror again and again": (Handshake, "_ask", start_before_asking),
