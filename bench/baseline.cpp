@@ -1,10 +1,10 @@
 // The baseline of the daemon's figures: a server of the same library and schema that does the least
 // that the wire asks for, without registry or task table.
 //
-//   baseline bare|log|work PORT SOCKET
+//   baseline work|bare PORT SOCKET
 //
-// `log` makes the daemon's syslog calls as well, `work` in addition what each subscriber costs by
-// contract: whether its call is alive, and its address as text.
+// `work` does what the contract asks for beside the calls themselves: the daemon's log lines, and
+// for each subscriber whether its call is alive, and its address as text. `bare` leaves that out.
 //
 // Hosts and LUNs are known by the number behind the first '-' of their names, so that both are
 // found without a table.
@@ -29,12 +29,11 @@ namespace {
 
 using namespace vexo::scsiplugin;
 
-bool g_log = false;
-bool g_work = false;
+bool g_bare = false;
 
 #define BASELINE_LOG(source, line, text, ...)                      \
   do {                                                             \
-    if (g_log)                                                     \
+    if (!g_bare)                                                   \
       syslog(LOG_INFO, "scsi_plugin:%s:%d:%s " text, source, line, \
              __func__ __VA_OPT__(, ) __VA_ARGS__);                 \
   } while (false)
@@ -97,9 +96,8 @@ class baseline_service final : public PluginService::Service {
   grpc::Status Subscribe(grpc::ServerContext* context, const PluginClient* request,
                          grpc::ServerWriter<PluginCmd>* writer) override {
     host& self = host_of(request->plugin_id());
-    const auto ip = [&] { return g_work ? address_of(*context) : std::string(); };
     BASELINE_LOG("plugin_service_impl", 32, "Connected: Plugin ID=%s IP=%s",
-                 request->plugin_id().c_str(), ip().c_str());
+                 request->plugin_id().c_str(), address_of(*context).c_str());
     self.context = context;
     self.id = request->plugin_id();
     self.writer = writer;
@@ -107,7 +105,7 @@ class baseline_service final : public PluginService::Service {
     for (std::size_t seen = g_hosts_end; seen < end;) g_hosts_end.compare_exchange_weak(seen, end);
     self.left.acquire();
     BASELINE_LOG("plugin_service_impl", 37, "Disconnect: Plugin ID=%s IP=%s",
-                 request->plugin_id().c_str(), ip().c_str());
+                 request->plugin_id().c_str(), address_of(*context).c_str());
     return grpc::Status::OK;
   }
 
@@ -122,10 +120,10 @@ class baseline_service final : public PluginService::Service {
                               PluginClientList* response) override {
     for (std::size_t i = 0; i < g_hosts_end; ++i) {
       if (g_hosts[i].writer == nullptr) continue;
-      if (g_work && g_hosts[i].context->IsCancelled()) continue;
+      if (!g_bare && g_hosts[i].context->IsCancelled()) continue;
       PluginClient* const entry = response->add_list();
       entry->set_plugin_id(g_hosts[i].id);
-      if (g_work) entry->set_ip(address_of(*g_hosts[i].context));
+      if (!g_bare) entry->set_ip(address_of(*g_hosts[i].context));
     }
     return grpc::Status::OK;
   }
@@ -192,9 +190,9 @@ class baseline_service final : public PluginService::Service {
   static void push(const PluginCmd& cmd, host& to) {
     const std::lock_guard lock(to.mutex);
     const auto writer = to.writer.load();
-    if (writer == nullptr || (g_work && to.context->IsCancelled())) return;
+    if (writer == nullptr || (!g_bare && to.context->IsCancelled())) return;
     BASELINE_LOG("plugin_client", 37, "push command to plugin_id=%s ip=%s", to.id.c_str(),
-                 g_work ? address_of(*to.context).c_str() : "");
+                 address_of(*to.context).c_str());
     writer->Write(cmd);
   }
 };
@@ -203,11 +201,10 @@ class baseline_service final : public PluginService::Service {
 
 int main(int argc, char** argv) {
   if (argc != 4) {
-    std::fputs("usage: baseline bare|log|work PORT SOCKET\n", stderr);
+    std::fputs("usage: baseline work|bare PORT SOCKET\n", stderr);
     return 2;
   }
-  g_work = std::string_view(argv[1]) == "work";
-  g_log = g_work || std::string_view(argv[1]) == "log";
+  g_bare = std::string_view(argv[1]) == "bare";
   baseline_service service;
   grpc::ServerBuilder builder;
   builder.AddListeningPort(std::string("0.0.0.0:") + argv[2], grpc::InsecureServerCredentials());

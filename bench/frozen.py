@@ -1,7 +1,7 @@
 """How much longer than the split a host is frozen: plugin_ctl and plugin_agent with all options at
 their defaults, on ext4 images, beside a shell script that does nothing but freeze, split and thaw.
 
-Prints a line of JSON for each measure. Needs root, and namespaces of its own.
+Prints a line of JSON for each measure of each round. Needs root, and namespaces of its own.
 """
 
 import json
@@ -13,8 +13,8 @@ import sys
 import time
 
 SPLITS = (0, 0.1, 1, 5)  # seconds
-# Before each freeze: soon after another one the kernel's own is several times faster, as it need not wait
-# for readers of what it then still has.
+# Before each freeze. Soon after another one it would be several times faster, because the kernel need not
+# wait for a grace period of its RCU again.
 PAUSE = 0.5  # seconds
 LUN = "1a2b3c4d-%04d-7a8b-9c0d-e1f2a3b4c5d6"
 
@@ -92,13 +92,11 @@ def main():
         agent = Agent(build / "tools", scratch, volumes)
         try:
             for split in SPLITS:
-                ours, shell = [], []
                 for _ in range(rounds):
-                    ours.append(agent.snapshot(split))
-                    shell.append(by_shell(volumes, split))
-                for server, figures in (("daemon", ours), ("baseline", shell)):
-                    print(json.dumps({"measure": f"frozen/{count}/{split}/beyond_ms", "server": server,
-                                      "rounds": figures}), flush=True)
+                    for server, took in (("daemon", agent.snapshot(split)),
+                                         ("baseline", by_shell(volumes, split))):
+                        print(json.dumps({"measure": f"frozen/{count}/{split}/beyond_ms",
+                                          "server": server, "samples": [took]}), flush=True)
         finally:
             agent.process.terminate()
             agent.process.wait()

@@ -13,8 +13,8 @@
 #include <string>
 
 #include "fake_conf.h"
-#include "made_up.h"
 #include "plugin_server_ctrl.h"
+#include "simulation.h"
 
 namespace vexo::fuzz {
 
@@ -41,14 +41,14 @@ struct host {
   bool released = false;  // a broadcast has met it vanished
 };
 
-// One handshake, as it ought to be.
+// One handshake, as the controller should hold it.
 struct handshake {
   time_point created;
   std::uint32_t state = scsiplugin::TASK_CREATED;
 };
 
-// What the controller ought to hold, in plain maps, and how each operation on handshakes ought to
-// end. Waits are the caller's: begin one, let others happen, then ask how it ended.
+// What the controller should hold, in plain maps, and how each operation on handshakes should end.
+// A wait is not modelled: the caller takes the handshake before it and looks at its state after it.
 class controller_model {
  public:
   // The handshake that init_snapshot begins; empty when it is refused.
@@ -64,7 +64,7 @@ class controller_model {
     return found == handshakes.end() ? nullptr : found->second;
   }
 
-  // What the four that answer at once answer. start_mirror and depart_relation:
+  // The next four return the verdict of calls that answer at once. start_mirror, depart_relation:
   bool move(const std::string& key, scsiplugin::task_state next) {
     const auto found = find(key);
     if (found) found->state = next;

@@ -26,8 +26,8 @@
 #include "controller_model.h"
 #include "fake_conf.h"
 #include "log_lines.h"
-#include "made_up.h"
 #include "plugin_service.grpc.pb.h"
+#include "simulation.h"
 #include "subscriber.h"
 
 namespace vexo::fuzz {
@@ -285,7 +285,7 @@ class script {
          [&] { return model_.is_lun_support(key, type); });
   }
 
-  // One that answers with a verdict alone, which is `expected` once it has answered.
+  // A call that answers with a verdict alone. `expected` is asked after the call.
   template <typename Request, typename Response>
   void call(void (PluginServerCtrl::*handler)(const Request&, Response*), const Request& request,
             const std::function<bool()>& expected) {
@@ -316,8 +316,8 @@ class script {
     return cmd;
   }
 
-  // Notes who must get an announcement, in the registry's own order; up to the first who has
-  // vanished, who is returned.
+  // Notes which hosts must get an announcement, in the registry's own order, up to the first that
+  // has vanished. Returns that one.
   host* announce(PluginCmd cmd) {
     cmd.set_task_id(cmd.init_snapshot_req().src_lun_p80());
     const mutex_lock lock(ctrl_.client_mutex);
@@ -345,13 +345,13 @@ class script {
   controller_model model_;
   std::vector<std::pair<std::size_t, PluginCmd>> deliveries_;  // that must have been made
   time_point deadline_;  // of the call at work, which may be inside the wait of another
-  static inline std::uint32_t cmd_sn_ = 0;  // of the process, so that none is taken for another's
+  static inline std::uint32_t cmd_sn_ = 0;  // different in all scripts of the process
 };
 
 }  // namespace
 }  // namespace vexo::fuzz
 
-// The two that libFuzzer, or replay.cpp, calls: once before all else, and for each input.
+// What libFuzzer, or replay.cpp, calls: once before all else, and for each input.
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   testing::GTEST_FLAG(throw_on_failure) = true;  // ends the process, as a crash does
   return 0;

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <string>
 
-#include "made_up.h"
+#include "simulation.h"
 
 extern "C" {
 int LLVMFuzzerInitialize(int* argc, char*** argv);
@@ -15,7 +15,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 int main(int argc, char** argv) {
   LLVMFuzzerInitialize(&argc, &argv);
-  // Nobody gives up by then. Too long for the fuzzer, where it is one input of many.
+  // More often than any code that stops after a number of tries. The fuzzer has no time for that.
   vexo::fuzz::fake_call::enough = 2'000'000;
   for (int i = 1; i < argc; ++i) {
     std::cout << "running " << argv[i] << std::endl;  // flushed: it may be the last to be said

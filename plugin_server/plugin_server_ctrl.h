@@ -28,7 +28,7 @@ class PluginServerCtrl {
   // released.
   void add_client(std::shared_ptr<plugin_client> client) PLUGIN_EXCLUDES(client_mutex);
 
-  // Forgets whoever is registered under `client`'s plugin_id, without releasing it.
+  // Removes the subscriber registered under `client`'s plugin_id, without releasing it.
   void del_client(const std::shared_ptr<plugin_client>& client) PLUGIN_EXCLUDES(client_mutex);
 
   // The subscriber registered under the plugin_id, or an empty pointer.

@@ -1,4 +1,4 @@
-// What the guard makes of what it has seen, and when it may end a daemon again.
+// What the guard concludes from what it has seen, and when it may end a daemon again.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -20,10 +20,10 @@ using namespace std::chrono_literals;
 using clock = std::chrono::steady_clock;
 using condition = watch::condition;
 
-// What a restart cures is looked at once more before it.
+// What the guard looks at once more before a restart.
 enum last_look { kTcp, kUnix, kList, kNotCured };
 
-TEST(GuardFindings, OnlyWhatTheProcessDoesIsCuredByItsEnd) {
+TEST(GuardFindings, OnlyAFaultOfTheProcessLeadsToARestart) {
   const auto now = clock::now();
   using change = std::function<void(observation&)>;
   const auto endpoint_is = [](std::size_t at, condition is, bool by_process) -> change {
@@ -127,12 +127,12 @@ TEST(PortUse, TellsWhatAProcessDoesWithItsPort) {
   }
 }
 
-TEST(GuardBackOff, PausesFromTheThirdOfAQuickSuccession) {
+TEST(GuardBackOff, PausesBeforeTheThirdOfRestartsThatFollowQuickly) {
   const auto start = clock::now();
   back_off pauses;
   EXPECT_LE(pauses.next(), start);
-  // When, after the start, one was ended, and how long after it the next may be. Ten minutes beyond
-  // the pause without one, and it begins anew.
+  // When a daemon was ended, after the start, and the pause before the next may be ended. Ten
+  // minutes longer than the pause without an end, and there is no pause any more.
   const std::pair<clock::duration, clock::duration> cases[] = {
       {0min, 0min},   {9min, 1min},   {10min, 2min}, {12min, 4min}, {20min, 8min},  {30min, 10min},
       {40min, 10min}, {60min, 10min}, {81min, 0min}, {91min, 1min}, {103min, 0min},

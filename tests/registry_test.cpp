@@ -55,7 +55,7 @@ TEST(PeerAddress, IsTheTextOfAnIpv4PeerWithAPort) {
 }
 
 // It never returns, so a second thread ends the process when it has seen enough.
-TEST(RegistryDeathTest, ReleasingAllNeverComesToTheSecond) {
+TEST(RegistryDeathTest, ReleaseAllClientsNeverReachesTheSecond) {
   EXPECT_EXIT(
       {
         PluginServerCtrl ctrl;

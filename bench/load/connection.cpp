@@ -50,7 +50,7 @@ void connection::run_once() {
   epoll_event events[64];
   const int count = epoll_wait(epoll(), events, 64, kPatienceMs);
   if (count == 0) give_up("the server does not answer");
-  // A callback may make connections, but ends none.
+  // A callback may make connections, but must not end one.
   for (int i = 0; i < count; ++i) static_cast<connection*>(events[i].data.ptr)->read();
 }
 
@@ -64,7 +64,7 @@ void connection::read() {
   const ssize_t size = recv(socket_, buffer, sizeof buffer, 0);
   if (size <= 0) give_up("the server closed a connection");
   if (received_.empty()) {
-    // Mostly whole elements come: no copy.
+    // Mostly whole elements arrive, and nothing is copied.
     const std::string_view bytes(buffer, static_cast<std::size_t>(size));
     received_ = bytes.substr(take(bytes));
     return;

@@ -17,8 +17,9 @@ inline double seconds_since(clock::time_point begin) {
 // Ends the program: a figure from a run that went wrong is worth nothing.
 [[noreturn]] void give_up(const std::string& why);
 
-// One TCP connection, read by the one thread that there is. What a protocol adds is what its bytes
-// mean. The clients are this small so that what is measured is the server.
+// One TCP connection, read by the program's only thread. A subclass knows what its protocol's bytes
+// mean. The clients are this small, and none of gRPC's own, because client and server share the
+// processors: what is measured must be the server.
 class connection {
  public:
   explicit connection(std::uint16_t port);  // of 127.0.0.1

@@ -33,17 +33,16 @@ std::string frame(frame_type type, int flags, std::uint32_t id, const std::strin
 
 grpc_connection::grpc_connection(std::uint16_t port) : connection(port) {
   constexpr std::uint32_t kInitialWindowSize = 4;
-  constexpr std::uint32_t kWindow = 0x7fffffff;  // never to be thought of again
+  constexpr std::uint32_t kWindow = 0x7fffffff;  // so large that it needs no updates
   send("PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" +
        frame(kSettings, 0, 0, number(kInitialWindowSize, 2) + number(kWindow, 4)) +
        frame(frame_type::kWindow, 0, 0, number(kWindow - 65535, 4)));
 }
 
-void grpc_connection::call(const std::string& method, const google::protobuf::MessageLite& request,
+void grpc_connection::call(const std::string& method, const std::string& request,
                            on_message message, on_end end) {
   const std::uint32_t id = std::exchange(next_id_, next_id_ + 2);
   streams_[id] = {std::move(message), std::move(end), {}};
-  const std::string body = request.SerializeAsString();
   std::string headers = "\x83\x86";  // :method POST, :scheme http
   headers += header(":path", "/vexo.scsiplugin.PluginService/" + method);
   headers += header(":authority", "localhost");
@@ -51,11 +50,10 @@ void grpc_connection::call(const std::string& method, const google::protobuf::Me
   headers += header("te", "trailers");
   send(frame(kHeaders, kEndHeaders, id, headers) +
        frame(kData, kEndStream, id,
-             '\0' + number(static_cast<std::uint32_t>(body.size()), 4) + body));
+             '\0' + number(static_cast<std::uint32_t>(request.size()), 4) + request));
 }
 
-std::string grpc_connection::ask(const std::string& method,
-                                 const google::protobuf::MessageLite& request) {
+std::string grpc_connection::ask(const std::string& method, const std::string& request) {
   std::string last;
   bool ended = false;
   call(
@@ -65,7 +63,7 @@ std::string grpc_connection::ask(const std::string& method,
   return last;
 }
 
-// A name and value sent once is an index from then on, as in any client.
+// A name and value are sent once, and as an index from then on, as by any client.
 std::string grpc_connection::header(const std::string& name, const std::string& value) {
   constexpr std::size_t kStaticTable = 61;
   std::string literal;

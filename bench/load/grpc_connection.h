@@ -1,8 +1,6 @@
 #ifndef BENCH_LOAD_GRPC_CONNECTION_H_
 #define BENCH_LOAD_GRPC_CONNECTION_H_
 
-#include <google/protobuf/message_lite.h>
-
 #include <deque>
 #include <string>
 #include <unordered_map>
@@ -11,8 +9,8 @@
 
 namespace vexo::bench {
 
-// The little of HTTP/2 that gRPC calls to a server on the same machine need. It reads no headers:
-// that a call went well shows by its message.
+// The part of HTTP/2 that gRPC calls to a server on the same machine need. It reads no headers: a
+// call has succeeded when its message has come.
 class grpc_connection : public connection {
  public:
   explicit grpc_connection(std::uint16_t port);
@@ -20,12 +18,11 @@ class grpc_connection : public connection {
   using on_message = std::function<void(const std::string&)>;  // its bytes
   using on_end = std::function<void()>;
 
-  // Calls a method of PluginService. `message` is told of every message that comes, `end` of the
-  // end. Both may make calls.
-  void call(const std::string& method, const google::protobuf::MessageLite& request,
-            on_message message, on_end end);
+  // Calls a method of PluginService. `request`: its bytes. `message` is called with every message
+  // that comes, `end` at the end. Both may make calls.
+  void call(const std::string& method, const std::string& request, on_message message, on_end end);
   // The same, waiting for the end; the last message.
-  std::string ask(const std::string& method, const google::protobuf::MessageLite& request);
+  std::string ask(const std::string& method, const std::string& request);
 
  private:
   struct stream {

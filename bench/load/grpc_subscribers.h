@@ -2,19 +2,12 @@
 #define BENCH_LOAD_GRPC_SUBSCRIBERS_H_
 
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "grpc_connection.h"
-#include "lun_cmd.pb.h"
-#include "plugin_cmd.pb.h"
 #include "subscribers.h"
 
 namespace vexo::bench {
-
-scsiplugin::PluginCmd init_snapshot(const std::string& id);
-scsiplugin::PluginCmd depart_done(const std::string& id);
-scsiplugin::LunCmd start_mirror(const std::string& id);
 
 // Returns when the server lists that many subscribers.
 void wait_until_listed(int hosts, grpc_connection* local);

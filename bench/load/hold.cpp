@@ -8,15 +8,16 @@ namespace vexo::bench {
 
 namespace {
 
+constexpr unsigned kUntilItIsQuiet = 1;  // seconds
+
 void print_memory(const server& of, const std::string& prefix) {
-  print({of.name, prefix + "rss_kib", {static_cast<double>(of.status_kib("VmRSS"))}});
-  print({of.name, prefix + "virtual_kib", {static_cast<double>(of.status_kib("VmSize"))}});
+  print(of, prefix + "rss_kib", {static_cast<double>(of.status_kib("VmRSS"))});
+  print(of, prefix + "virtual_kib", {static_cast<double>(of.status_kib("VmSize"))});
 }
 
 }  // namespace
 
-void hold(int hosts, const std::vector<server>& servers) {
-  constexpr unsigned kUntilItIsQuiet = 1;
+void hold(int hosts, const rounds& /*how*/, const std::vector<server>& servers) {
   constexpr unsigned kIdleSeconds = 2;
   std::vector<std::unique_ptr<subscribers>> all;
   for (const auto& at : servers) {
@@ -34,20 +35,17 @@ void hold(int hosts, const std::vector<server>& servers) {
     const server& of = servers[i];
     const double idle = 100 * (of.cpu_seconds() - cpu_before[i]) / seconds;
     print_memory(of, prefix);
-    print({of.name, prefix + "threads", {static_cast<double>(of.entries("task"))}});
-    print({of.name, prefix + "files", {static_cast<double>(of.entries("fd"))}});
-    print({of.name, prefix + "idle_cpu_percent", {idle}});
+    print(of, prefix + "threads", {static_cast<double>(of.entries("task"))});
+    print(of, prefix + "files", {static_cast<double>(of.entries("fd"))});
+    print(of, prefix + "idle_cpu_percent", {idle});
   }
 }
 
-void reconnects(const std::vector<server>& servers) {
-  constexpr int kHosts = 800;
-  constexpr int kTimes = 3;
-  constexpr unsigned kUntilItIsQuiet = 1;
+void reconnects(int hosts, const rounds& how, const std::vector<server>& servers) {
   for (const auto& of : servers) {
-    for (int i = 0; i < kTimes; ++i) grpc_subscribers(of, kHosts).leave();
+    for (int i = 0; i < how.count; ++i) grpc_subscribers(of, hosts).leave();
     sleep(kUntilItIsQuiet);
-    print_memory(of, "reconnects/" + std::to_string(kTimes * kHosts) + "/");
+    print_memory(of, "reconnects/" + std::to_string(how.count * hosts) + "/");
   }
 }
 

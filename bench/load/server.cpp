@@ -1,7 +1,6 @@
 #include "server.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -42,22 +41,15 @@ std::size_t server::entries(const std::string& directory) const {
   return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
-void print(const result& measured) {
-  std::printf(R"({"server": "%s", "measure": "%s", "rounds": [)", measured.server.c_str(),
-              measured.measure.c_str());
+void print(const server& of, const std::string& measure, const std::vector<double>& samples) {
+  std::printf(R"({"server": "%s", "measure": "%s", "samples": [)", of.name.c_str(),
+              measure.c_str());
   const char* comma = "";
-  for (const double figure : measured.rounds) {
-    std::printf("%s%.6g", comma, figure);
+  for (const double sample : samples) {
+    std::printf("%s%.6g", comma, sample);
     comma = ", ";
   }
   std::puts("]}");
-  std::fflush(stdout);
-}
-
-double percentile(std::vector<double> values, double part) {
-  std::sort(values.begin(), values.end());
-  return values[static_cast<std::size_t>(
-      std::lround(part * static_cast<double>(values.size() - 1)))];
 }
 
 }  // namespace vexo::bench

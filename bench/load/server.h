@@ -23,16 +23,8 @@ struct server {
   pid_t pid;
 };
 
-// What was measured, one figure for each round, so that rounds of different servers can be compared
-// pair by pair. Printed as one line of JSON.
-struct result {
-  std::string server;
-  std::string measure;  // "fanout/900/last_us"
-  std::vector<double> rounds;
-};
-void print(const result& measured);
-
-double percentile(std::vector<double> values, double part);
+// Prints what one round has measured, as one line of JSON. `measure`: "fanout/900/last_us".
+void print(const server& of, const std::string& measure, const std::vector<double>& samples);
 
 }  // namespace vexo::bench
 

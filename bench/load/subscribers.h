@@ -2,14 +2,10 @@
 #define BENCH_LOAD_SUBSCRIBERS_H_
 
 #include <memory>
-#include <string>
 
 #include "server.h"
 
 namespace vexo::bench {
-
-// A LUN of the inventory that scripts/bench writes.
-std::string lun(int number);
 
 // Hosts, each with a connection of its own to one server, and a local caller beside them.
 class subscribers {

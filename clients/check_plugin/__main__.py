@@ -160,7 +160,8 @@ def try_all(settings):
             if name not in results:
                 print("scripts/check-plugin: the kit has failed, see above", file=sys.stderr)
                 sys.exit(NOT_TRIED)
-    # A plugin that cannot do the basic things has failed in one place, not everywhere.
+    # "missed": the trial could not go on. The reason is mostly one that another check has found, and then
+    # only that one counts as failed.
     has_failed = any(verdict == FAILURE for verdict, _ in results.values())
     return {name: ("skipped" if has_failed else FAILURE, text) if verdict == "missed" else (verdict, text)
             for name, (verdict, text) in results.items()}

@@ -15,16 +15,16 @@ from support.daemon import Daemon
 from support.log import Log
 from support.program import Program
 
-# What the daemon logs about the plugin's questions, and its no to the last.
+# What the daemon logs about the plugin's requests, and about its no to the last.
 START, MIRROR, DEPART = "Start mirror", "Check mirror done", "Depart relation start"
-TOLD = "handle_cmd_depart_relation Task not exists:"
+DEPART_REFUSED = "handle_cmd_depart_relation Task not exists:"
 OTHER_LUN = "00000000-0000-4000-8000-000000000000"  # of another host
 NAME = "appliance"  # which stands for an IPv6 and an IPv4 address
 
 LISTED_SECONDS = 20  # for a plugin that is started
 LISTED_AGAIN_SECONDS = 45  # for one that has lost its connection: longer than the longest back-off
 END_SECONDS = 30  # for one that was told to end
-SILENCE_SECONDS = 3  # without a question: the plugin has given up. It asks about once a second otherwise
+SILENCE_SECONDS = 3  # without a request, after which the plugin has given up: else it asks every second
 CONFIRM_SECONDS = 5  # for the question after the split
 
 
@@ -72,7 +72,7 @@ class Appliance:
         return self.log.count(" Connected: Plugin ID=")
 
     def wait_until_listed(self, seconds=LISTED_AGAIN_SECONDS, subscriptions=0):
-        """And has subscribed more often than this. Raises Missed."""
+        """Until it is listed, and has subscribed more than `subscriptions` times. Raises Missed."""
         def is_listed():
             if self.subscriptions() <= subscriptions:
                 return False
@@ -153,7 +153,7 @@ class Appliance:
 
     def wait_until_told(self, since):
         """Until the plugin has asked again and so heard that the handshake is over. Raises Missed."""
-        self.wait(lambda: self.times(TOLD, since=since), self.settings.patience,
+        self.wait(lambda: self.times(DEPART_REFUSED, since=since), self.settings.patience,
                   "did not ask depart_relation again after the end of the handshake")
 
     def _publish(self, request, seconds):
@@ -171,14 +171,14 @@ class Appliance:
         self._start_daemon()
 
     def restart_daemon_under_plugin(self):
-        """And wait until the plugin has subscribed again. Raises Missed."""
+        """Restarts it and waits until the plugin has subscribed again. Raises Missed."""
         before = self.subscriptions()
         self.restart_daemon()
         self.wait_until_listed(subscriptions=before)
 
     def cut(self):
-        """The connection, and wait until the plugin has subscribed again: until then the daemon would hang
-        at an announcement. Raises Missed."""
+        """Cuts the connection and waits until the plugin has subscribed again: until then the daemon would
+        hang at an announcement. Raises Missed."""
         before = self.subscriptions()
         self.relay.cut()
         self.wait_until_listed(subscriptions=before)

@@ -9,7 +9,7 @@ ADDRESS = "127.0.0.2"  # the daemon has all others, on the same port
 _PREFACE = 24  # bytes that an HTTP/2 client sends before its first frame
 _FRAME_HEADER = 9
 _DATA, _PING, _ACK = 0, 6, 1  # types of frames, and a flag
-# gRPC measures a connection with a ping when data arrives on it. Such a ping is none of its keepalive.
+# gRPC also sends a ping when data has arrived, to measure the connection. That is no keepalive.
 _MEASURES_WITHIN = 2  # seconds
 
 
@@ -46,8 +46,8 @@ class Relay:
                 threading.Thread(target=self._copy, args=how, daemon=True).start()
 
     @staticmethod
-    def _copy(source, target, preface, see):
-        frames = _each_frame(preface, see)
+    def _copy(source, target, preface, on_frame):
+        frames = _each_frame(preface, on_frame)
         next(frames)
         try:
             while data := source.recv(1 << 16):
@@ -67,15 +67,15 @@ class Relay:
             self._data_came = time.monotonic()
 
 
-def _each_frame(preface, see):
-    """Takes the bytes of one direction of a connection, by send(), and calls see(type, flags)."""
+def _each_frame(preface, on_frame):
+    """Takes the bytes of one direction of a connection, by send(), and calls on_frame(type, flags)."""
     data, skip = b"", preface
     while True:
         data += yield
         while len(data) >= skip + _FRAME_HEADER:
             data = data[skip:]
             skip = _FRAME_HEADER + int.from_bytes(data[:3], "big")
-            see(data[3], data[4])
+            on_frame(data[3], data[4])
 
 
 def _end(connection):

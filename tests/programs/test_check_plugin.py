@@ -1,5 +1,5 @@
-# The kit that tries host plugins, on plugins that are right, and on one that is wrong in many ways; and
-# the package that these are written with.
+# scripts/check-plugin, on plugins that are right, and on one that is wrong in many ways; and the package
+# for Python.
 
 import json
 import os
@@ -89,6 +89,13 @@ def test_each_fault_is_found(fault, failed):
 def test_a_plugin_of_which_nothing_could_be_tried_does_not_pass():
     tried = check_plugin("--only", "two_luns", "--", *WRONG, "none", "{lun}", "{appliance}")
     assert tried == (1, {}, {"two_luns"})
+
+
+@pytest.mark.parametrize("appliance", ["", "nas..1", "nas:", "nas:65536", "::1"])
+def test_the_package_refuses_what_is_no_address(appliance):
+    said = run(*WRONG, "none", LUN, appliance)
+    assert (said.status, said.err.splitlines()[-1]) == (
+        1, f"ValueError: the address of an appliance is HOST or HOST:PORT, not {appliance!r}")
 
 
 @pytest.mark.parametrize("what, failure", [

@@ -114,9 +114,9 @@ def test_packets_dropped_for_good(daemon, network):
 def test_host_stopped_with_a_full_window(log, daemon):
     """host stopped (SIGSTOP) while announcements of 16 KiB go on, until no more fits into the connection
 
-    Must hold: the announcement that no longer fits waits, and with it whatever needs the registry, until
-    the transport gives the connection up, about 20 s after the host last took data; LunOp goes on
-    meanwhile; then it goes to the other hosts and succeeds, and the host counts as gone
+    Must hold: the announcement that no longer fits waits, and so does each call that needs the registry,
+    until the transport gives the connection up, about 20 s after the host last took data; LunOp goes on
+    meanwhile; then the announcement goes to the other hosts and succeeds, and the host counts as gone
     """
     host, other = HostProcess(), daemon.subscribe("other")
     host.stop()
@@ -213,7 +213,7 @@ def test_garbage(log, daemon):
                 try:
                     connections[-1].send(what, socket.MSG_DONTWAIT)
                 except OSError:
-                    pass  # whether it is taken is the daemon's business
+                    pass  # the daemon need not take it
         daemon.call.both_sides()
         for connection in connections:
             connection.close()
@@ -228,8 +228,8 @@ def test_garbage(log, daemon):
 def test_log_service_full(log, daemon):
     """log service hangs: /dev/log takes no more
 
-    Must hold: every call that logs waits, holding what it holds; what logs nothing goes on until it needs
-    that; when the service reads on, all of it does, and no line is lost
+    Must hold: each call that logs waits, and keeps its locks; a call that logs nothing goes on until it
+    needs one of them; when the service reads again, all calls go on, and no line is lost
     """
     daemon.subscribe("esx")
     prober, other = Caller(), Caller()

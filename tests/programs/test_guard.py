@@ -1,5 +1,4 @@
-# plugin_guard beside the real daemon, which keeps what it has always done: it notices no vanished
-# host, and stops for nobody.
+# plugin_guard beside the real daemon, which does not notice hosts that vanish and hangs on them.
 
 import concurrent.futures
 import os
@@ -88,9 +87,9 @@ def test_restarts_a_daemon_that_hangs_on_a_host_that_vanished_a_moment_ago(log, 
 
 @pytest.mark.slow
 def test_a_host_that_comes_back_during_a_sweep_is_rarely_hit_and_never_for_good(supervisor, start_guard):
-    """What the window between the last look and the UnSubscribe comes to. Who is hit in it is told by the
-    end of the stream; or not told, if that comes before the daemon waits on the stream, and then finds
-    itself unlisted, which an agent looks for."""
+    """A host that subscribes again between the last look and the UnSubscribe is unsubscribed by mistake.
+    Its stream ends, or, if the daemon did not wait on the stream yet, it is only missing in the list. An
+    agent looks for both."""
     hosts, rounds = 4, 100
     start_guard("--interval", "0.02")  # so that most hosts come back during a sweep
 
@@ -120,7 +119,7 @@ def test_a_host_that_comes_back_during_a_sweep_is_rarely_hit_and_never_for_good(
 
 
 def test_leaves_a_daemon_alone_that_has_run_out_of_files(supervisor, start_guard):
-    """A full daemon is left alone, and serves when there is room again."""
+    """It serves again when connections have ended."""
     resource.setrlimit(resource.RLIMIT_NOFILE, 2 * (resource.getrlimit(resource.RLIMIT_NOFILE)[1],))
     guard = start_guard("--fail-after", "4", "--timeout", "1")
     crowd = []
@@ -151,7 +150,7 @@ def test_leaves_a_daemon_alone_that_has_run_out_of_files(supervisor, start_guard
 
 
 @pytest.mark.slow
-def test_gives_a_stalled_host_its_twenty_seconds(supervisor, start_guard, start_agent):
+def test_a_stalled_host_leads_to_no_restart(supervisor, start_guard, start_agent):
     """A command larger than what may be under way to a host that takes nothing: its write blocks the
     daemon until the connection is given up."""
     guard = start_guard()
@@ -169,7 +168,7 @@ def test_follows_a_daemon_that_comes_and_goes(supervise, start_guard):
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as service_manager:
         service_manager.bind("/tmp/notify")
         guard = start_guard("--fail-after", "2", "--timeout", "0.5", serves=False,
-                            environment={"NOTIFY_SOCKET": "/tmp/notify"})
+                            environment={"NOTIFY_SOCKET": "/tmp/notify", "JOURNAL_STREAM": "1:1"})
         assert [service_manager.recv(99) for _ in range(3)] == [b"WATCHDOG=1", b"READY=1", b"WATCHDOG=1"]
     guard.wait_for_err("no daemon is running")
     assert guard_status().status == 3
@@ -183,7 +182,7 @@ def test_follows_a_daemon_that_comes_and_goes(supervise, start_guard):
     assert f"no guard writes {STATUS_FILE}" in guard_status().err
 
 
-def test_ends_no_daemon_if_it_may_not(supervisor, start_guard):
+def test_no_kill_only_reports(supervisor, start_guard):
     watcher = start_guard("--no-kill", "--fail-after", "2", "--timeout", "0.6")
     os.kill(supervisor.pid, signal.SIGSTOP)
     watcher.wait_for_err("would restart (--no-kill)")
@@ -211,9 +210,13 @@ def test_refuses_options_that_do_not_fit_together():
     ('{"state":"OK"}', 60, 3, "has written nothing since", 3),
     ('{"state":"OK"}', -60, 3, "has written nothing since", 3),
     ('{"state":"O', 0, 3, "is no guard's status", 3),
+    (None, 0, 3, "Is a directory", 3),
 ])
 def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err, checked):
-    pathlib.Path(STATUS_FILE).write_text(text)
+    if text is None:
+        pathlib.Path(STATUS_FILE).mkdir()
+    else:
+        pathlib.Path(STATUS_FILE).write_text(text)
     os.utime(STATUS_FILE, 2 * (time.time() - age,))
     ended = run(PLUGIN_GUARD, "--status", "--status-file", STATUS_FILE)
     assert ended.status == status

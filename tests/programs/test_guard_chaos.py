@@ -1,4 +1,4 @@
-# Many handshakes while hosts are killed at random: whatever happens to each of them, it ends.
+# Many handshakes while hosts are killed at random: every handshake ends.
 
 import concurrent.futures
 import itertools
@@ -16,8 +16,8 @@ from support.waiting import wait_until
 
 LUNS = [f"00000000-0000-0000-0000-00000000000{i}" for i in range(6)]
 
-# How rough it gets. GUARD_CHAOS=300 plays that many handshakes with the guard's and the caller's own time
-# limits, which takes a quarter of an hour; otherwise it is a short piece in a hurry.
+# GUARD_CHAOS=300 makes 300 handshakes with the guard's and the caller's usual time limits, which takes a
+# quarter of an hour. Without it the test is short, with short limits.
 HANDSHAKES = int(os.environ.get("GUARD_CHAOS", 24))
 if "GUARD_CHAOS" in os.environ:
     GUARD_OPTIONS, CALL_TIMEOUT, HOST_LIFE, LONGEST_PAUSE = (), 65, 30, 8
@@ -26,7 +26,7 @@ else:
 
 
 def snapshot(lun, *commands, patience):
-    """Six calls, each with its own deadline."""
+    """Makes six calls, each with its own deadline."""
     return run(PLUGIN_CTL, "--timeout", CALL_TIMEOUT, "snapshot", "--p80", lun, *commands,
                patience=patience)
 
@@ -37,7 +37,7 @@ def test_every_handshake_ends(supervise, start_guard, start_agent):
     guard = start_guard(*GUARD_OPTIONS)
     over, begun, kills = threading.Event(), itertools.count(), itertools.count()
 
-    def live_and_die(index):
+    def be_killed_repeatedly(index):
         """A host that is killed again and again: mostly at once, now and then after standing still."""
         chance = random.Random(index)
         while not over.is_set():
@@ -63,14 +63,14 @@ def test_every_handshake_ends(supervise, start_guard, start_agent):
         return ends
 
     with concurrent.futures.ThreadPoolExecutor(2 * len(LUNS)) as pool:
-        hosts = pool.map(live_and_die, range(len(LUNS)))
+        hosts = pool.map(be_killed_repeatedly, range(len(LUNS)))
         try:
             ends = [end for ends in pool.map(take_snapshots, range(len(LUNS))) for end in ends]
         finally:
             over.set()
     list(hosts)
 
-    # When it is quiet again all is well, at the latest after one more restart.
+    # When no host is killed any more all is well, at the latest after one more restart.
     start_agent(lun=LUNS[0], serves=False)
     wait_until(lambda: snapshot(LUNS[0], patience=60).status == 0, patience=90)
     wait_until(lambda: guard_status().status == 0)

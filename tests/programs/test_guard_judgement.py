@@ -1,4 +1,4 @@
-# What the guard ends a daemon for, and what it leaves a healthy one alone for.
+# Which failures make the guard end a daemon, and which are not the daemon's fault.
 
 import os
 import pathlib
@@ -52,7 +52,7 @@ def test_another_network_is_not_the_daemons_doing(daemon):
 
 
 def test_ends_the_daemon_at_the_socket_and_not_the_one_before_it(daemon, start_daemon, start_guard):
-    """Both have the TCP port, and the guard's own connection leads to the older one at first."""
+    """Both listen on the TCP port. At first the guard is connected to the older one."""
     older, guard = daemon, start_guard(*QUICK)
     newer = start_daemon(directory=None)
     wait_until(lambda: reported("daemon_pid") == newer.pid)
@@ -63,7 +63,7 @@ def test_ends_the_daemon_at_the_socket_and_not_the_one_before_it(daemon, start_d
     assert newer.wait() == -signal.SIGKILL
     assert older.alive
     assert f"restarting the daemon, process {newer.pid}" in guard.err
-    assert "sent SIGABRT" in guard.err  # which a stopped process hears no more than anything else
+    assert "sent SIGABRT" in guard.err  # to which a stopped process does not react
 
 
 def test_a_last_look_that_is_answered_spares_the_daemon(daemon, start_guard):

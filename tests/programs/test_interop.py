@@ -1,5 +1,5 @@
-# The programs of examples/: other languages, and an HTTP/2 stack that is none of gRPC's own, take a
-# whole handshake through the daemon.
+# The programs of examples/: other languages, one of them with an HTTP/2 stack that is not gRPC's own, take
+# a whole handshake through the daemon.
 
 import os
 import signal
@@ -10,7 +10,7 @@ import pytest
 from support.calls import LUN
 from support.program import SOURCE, Program, run
 
-pytestmark = pytest.mark.not_under("tsan")  # other clients, and no other threads of the daemon's
+pytestmark = pytest.mark.not_under("tsan")  # the clients differ; the daemon's threads do not
 
 EXAMPLES = SOURCE / "examples"
 LANGUAGES = {  # language: host plugin, local caller

@@ -25,7 +25,9 @@ def test_brings_the_host_to_rest_as_a_snapshot_does(volume, hooks):
     assert (rehearsed.status, report["as_asked"], record["verdict"]) == (0, True, "application-consistent")
     assert 0.7 < volume.longest_stall()
     assert 700 <= report["held_ms"] <= record["frozen_ms"] - record["freeze_ms"]
-    assert record["freeze_ms"] > 0 and record["frozen_ms"] > 0
+    assert record["freeze_ms"] > 0
+    frozen, = report["file_systems"]
+    assert frozen["mount_point"] == str(volume.path) and 0 < frozen["ms"] <= record["frozen_ms"]
     assert hooks.take_runs() == ["10-a prepare", "20-b prepare", "10-a freeze", "20-b freeze", "20-b thaw",
                                  "10-a thaw"]
     volume.wait_until_thawed()

@@ -68,6 +68,7 @@ def test_one_that_is_never_answered_is_not_waited_for_when_another_is_refused(da
     assert tool.status == 1
     assert of_step(tool, "init_snapshot") == {LUN: "INTERRUPTED", OTHER_LUN: "FAILED"}
     assert of_step(tool, "depart_done") == {LUN: "DONE", OTHER_LUN: "NOT_RUN"}
+    assert f"begin the next snapshot of {LUN} in " in tool.err
     somebody.cancel()
 
 
@@ -101,9 +102,13 @@ def test_refuses_a_wrong_file_with_place_and_reason(group, text, reason):
     assert "--group /tmp/group.json" in refused.err and reason in refused.err
 
 
-@pytest.mark.parametrize("options", [
-    [], ["--p80", "a", "--group", "/tmp/x"], ["--p80", "a", "--p80", "a"],
-    ["--p80", "a", "--p80", "b", "--p83", "c"], ["--p80", "a", "--max-split", "0"],
+@pytest.mark.parametrize("options, status, reason", [
+    ([], 2, "neither --p80 nor --group"), (["--p80", "a", "--group", "/tmp/x"], 2, "both --p80 and"),
+    (["--p80", "a", "--p80", "a"], 2, "given twice"), (["--p80", "a", "--max-split", "0"], 2, "from 0.1"),
+    (["--p80", "a", "--p80", "b", "--p83", "c"], 2, "of one LUN"),
+    (["--group", "/none"], 4, "No such file"), (["--group", "/"], 4, "Is a directory"),
 ])
-def test_refuses_a_wrong_command_line(plugin_ctl, options):
-    assert plugin_ctl("snapshot", *options).status == 2
+def test_refuses_a_wrong_command_line(plugin_ctl, options, status, reason):
+    refused = plugin_ctl("snapshot", *options)
+    assert refused.status == status
+    assert reason in refused.err

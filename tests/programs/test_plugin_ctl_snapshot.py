@@ -17,7 +17,7 @@ from plugin_service_pb2_grpc import PluginServiceServicer
 from support.calls import (LUN, LUN_NAA, REPLICA_LUN, TCP, depart_relation, init_snapshot,
                            is_mirror_done, serve, start_mirror)
 from support.host_plugin import HostPlugin
-from support.program import PLUGIN_CTL, exists
+from support.program import PLUGIN_CTL, exists, run
 from support.waiting import PATIENCE, wait_until
 
 
@@ -64,6 +64,8 @@ WITHDRAW = f"{PLUGIN_CTL} lun start-mirror {LUN} >/dev/null"
          "DONE FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 4, 127, "exited with 127"),
         ("somebody else ends it", ["--mirror", f"{PLUGIN_CTL} publish depart-done {LUN}"], STARTS, None,
          "DONE DONE SKIPPED FAILED NOT_RUN NOT_RUN NOT_RUN", 1, 0, "somebody else ended this handshake"),
+        ("somebody else ends it in split", ["--split", f"{PLUGIN_CTL} publish depart-done {LUN}"], DEPARTS,
+         None, "DONE SKIPPED DONE DONE DONE FAILED NOT_RUN", 1, 0, "somebody else ended this handshake"),
         ("deadline before a host starts", ["--timeout", "1.2"], NOBODY, None,
          "FAILED NOT_RUN NOT_RUN NOT_RUN NOT_RUN NOT_RUN DONE", 3, 1, "DEADLINE_EXCEEDED"),
         ("deadline before a host departs", ["--timeout", "2"], STARTS, None,
@@ -207,17 +209,17 @@ def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, plug
     assert daemon.asked[-1][1] > 60
 
 
-@pytest.mark.parametrize("command, status, all_outcomes, step", [
-    ("--mirror", 3, "DONE DONE FAILED NOT_RUN NOT_RUN NOT_RUN FAILED", "mirror_done, "),
-    ("--split", 1, "DONE SKIPPED DONE DONE DONE FAILED FAILED", "confirm, ")])
-def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot, command, status, all_outcomes,
-                                                           step):
+@pytest.mark.parametrize("command, step, all_outcomes", [
+    ("--mirror", "mirror_done", "DONE DONE FAILED NOT_RUN NOT_RUN NOT_RUN FAILED"),
+    ("--split", "confirm", "DONE SKIPPED DONE DONE DONE FAILED FAILED"),
+])
+def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot, command, step, all_outcomes):
     HostPlugin(daemon)
     daemon.may_end = True
     ended = snapshot(command, f"kill -KILL {daemon.pid}")
-    assert ended.wait() == status
+    assert ended.wait() == 3
     assert outcomes(ended) == all_outcomes
-    assert step in ended.err
+    assert f"{step}, " in ended.err and "came back: UNAVAILABLE" in ended.err
     assert "`plugin_ctl publish depart-done" in ended.err
 
 
@@ -229,6 +231,13 @@ def test_ends_the_handshake_even_if_nobody_reads_the_report(daemon, snapshot):
     assert (tool.wait(), tool.err) == (141, "")
     assert host.told(LUN) == 0
     assert not task_is_there(daemon)
+
+
+@pytest.mark.parametrize("caller", [("env", "--ignore-signal=CHLD"), ("sh", "-c", 'exec "$@" 2>&-', "sh")])
+def test_runs_commands_whatever_it_inherits(daemon, caller):
+    ended = run(*caller, PLUGIN_CTL, "snapshot", "--p80", LUN, "--no-host", "crash-consistent",
+                "--mirror", "echo mirrored")
+    assert ended.status == 0, ended.out
 
 
 def test_tells_the_commands_which_lun(daemon, plugin_ctl):

@@ -170,21 +170,31 @@ def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, vol
     slow.wait_until_thawed()
 
 
+def test_a_freeze_whose_process_somebody_kills_is_thawed(make_volume):
+    """The kernel completes it before the process ends."""
+    slow = make_volume("/tmp/slow", stalling=True)
+    slow.stall()
+    freezer = Freezer(slow.path, max_freeze=60000, waits=False)
+    wait_until(lambda: RECORD.exists() and "processes {" in RECORD.read_text())
+    time.sleep(0.3)  # in the kernel by then
+    children, = pathlib.Path(f"/proc/{freezer.pid}/task").glob("*/children")
+    os.kill(int(children.read_text()), signal.SIGKILL)
+    slow.resume()
+    assert b"somebody killed" in freezer.report("thawed").reason
+    slow.wait_until_thawed()
+    assert freezer.wait() == 0 and not RECORD.exists()
+
+
 @pytest.mark.not_under("asan")  # which has to be loaded first
-@pytest.mark.parametrize("awkward", ["freeze", "thaw"])
-def test_thaws_also_when_a_call_is_killed_or_slow(volume, awkward):
-    """A freeze that somebody else has killed may be complete; a thaw may not get any processor time."""
-    told = pathlib.Path("/tmp/ioctl_does")
-    told.write_text(awkward)
-    freezer = Freezer(volume.path, waits=awkward == "thaw",
-                      environment={"LD_PRELOAD": BUILD / "tests/programs/libawkward_ioctl.so"})
-    if awkward == "thaw":
-        freezer.ask(leave=b"a")
-        assert not freezer.report("thawed").certain
-        assert RECORD.exists()
-        told.unlink()
-    else:
-        assert freezer.report("thawed").reason == b"/tmp/data cannot be frozen: the call was killed"
+def test_a_slow_thaw_is_waited_for(volume):
+    """It may get no processor time for seconds."""
+    obstacle = pathlib.Path("/tmp/no_thaw")
+    obstacle.touch()
+    freezer = Freezer(volume.path, environment={"LD_PRELOAD": BUILD / "tests/programs/libawkward_ioctl.so"})
+    freezer.ask(leave=b"a")
+    assert not freezer.report("thawed").certain
+    assert RECORD.exists()
+    obstacle.unlink()
     volume.wait_until_thawed()
     assert freezer.wait() == 0 and not RECORD.exists()
 
@@ -331,7 +341,10 @@ def test_the_record_leads_to_a_file_system_wherever_it_is_mounted(volume, way):
     if way == "device out of reach":
         assert f"the file system on {loop} that was mounted at {volume.path} may be frozen" in \
             run(PLUGIN_AGENT, "--thaw-and-exit").err
-        assert RECORD.exists()
+        another = Freezer(hooks=[make_hook("10-any", "")])
+        another.ask(leave=b"a")
+        another.wait()
+        assert RECORD.exists(), "another rest has forgotten it"
         assert run("umount", loop).status == 0
     thawed = run(PLUGIN_AGENT, "--thaw-and-exit")
     assert "was left frozen" in thawed.err

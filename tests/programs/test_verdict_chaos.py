@@ -1,5 +1,6 @@
-# Exit code 0 of `plugin_ctl snapshot` means that the host was at rest throughout: snapshots of a file
-# system in use, with a fault each at a random moment, and a writer whose successes are on record.
+# Exit code 0 of `plugin_ctl snapshot` means that the host was at rest throughout. The tests take
+# snapshots of a file system in use, cause a fault during each at a random moment, and compare the
+# verdict with a record of the writes that succeeded.
 
 import contextlib
 import json
@@ -20,7 +21,7 @@ from support.waiting import wait_until
 
 pytestmark = pytest.mark.not_under("tsan")  # a freezer has no threads
 
-# The real thing is VERDICT_CHAOS=50: 1,000 snapshots in 50 pieces, each with a seed of its own.
+# The full test is VERDICT_CHAOS=50: 1,000 snapshots in 50 parts, each with a seed of its own.
 SEEDS = range(int(os.environ.get("VERDICT_CHAOS", 1)))
 SNAPSHOTS = 20 if len(SEEDS) > 1 else 10
 FAULTS = ["none", "agent killed", "freezer killed", "both killed", "agent stopped", "freezer stopped",
@@ -72,7 +73,7 @@ def signal_freezer(agent, number):
             os.kill(freezer, number)
 
 
-def happen(kind, agent, daemon):
+def cause_fault(kind, agent, daemon):
     who, _, what = kind.partition(" ")
     number = {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP}.get(what)
     if who in ("freezer", "both"):
@@ -88,7 +89,7 @@ def happen(kind, agent, daemon):
         agent.signal(signal.SIGTERM)
 
 
-def make_good(agent, daemon):
+def undo_fault(agent, daemon):
     lose_tcp(3265, False)
     for program in (daemon, agent):
         program.signal(signal.SIGCONT)
@@ -117,15 +118,15 @@ def violations(daemon, volume, start, chance):
         time.sleep(chance.uniform(0, 0.9))
         # A host that vanishes while it is told of a snapshot hangs the daemon.
         wait_until(lambda: lun in agent.err or not snapshot.program.alive)
-        happen(kind, agent, daemon)
+        cause_fault(kind, agent, daemon)
         if kind in ("agent killed", "both killed", "told to stop twice"):
             agent.wait()
             agent = start()  # as a service manager does
         elif kind == "daemon stopped" or chance.random() < 0.5:
             time.sleep(chance.uniform(0, 1.5))
-            make_good(agent, daemon)
+            undo_fault(agent, daemon)
         called_good = snapshot.was_called_good()
-        make_good(agent, daemon)
+        undo_fault(agent, daemon)
         volume.wait_until_thawed()
         if called_good:
             good += 1
@@ -162,8 +163,8 @@ def test_what_is_called_good_was_not_written_to(daemon, volume, starter, seed):
     assert good > 0
 
 
-class Deaf(PluginServiceServicer):
-    """The daemon, but for departures that are taken back, of which it does not hear."""
+class IgnoresWithdrawals(PluginServiceServicer):
+    """The daemon, except that it does not learn of departures that are taken back."""
 
     def __init__(self):
         self._daemon, self._departed = Caller(TCP).stub, set()
@@ -187,7 +188,7 @@ class Deaf(PluginServiceServicer):
 
 @pytest.mark.slow
 def test_the_record_of_writes_finds_a_host_that_does_not_take_its_departure_back(daemon, volume, starter):
-    serve(Deaf(), PROXY)
+    serve(IgnoresWithdrawals(), PROXY)
     agent = starter(PROXY)()
     wait_until_listed(agent, daemon)
     snapshot = Snapshot(LUNS[0], 2 * MAX_FREEZE, max_split=20)

@@ -21,7 +21,7 @@ namespace vexo::tools {
 struct call_options {
   std::chrono::milliseconds timeout = kCallTimeout;
   // A signal, even one from before the call, ends the call, but not earlier than this after its
-  // start. With the value of `timeout` no signal ends it.
+  // start. If it equals `timeout`, no signal ends the call.
   std::chrono::milliseconds undisturbed = std::chrono::milliseconds::zero();
   // Keeps trying to connect until the deadline instead of failing when there is no connection.
   bool wait_for_ready = false;
@@ -36,7 +36,7 @@ struct outcome {
   grpc::Status status;
   Response response;
   bool interrupted = false;  // cancelled because of a signal
-  bool abandoned = false;    // cancelled because another one failed
+  bool abandoned = false;    // cancelled because another call failed
   std::chrono::duration<double> took{};
 
   // The daemon has answered, even if a signal came as well.
@@ -69,9 +69,9 @@ using service_method = grpc::Status (service_stub::*)(grpc::ClientContext*, cons
                                                       Response*);
 
 // Unary calls side by side, one for each request: `method` is a member of service_stub. Each call
-// has a thread of its own, while this one watches for signals; returns when all have ended. A call
-// for which `is_failure` is true has the others cut short as a signal does. Throws
-// std::system_error when there is no thread to be had; no call is under way then.
+// has a thread of its own, while this one watches for signals; returns when all have ended. When
+// `is_failure` is true for a call that has ended, the others are cut short as by a signal. Throws
+// std::system_error when a thread cannot be started; no call is under way then.
 template <class Request, class Response>
 std::vector<outcome<Response>> call_all(
     service_stub& stub, service_method<Request, Response> method,

@@ -25,26 +25,27 @@ struct child_options {
 };
 
 // Starts the program in a process group of its own, with the signals as a program expects them:
-// none blocked, none ignored. Of our other descriptors it gets those without FD_CLOEXEC. Any thread
-// may call. Throws std::system_error when the program cannot be executed.
+// none blocked, none ignored. It inherits our other descriptors unless they have FD_CLOEXEC. Any
+// thread may call. Throws std::system_error when the program cannot be executed.
 pid_t start_child(const child_options& options);
 
-// A descriptor that is readable when the process, child or not, has ended. Has FD_CLOEXEC. -1 with
-// errno set.
+// A descriptor, with FD_CLOEXEC, that is readable when the process, child or not, has ended. On
+// failure -1, with errno set.
 int open_pidfd(pid_t pid);
 
 // Blocks until the child has ended or `deadline` has passed; true when it has ended. Does not reap
-// it: until then its id belongs to nobody else.
+// it, so no other process can have got its id.
 bool await_child(pid_t pid, std::chrono::steady_clock::time_point deadline);
 
-// Kills the child's whole process group and waits a moment for the child. False when it lives on: a
-// process that writes to a frozen file system, or freezes one, cannot die before that is over.
+// Kills the child's whole process group and waits 0.2 s for the child. False when the child has not
+// ended: a process that writes to a frozen file system, or is freezing one, cannot end before that
+// is over.
 bool kill_child_group(pid_t pid);
 
-// Of a status that waitpid gave: the exit code, or 128 and the signal that ended it.
+// The exit code in a status from waitpid; 128 plus the signal's number if a signal ended the child.
 int exit_code_of(int wait_status);
 
-// Waits until the child has ended and reaps it. Its exit_code_of.
+// Waits until the child has ended and reaps it. Returns its exit_code_of().
 int reap_child(pid_t pid);
 
 }  // namespace vexo::tools

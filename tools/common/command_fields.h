@@ -21,8 +21,9 @@ std::string command_name(const scsiplugin::PluginCmd& command);
 std::vector<command_field> command_fields(const scsiplugin::PluginCmd& command);
 
 // Environment variables for the programs that are started for a command: `VEXO_` and the name of
-// each field in capitals, `VEXO_SRC_LUN_P80=1a2b...`, also of zero values, so that none is
-// inherited from elsewhere; and `VEXO_COMMAND`, the command's name. A value ends at its first NUL.
+// each field in capitals, `VEXO_SRC_LUN_P80=1a2b...`; and `VEXO_COMMAND`, the command's name.
+// Fields of value zero are included, so that no old variable is inherited. A value ends at its
+// first NUL.
 std::vector<std::string> command_environment(const scsiplugin::PluginCmd& command);
 
 }  // namespace vexo::tools

@@ -15,9 +15,10 @@ namespace vexo::tools {
 // when that failed at once: EAGAIN when the unix socket's queue of connections to accept is full.
 unique_fd begin_connection(const endpoint& where);
 
-// Has the kernel end this TCP connection when the other side has been silent for 25 s, whether or
-// not something was sent to it: an appliance without power closes nothing. The daemon sees none of
-// this, whereas it punishes pings of gRPC that come more often than every 300 s.
+// Makes the kernel end this TCP connection when the other side has been silent for 25 s, whether or
+// not something was sent to it: an appliance that loses power closes no connection. The kernel's
+// probes do not reach the daemon's gRPC, which closes connections that ping more often than every
+// 300 s.
 void notice_silence(int connection);
 
 // A channel that uses this connection only and never connects again, nor pings. Takes lists of any

@@ -19,14 +19,14 @@ namespace {
 constexpr char kByDaemon[] = "SYSLOG_IDENTIFIER=scsi_plugin_server";
 // A busy daemon logs some lines for each of its calls. More are not read, to be quick.
 constexpr int kMostLines = 20000;
-// A journal on a disk that hangs is left to its thread.
+// A read that takes longer, as on a disk that hangs, goes on in its own thread.
 constexpr std::chrono::seconds kReadTime{1};
 
 struct closes {
   void operator()(sd_journal* journal) const { sd_journal_close(journal); }
 };
 
-// Of the journal's present entry, without the name; empty when there is no such field.
+// A field's value in the journal's present entry; empty when the entry has no such field.
 std::string field(sd_journal* journal, const std::string& name) {
   const void* data = nullptr;
   std::size_t size = 0;

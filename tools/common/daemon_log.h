@@ -11,10 +11,11 @@ namespace vexo::tools {
 // for any other line.
 std::optional<std::string> pushed_host(std::string_view log_line);
 
-// Which host the daemon of this machine pushed a command to last, for people: `"esx-7 (10.0.0.7)",
-// 4 s ago`. While the daemon waits for a stalled host, it is that one. Read from the journal, from
-// the lines of the process that logged last. Empty when there is no such line, or this user may not
-// read the journal, or that takes longer than a second. Never throws.
+// The host to which the daemon of this machine last pushed a command, for people:
+// `"esx-7 (10.0.0.7)", 4 s ago`. While the daemon waits for a stalled host, that is the host. Read
+// from the journal, from the lines of the process that logged last. Empty when there is no such
+// line, when this user may not read the journal, or when reading takes longer than a second. Never
+// throws.
 std::string last_pushed_host();
 
 }  // namespace vexo::tools

@@ -15,7 +15,8 @@ namespace {
 
 constexpr std::size_t kDescriptions = 30;  // the column in which CLI11 begins them
 
-// `line` in pieces, the first of which begins as it does, and the others with `indent` spaces.
+// `line` broken into lines of at most `width` columns. All but the first begin with `indent`
+// spaces.
 std::string in_pieces(std::string line, std::size_t width, std::size_t indent) {
   std::string text;
   while (line.size() > width) {
@@ -32,7 +33,8 @@ std::string in_pieces(std::string line, std::size_t width, std::size_t indent) {
 
 bool is_heading(std::string_view line) { return !line.starts_with(' ') && line.ends_with(':'); }
 
-// Lines that are one text. The first may begin with what the text is about, in front of `indent`.
+// Lines that form one text. The first may begin with the option that the text describes, in the
+// columns before `indent`.
 class paragraph {
  public:
   paragraph(std::size_t width, std::size_t indent) : width_(width), indent_(indent) {}
@@ -60,7 +62,7 @@ class paragraph {
   std::vector<std::string> lines_;
 };
 
-// Of a list of options or verbs: a line that goes on with the description of the one before.
+// In a list of options or verbs: whether the line continues the description above it.
 bool goes_on(std::string_view line) { return line.find_first_not_of(' ') == kDescriptions; }
 bool has_description(std::string_view line) {
   return line.size() > kDescriptions && line.substr(0, kDescriptions).ends_with("  ") &&

@@ -16,7 +16,7 @@ std::string wrapped_help(const std::string& help, std::size_t width);
 // than any line has.
 std::size_t terminal_width();
 
-// Has --help, of verbs that are added later too, wrapped for the terminal.
+// Makes --help fit the terminal, also that of verbs that are added later.
 inline void wrap_help(CLI::App& app) {
   class formatter : public CLI::Formatter {
     std::string make_help(const CLI::App* of, std::string name,

@@ -5,11 +5,11 @@
 
 namespace vexo::tools {
 
-// Whether stderr leads straight to systemd's journal, as it does for a service. The journal has the
-// time of each line itself.
+// Whether stderr leads straight to systemd's journal, as it does for a service. The journal adds
+// the time to each line.
 bool stderr_is_journal();
 
-// What a line on stderr begins with, for the journal to know its priority, one of syslog's: "<3>".
+// The beginning of a line on stderr that tells the journal its priority, one of syslog's: "<3>".
 // Empty when stderr leads elsewhere.
 std::string journal_prefix(int priority);
 

@@ -1,19 +1,12 @@
 #include "common/metrics.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstddef>
-#include <cstdio>
 #include <initializer_list>
-#include <system_error>
 
 #include "common/text.h"
-#include "common/unique_fd.h"
+#include "common/whole_file.h"
 
 namespace vexo::tools {
 
@@ -26,11 +19,6 @@ void append(std::string& text, std::initializer_list<std::string_view> parts) {
 std::string number(double value) {
   std::array<char, 32> digits = {};
   return {digits.data(), std::to_chars(digits.begin(), digits.end(), value).ptr};
-}
-
-[[noreturn]] void give_up(const std::string& path, int error) {
-  unlink(path.c_str());
-  throw std::system_error(error, std::generic_category(), path);
 }
 
 }  // namespace
@@ -81,17 +69,6 @@ void metrics_page::line(std::string_view suffix, const metric_labels& labels, do
   append(text_, {labels.empty() ? "" : "}", " ", number(value), "\n"});
 }
 
-void metrics_page::write_to(const std::string& path) const {
-  constexpr mode_t kReadable = 0644;  // by the node exporter, which is another user
-  const std::string half = path + ".tmp";
-  unlink(half.c_str());  // of one who was killed while writing
-  const unique_fd file(open(half.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kReadable));
-  if (!file) throw std::system_error(errno, std::generic_category(), half);
-  if (fchmod(file.get(), kReadable) != 0) give_up(half, errno);
-  const ssize_t size = write(file.get(), text_.data(), text_.size());
-  if (size < 0) give_up(half, errno);
-  if (static_cast<std::size_t>(size) != text_.size()) give_up(half, ENOSPC);
-  if (std::rename(half.c_str(), path.c_str()) != 0) give_up(half, errno);
-}
+void metrics_page::write_to(const std::string& path) const { replace_file(path, text_); }
 
 }  // namespace vexo::tools

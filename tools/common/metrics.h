@@ -41,9 +41,8 @@ class metrics_page {
 
   const std::string& text() const { return text_; }
 
-  // Writes a file of mode 0644 for a node exporter's textfile folder: first to PATH.tmp, which that
-  // does not read, so that nobody reads a half of it. Blocks while its file system is frozen.
-  // Throws std::system_error.
+  // Writes the file for a node exporter's textfile folder with replace_file(). The node exporter
+  // does not read PATH.tmp.
   void write_to(const std::string& path) const;
 
  private:

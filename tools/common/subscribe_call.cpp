@@ -72,9 +72,9 @@ listing subscribe_call::confirm(milliseconds patience, const event* stop) {
 
 // The daemon must forget the subscription before the call is cancelled: it never recovers from a
 // broadcast to a subscriber that has vanished. An UnSubscribe that it handles before the Subscribe,
-// or in the instant in which it loses the wake-up, does not end the stream: so the end is waited
-// for with a limit, and an UnSubscribe that follows the cancelled call removes what is registered
-// then.
+// or in the instant in which it loses the wake-up, does not end the stream. So the wait for the end
+// has a limit; then the call is cancelled, and a second UnSubscribe removes what is still
+// registered.
 grpc::Status subscribe_call::leave() {
   grpc::Status result = unsubscribe();
   if (!wait_for(ended_, ended_, result.ok() ? kStreamEnd : milliseconds(0))) {

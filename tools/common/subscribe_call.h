@@ -50,8 +50,9 @@ class subscribe_call {
   // pushes commands to it. Stops looking after `patience`, when the call has ended, and when `stop`
   // is raised. The result of the last look.
   //
-  // One that is still not listed then never will be: an UnSubscribe that the daemon handles between
-  // registering a stream and waiting on it removes the registration and leaves the stream open.
+  // A subscriber that is not listed by then never will be: an UnSubscribe that the daemon handles
+  // between registering a stream and waiting on it removes the registration and leaves the stream
+  // open.
   listing confirm(std::chrono::milliseconds patience, const event* stop = nullptr);
 
   // Unsubscribes, and returns when the call has ended: the status of the last UnSubscribe. When it

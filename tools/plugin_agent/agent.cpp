@@ -76,13 +76,14 @@ void agent::write_metrics(bool leaves) {
         !leaves && subscriptions_[i]->state().get().subscribed;
   }
   std::string trouble;
-  rests_.while_thawed([&] {
+  const bool was_tried = rests_.while_thawed([&] {
     try {
       metrics_.page(subscribed).write_to(options_.metrics);
     } catch (const std::system_error& error) {
       trouble = error.what();
     }
   });
+  if (!was_tried) return;
   if (!trouble.empty() && trouble != metrics_trouble_) {
     agent_log().error("no metrics: {}", printable(trouble));
   }

@@ -19,7 +19,6 @@
 #include "plugin_agent/status_socket.h"
 #include "plugin_agent/verbs.h"
 #include "plugin_freezer/run_directory.h"
-#include "plugin_freezer/turn.h"
 
 namespace vexo::tools {
 
@@ -79,11 +78,11 @@ void check_run_directory(const agent_options& options, findings& found) {
   const std::string what = "run directory " + options.run_dir;
   try {
     make_run_directory(options.run_dir);
-    const turn right(options.run_dir);
-    const pid_t holder = right.holder();
+    const run_directory directory(options.run_dir);
+    const pid_t holder = directory.lock_holder();
     if (holder > 0) {
       found.ok(what, "freezer " + std::to_string(holder) + " has this host at rest");
-    } else if (right.record()) {
+    } else if (directory.record()) {
       found.fail(what, "an earlier freeze is on record, and nobody thaws it", kThaw);
     } else {
       found.ok(what, "can be written to, and nothing is on record as frozen");

@@ -139,6 +139,7 @@ void handshake::take_part() {
   const auto take_figures = [&] {
     frozen_for_ = rest_->frozen_for();
     freeze_took_ = rest_->freeze_took();
+    file_systems_ = rest_->file_systems();
     for (auto& run : rest_->runs()) runs_.push_back(std::move(run));
   };
   try {

@@ -55,6 +55,8 @@ class handshake {
   bool has_rest();
   // Its verdict, once there is one.
   std::optional<HandshakeRecord> record();
+  // How long each file system took to freeze, once there is a verdict.
+  const std::vector<file_system_freeze>& file_systems() const { return file_systems_; }
   const std::string& lun() const { return command_.init_snapshot_req().src_lun_p80(); }
 
  private:
@@ -113,6 +115,7 @@ class handshake {
   hook_listing hooks_;
   FreezerPlan plan_;
   std::vector<hook_run> runs_;
+  std::vector<file_system_freeze> file_systems_;
   // Has `thaw` run for the hooks that were prepared, also when the agent is killed.
   std::optional<freezer_process> preparer_;
   std::chrono::milliseconds frozen_for_{};

@@ -27,8 +27,8 @@
 #include "plugin_agent/verbs.h"
 #include "plugin_agent/withdrawal.h"
 #include "plugin_freezer/file_system.h"
+#include "plugin_freezer/process_settings.h"
 #include "plugin_freezer/run_directory.h"
-#include "plugin_freezer/survival.h"
 
 namespace vexo::tools {
 namespace {
@@ -50,8 +50,8 @@ namespace {
 }
 
 exit_code run(const agent_options& options, interrupt& stop) {
-  if (options.verb) return options.verb(options, stop);
   if (options.verbose) agent_log().set_level(spdlog::level::debug);
+  if (options.verb) return options.verb(options, stop);
   if (!options.withdraw.empty()) {
     const auto daemon =
         scsiplugin::PluginService::NewStub(make_channel(options.appliances.front()));

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "common/poll_until.h"
-#include "plugin_freezer/packets.h"
+#include "plugin_freezer/monotonic_ms.h"
 
 namespace vexo::tools {
 
@@ -82,8 +82,8 @@ void quiesce::end(const std::string& who) {
   on_thawed_.wait(lock, [&] { return thawed_; });
   if (was_thawed || was_asked_) {
     if (!reason_.empty()) throw quiesce_error(reason_);
-  } else if (!disturbed_.empty()) {
-    throw quiesce_error("somebody else has thawed " + disturbed_);
+  } else if (!thawed_by_other_.empty()) {
+    throw quiesce_error("somebody else has thawed " + thawed_by_other_);
   }
 }
 
@@ -123,6 +123,11 @@ std::vector<hook_run> quiesce::runs() {
   return runs_;
 }
 
+std::vector<file_system_freeze> quiesce::file_systems() {
+  const std::lock_guard lock(mutex_);
+  return file_systems_;
+}
+
 std::vector<std::string> quiesce::others(const std::string& who) {
   const std::lock_guard lock(mutex_);
   std::vector<std::string> names;
@@ -145,7 +150,9 @@ void quiesce::listen() {
       freezer_->kill();
       const std::lock_guard lock(mutex_);
       reason_ = "the freezer did not answer";
-      thawing_until_ = deadline_ = clock::time_point::max();
+      thawing_ = true;
+      thawing_until_ = clock::time_point::max();
+      raise_all();
     }
     if (watched[1].revents != 0) return;
     while (const auto report = freezer_->receive(gone)) take(*report);
@@ -181,6 +188,11 @@ void quiesce::take(const FreezerReport& report) {
     case FreezerReport::kHook:
       runs_.push_back(report.hook());
       break;
+    case FreezerReport::kFileSystem: {
+      const auto& one = file_systems_.emplace_back(report.file_system());
+      agent_log().debug("{} was frozen within {} ms", printable(one.mount_point()), one.ms());
+      break;
+    }
     case FreezerReport::kBegun:
       begun_ = true;
       begun_at_ = clock::now();
@@ -207,7 +219,7 @@ void quiesce::take(const FreezerReport& report) {
       thawing_ = thawed_ = true;
       frozen_for_ = milliseconds(report.thawed().frozen_ms());
       reason_ = report.thawed().reason();
-      disturbed_ = report.thawed().disturbed();
+      thawed_by_other_ = report.thawed().thawed_by_other();
       hold_.reset();
       no_core_dump_.reset();
       on_thawed_.notify_all();

@@ -15,11 +15,12 @@
 #include "freezer.pb.h"
 #include "plugin_agent/agent_log.h"
 #include "plugin_agent/freezer_process.h"
-#include "plugin_freezer/survival.h"
+#include "plugin_freezer/process_settings.h"
 
 namespace vexo::tools {
 
 using hook_run = FreezerReport::HookRun;
+using file_system_freeze = FreezerReport::FileSystemFreeze;
 
 // Why the host was not at rest, or did not stay so, as a phrase for a person.
 class quiesce_error : public std::runtime_error {
@@ -76,6 +77,8 @@ class quiesce {
   // Of that, until everything was frozen; 0 when it never was.
   std::chrono::milliseconds freeze_took();
   std::vector<hook_run> runs();
+  // Of each file system that was frozen.
+  std::vector<file_system_freeze> file_systems();
   // The names of the others that have been members.
   std::vector<std::string> others(const std::string& who);
 
@@ -109,11 +112,12 @@ class quiesce {
   clock::time_point frozen_at_;
   clock::time_point deadline_ = clock::time_point::max();
   clock::time_point thawing_until_;
-  std::string reason_;      // why the host was not at rest until the last member left
-  bool was_asked_ = false;  // for the thaw, by the last member that left
-  std::string disturbed_;   // what somebody else has thawed
+  std::string reason_;           // why the host was not at rest until the last member left
+  bool was_asked_ = false;       // for the thaw, by the last member that left
+  std::string thawed_by_other_;  // what somebody else has thawed
   std::chrono::milliseconds frozen_for_{};
   std::vector<hook_run> runs_;
+  std::vector<file_system_freeze> file_systems_;
   std::optional<log_hold> hold_;
   std::optional<without_core_dump> no_core_dump_;
 

@@ -13,7 +13,7 @@
 #include "plugin_agent/played_appliance.h"
 #include "plugin_agent/status_socket.h"
 #include "plugin_agent/verbs.h"
-#include "plugin_freezer/turn.h"
+#include "plugin_freezer/run_directory.h"
 
 namespace vexo::tools {
 
@@ -35,7 +35,7 @@ void refuse_beside_a_snapshot(const std::string& run_dir) {
                           agent.status.handshakes(0).lun(),
                       next});
   }
-  if (const pid_t other = turn(run_dir).holder(); other != 0) {
+  if (const pid_t other = run_directory(run_dir).lock_holder(); other != 0) {
     throw tool_error({exit_code::failed, kTried,
                       "freezer " + std::to_string(other) + " has this host at rest", next});
   }
@@ -58,9 +58,15 @@ std::uint32_t ms_between(clock::time_point from, clock::time_point until) {
       std::max<milliseconds::rep>(std::chrono::round<milliseconds>(until - from).count(), 0));
 }
 
-RehearsalReport report_on(const HandshakeRecord& record, const played_appliance::moments& seen,
+RehearsalReport report_on(handshake& ended, const played_appliance::moments& seen,
                           clock::time_point begun, clock::time_point told_over) {
+  const HandshakeRecord record = ended.record().value();
   RehearsalReport report;
+  for (const auto& one : ended.file_systems()) {
+    auto& shown = *report.add_file_systems();
+    shown.set_mount_point(printable(one.mount_point()));
+    shown.set_ms(static_cast<std::uint32_t>(one.ms()));
+  }
   *report.mutable_record() = record;
   const auto& hooks = record.hooks();
   const bool all_succeeded = std::all_of(hooks.begin(), hooks.end(),
@@ -79,7 +85,12 @@ RehearsalReport report_on(const HandshakeRecord& record, const played_appliance:
 
 shown_text outcome(const RehearsalReport& report) {
   const auto& record = report.record();
-  auto text = "verdict: " + record.verdict();
+  std::string text;
+  if (report.file_systems_size() > 1) {
+    text +=
+        "file systems that do not lie on each other freeze at the same time: their times overlap\n";
+  }
+  text += "verdict: " + record.verdict();
   if (!record.reason().empty()) text += ": " + record.reason();
   text += ", at rest for " + std::to_string(record.frozen_ms()) + " ms\n";
   if (record.verdict() == "crash-consistent") {
@@ -100,10 +111,10 @@ shown_text as_table(const RehearsalReport& report) {
                 : hook.exit_code() != 0 ? "exit code " + std::to_string(hook.exit_code())
                                         : "done"});
     }
-    if (phase == "freeze" && report.record().freeze_ms() > 0 &&
-        !report.record().file_systems().empty()) {
-      rows.add({phase, joined(report.record().file_systems()),
-                std::to_string(report.file_systems_ms()), "done"});
+    if (phase == "freeze") {
+      for (const auto& one : report.file_systems()) {
+        rows.add({phase, one.mount_point(), std::to_string(one.ms()), "done"});
+      }
     }
     if (ms > 0) rows.add({phase, "all of it", std::to_string(ms), "-"});
   };
@@ -150,7 +161,7 @@ exit_code rehearse(const agent_options& options, interrupt& stop) {
   }
   if (interrupted) shake.stop_now();
   thread.join();
-  const auto report = report_on(shake.record().value(), daemon.seen(), begun, told_over);
+  const auto report = report_on(shake, daemon.seen(), begun, told_over);
   print(options.format == output_format::json ? to_json(report) + "\n" : as_table(report));
   if (interrupted) return exit_code::interrupted;
   return report.as_asked() ? exit_code::done : exit_code::refused;

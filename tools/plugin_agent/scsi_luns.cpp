@@ -1,6 +1,5 @@
 #include "plugin_agent/scsi_luns.h"
 
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
@@ -146,13 +145,7 @@ std::set<std::string> mount_points_on(const std::set<dev_t>& devices,
                                       const std::vector<mount_entry>& mounts) {
   std::set<std::string> found;
   for (const auto& mount : mounts) {
-    // One that may lie on several devices has a number of its own, and names one of them.
-    struct stat source = {};
-    const bool has_source = major(mount.device) == 0 && mount.source.starts_with("/dev/") &&
-                            stat(mount.source.c_str(), &source) == 0 && S_ISBLK(source.st_mode);
-    if (devices.contains(has_source ? source.st_rdev : mount.device)) {
-      found.insert(printable(mount.mount_point));
-    }
+    if (devices.contains(block_device_of(mount))) found.insert(printable(mount.mount_point));
   }
   return found;
 }

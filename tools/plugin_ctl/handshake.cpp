@@ -119,7 +119,7 @@ std::string next_after_refused_wait(const handshake& about, std::chrono::duratio
     return "no handshake for this LUN is under way: `plugin_ctl publish init-snapshot --p80 " +
            about.p80 + "` begins one";
   }
-  return "no host became quiet in time: see the log of its plugin";
+  return "no host was at rest in time: see the log of its plugin";
 }
 
 }  // namespace vexo::tools

@@ -11,8 +11,8 @@
 
 namespace vexo::tools {
 
-// What a local caller knows about the snapshot it drives, and the four commands made of it. The
-// source LUN's page-80h identifier is also the key of the daemon's task.
+// What a local caller knows about the snapshot that it takes of one LUN, and the four commands made
+// of it. The source LUN's page-80h identifier is also the key of the daemon's task.
 struct handshake {
   std::string p80;
   std::string p83;
@@ -41,7 +41,7 @@ struct handshake {
 // refusal.
 inline constexpr std::chrono::milliseconds kRefusalTime = std::chrono::seconds(1);
 
-// What to do after each command's no. `took` is how long the daemon needed for it.
+// What the user can do after the daemon's answer was no. `took`: until that answer.
 std::string next_after_refused_init(const handshake& about, std::chrono::duration<double> took);
 std::string next_after_refused_mirror_done(const handshake& about,
                                            std::chrono::duration<double> took);

@@ -15,6 +15,7 @@
 #include "common/command_fields.h"
 #include "common/errors.h"
 #include "common/output.h"
+#include "common/whole_file.h"
 #include "report.pb.h"
 
 namespace vexo::tools {
@@ -29,7 +30,7 @@ using google::protobuf::util::JsonStringToMessage;
                     "[{\"src_lun_p80\": \"...\"}, {\"src_lun_p80\": \"...\"}]"});
 }
 
-// What the JSON library says of a malformed text: the reason, and in a line of its own the place.
+// `complaint` is the JSON library's, of two lines: the reason, and the place in the text.
 std::string in_one_line(const std::string& complaint) {
   const auto end = std::min(complaint.find('\n'), complaint.size());
   const auto place = complaint.substr(end, complaint.find('\n', end + 1) - end);
@@ -60,8 +61,8 @@ handshake as_handshake(const GroupLun& message) {
   return lun;
 }
 
-// The same for all LUNs of a run.
-bool is_of_the_run(const std::string& name) {
+// Whether the variable has the same value for all LUNs of a run.
+bool is_same_for_all(const std::string& name) {
   return name == "VEXO_COMMAND" || name == "VEXO_CMD_SN" || name == "VEXO_QEL_SN";
 }
 
@@ -75,10 +76,11 @@ std::vector<std::string> environment_of(const handshake& lun) {
 }  // namespace
 
 lun_group read_lun_group(const std::string& file) {
-  std::ifstream input(file);
-  const std::string text((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
-  if (!input) {
-    throw tool_error({exit_code::failed, "--group " + file, std::generic_category().message(errno),
+  std::string text;
+  try {
+    text = read_file(file);
+  } catch (const std::system_error& error) {
+    throw tool_error({exit_code::failed, "--group " + file, error.code().message(),
                       "name a file that can be read"});
   }
   if (text.find_first_not_of(" \t\r\n") != text.find('[')) refuse_file(file, "it is no JSON array");
@@ -113,7 +115,7 @@ std::vector<std::string> group_environment(const lun_group& luns) {
   for (std::size_t i = 0; i < variables.size(); ++i) {
     const auto equals = variables[i].find('=');
     const std::string name = variables[i].substr(0, equals);
-    if (is_of_the_run(name)) continue;
+    if (is_same_for_all(name)) continue;
     std::string values;
     for (const auto& own : of_each) {
       const std::string value = own[i].substr(equals + 1);

@@ -12,16 +12,17 @@ namespace vexo::tools {
 using lun_group = std::vector<handshake>;
 
 // Reads a JSON array of GroupLun. Throws tool_error, with FILE, place and reason, when FILE cannot
-// be read, is no such array, or names a LUN twice, without its page-80h identifier, or none at all.
+// be read or is not such an array, when it names no LUN or one twice, and when a LUN has no
+// page-80h identifier.
 lun_group read_lun_group(const std::string& file);
 
-// What a command run for the whole group gets to know: for one LUN the variables of
-// command_environment() and of the destination; for several the same with the LUNs' values in the
+// The environment variables for a command that is run for the whole group: those of
+// command_environment() and of the destination. For several LUNs each has the LUNs' values in the
 // group's order, separated by spaces, "-" for one that is not known.
 std::vector<std::string> group_environment(const lun_group& luns);
 
-// The group as a file of JSON, as read_lun_group() takes it, for VEXO_GROUP. Removed with the
-// object.
+// The group as a JSON file that read_lun_group() can read, for VEXO_GROUP. The destructor removes
+// the file.
 class group_file {
  public:
   explicit group_file(const lun_group& luns);  // throws std::system_error

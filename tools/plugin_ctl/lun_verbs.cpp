@@ -65,8 +65,9 @@ constexpr lun_verb kVerbs[] = {
      true, "is_mirror_done_req", about<&LunCmd::mutable_is_mirror_done_req>,
      "the mirror is still running (ask again), or there is no handshake or no such LUN: the "
      "daemon's lines in the system log say which"},
-    {"depart", "Reports, as a host plugin does, that the host is quiet and the mirror may be split",
-     false, "depart_relation_req", about<&LunCmd::mutable_depart_relation_req>, kNoTask},
+    {"depart",
+     "Reports, as a host plugin does, that the host is at rest and the mirror may be split", false,
+     "depart_relation_req", about<&LunCmd::mutable_depart_relation_req>, kNoTask},
 };
 
 void add_lun_verb(CLI::App& lun, session& with, const lun_verb& row) {
@@ -105,7 +106,7 @@ void add_naa(CLI::App& lun, session& with) {
   const auto uuid = std::make_shared<std::string>();
   CLI::App* const verb =
       add_verb(lun, with, "naa",
-               "Prints the page-83h identifier that the daemon compares with; calls nobody",
+               "Prints the page-83h identifier that the daemon compares with; makes no call",
                std::string("plugin_ctl lun naa ") + kUuid, [&with, uuid] {
                  LunNaa result;
                  result.set_uuid(*uuid);

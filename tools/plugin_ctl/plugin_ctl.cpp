@@ -9,6 +9,7 @@
 
 #include "common/help_text.h"
 #include "common/number_option.h"
+#include "common/standard_fds.h"
 #include "session.h"
 #include "verbs.h"
 
@@ -17,9 +18,8 @@ namespace vexo::tools {
 namespace {
 
 constexpr char kDescription[] =
-    "Asks and drives a SCSI plugin server: who is subscribed, what it says of a LUN, and the "
-    "whole\n"
-    "local side of a snapshot.";
+    "Shows which hosts are subscribed to a SCSI plugin server and whether it supports a LUN, and\n"
+    "takes snapshots as a local caller does.";
 
 constexpr char kExitCodes[] =
     "Exit codes: 0 done, 1 the daemon answered no, 2 usage, 3 unreachable or deadline passed,\n"
@@ -64,15 +64,15 @@ void add_global_options(CLI::App& app, session& with) {
   app.set_version_flag("--version", "plugin_ctl " VEXO_TOOLS_VERSION);
 }
 
-// The program and the verbs that were understood: "plugin_ctl lun support".
+// The program and the verbs that the parser found: "plugin_ctl lun support".
 std::string understood(const CLI::App& app) {
   std::string text = app.get_name();
   for (const CLI::App* verb : app.get_subcommands()) text += " " + understood(*verb);
   return text;
 }
 
-// What is wrong with the command line. The parser complains of a missing verb first, also when the
-// user's mistake is a word that it could not place.
+// What is wrong with the command line. The parser complains of a missing verb even when the mistake
+// is a word that it does not know.
 std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
   const auto not_understood = app.remaining(true);
   if (not_understood.empty()) return error.what();
@@ -88,6 +88,10 @@ bool is_about_global_option(const CLI::App& app, const std::string& complaint) {
 }
 
 int run(int argc, char** argv) {
+  open_closed_standard_fds();
+  // The status of a command can be read only if this signal is not ignored, as it is when the
+  // caller ignores it.
+  std::signal(SIGCHLD, SIG_DFL);
   // A write to a closed pipe is an error of print() instead of the program's end: a verb may have
   // to clean up before the program ends.
   std::signal(SIGPIPE, SIG_IGN);

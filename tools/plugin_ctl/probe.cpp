@@ -60,7 +60,7 @@ exit_code probe(session& with, const probe_options& options) {
   for (const endpoint& where : chosen_endpoints(with, options)) {
     const auto result = probe_endpoint(with, where);
     if (result.interrupted) {
-      throw tool_error(with.interrupted("probe", "nothing is left behind: call it again"));
+      throw tool_error(with.interrupted("probe"));
     }
     ProbedEndpoint& probed = *report.add_endpoints();
     probed.set_endpoint(where.text);

@@ -33,9 +33,9 @@ exit_code list(session& with) {
 exit_code unsubscribe(session& with, const std::string& plugin_id) {
   PluginClient request;
   request.set_plugin_id(plugin_id);
-  const Empty answer =
-      with.ask<PluginClient, Empty>("UnSubscribe of " + plugin_id, &service_stub::UnSubscribe,
-                                    request, with.limits(), "repeat it: twice does no harm");
+  const Empty answer = with.ask<PluginClient, Empty>(
+      "UnSubscribe of " + plugin_id, &service_stub::UnSubscribe, request, with.limits(),
+      "repeat it: unsubscribing twice does no harm");
   return print_verdict(with, "UnSubscribe", plugin_id, answer, true, "");
 }
 
@@ -50,7 +50,7 @@ void add_registry_verbs(CLI::App& app, session& with) {
   CLI::App* const remove =
       add_verb(app, with, "unsubscribe",
                "Ends a plugin's subscription, also one whose host has vanished.\n"
-               "The daemon says yes to an id it does not know too",
+               "The daemon answers yes for an unknown id too",
                "plugin_ctl unsubscribe host-17",
                [&with, plugin_id] { return unsubscribe(with, *plugin_id); });
   add_text(*remove, "PLUGIN_ID", *plugin_id, "The id, as `plugin_ctl list` shows it")->required();

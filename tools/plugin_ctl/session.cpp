@@ -23,6 +23,30 @@ service_stub& session::stub() {
   return *stub_;
 }
 
+void session::connect(const std::string& what) {
+  using google::protobuf::Empty;
+  using scsiplugin::PluginClientList;
+  using std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kSlice{50};
+  const auto deadline = steady_clock::now() + limits().timeout;
+  while (steady_clock::now() < deadline && !stop.requested()) {
+    const auto state = channel().GetState(true);
+    if (state == GRPC_CHANNEL_READY) return;
+    if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
+      // The channel does not tell why it failed, but a call on it ends at once with the reason.
+      const auto list =
+          call<Empty, PluginClientList>(stub(), &service_stub::PluginConnList, Empty(), stop);
+      if (!list.answered()) throw tool_error(no_answer(what, list.status));
+    }
+    channel().WaitForStateChange(state, std::chrono::system_clock::now() + kSlice);
+  }
+  if (stop.requested()) {
+    throw tool_error(interrupted(what));
+  }
+  throw tool_error(
+      no_answer(what, grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time")));
+}
+
 problem session::no_answer(const std::string& what, const grpc::Status& status) const {
   problem why = call_problem(what, where, status);
   if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {

@@ -16,6 +16,9 @@
 
 namespace vexo::tools {
 
+// What to do after a signal ended a call that changes nothing in the daemon.
+inline constexpr char kNothingLeftBehind[] = "nothing is left behind: call it again";
+
 // What one run of plugin_ctl works with: what its global options say, the daemon they name, and
 // the signals that end it.
 class session {
@@ -28,6 +31,9 @@ class session {
   // The daemon named by --target. Connects with the first call.
   grpc::Channel& channel();
   service_stub& stub();
+  // Waits for a connection as long as a call may take. `what` names the call that needs it in error
+  // messages. Throws tool_error when there is none.
+  void connect(const std::string& what);
 
   // One call. `what` names it in error messages. Throws tool_error when there is no answer; after a
   // signal its text ends with `if_interrupted`, what the user has to do next.
@@ -36,7 +42,7 @@ class session {
                grpc::Status (service_stub::*method)(grpc::ClientContext*, const Request&,
                                                     Response*),
                const Request& request, const call_options& options,
-               const std::string& if_interrupted = "nothing is left behind: call it again") {
+               const std::string& if_interrupted = kNothingLeftBehind) {
     auto result = call(stub(), method, request, stop, options);
     if (result.answered()) return std::move(result.response);
     if (result.interrupted) throw tool_error(interrupted(what, if_interrupted));
@@ -49,7 +55,7 @@ class session {
   // last_pushed_host() of the daemon at `where`; empty when that is not on this machine.
   std::string last_pushed_host() const;
   // Why a signal ended `what`.
-  problem interrupted(const std::string& what, const std::string& next) const;
+  problem interrupted(const std::string& what, const std::string& next = kNothingLeftBehind) const;
 
   interrupt& stop;
   endpoint where = parse_endpoint(kUnixEndpoint);

@@ -33,8 +33,8 @@ class shell_process {
     return first;
   }
 
-  // Ends the whole group: asks, then kills. False when some of it is still there, which takes a
-  // process that this user may not signal.
+  // Ends the whole group, by SIGTERM and then SIGKILL. False when a process of it is still there,
+  // for example one that this user may not signal.
   bool end(interrupt& stop) {
     const int seen = stop.count();
     kill(-leader_, SIGTERM);
@@ -59,7 +59,7 @@ class shell_process {
     return false;
   }
 
-  // The shell, and those of the group whose parent has ended before them.
+  // Reaps the shell, and those of the group whose parent ended before them.
   void reap() {
     int status = 0;
     pid_t ended = 0;

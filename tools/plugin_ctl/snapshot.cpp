@@ -14,10 +14,8 @@ namespace vexo::tools {
 
 namespace {
 
-using google::protobuf::Empty;
 using scsiplugin::LunCmd;
 using scsiplugin::LunCmdResp;
-using scsiplugin::PluginClientList;
 using scsiplugin::PluginCmd;
 using scsiplugin::PluginCmdResp;
 using std::chrono::milliseconds;
@@ -27,7 +25,7 @@ constexpr char kDepartDone[] = "depart_done";
 constexpr char kNo[] = "the daemon's answer is no (success: false)";
 constexpr char kSyslogName[] = "scsi-plugin-snapshot";
 
-// A departure that stands is confirmed at once. Also for the list of hosts, while they are at rest.
+// A departure that stands is confirmed at once.
 constexpr milliseconds kConfirmTime{2000};
 
 bool is_yes(const outcome<PluginCmdResp>& result) {
@@ -37,15 +35,13 @@ bool is_yes(const outcome<PluginCmdResp>& result) {
 // A wait that is longer than this is explained.
 constexpr milliseconds kLongWait{5000};
 
-bool contains(const PluginClientList& all, const std::string& id) {
-  return std::any_of(all.list().begin(), all.list().end(),
-                     [&](const auto& host) { return host.plugin_id() == id; });
-}
-
 }  // namespace
 
 snapshot::snapshot(session& with, snapshot_options options)
-    : with_(with), options_(std::move(options)), report_(with.format, options_.luns.size() > 1) {
+    : with_(with),
+      options_(std::move(options)),
+      report_(with.format, options_.luns.size() > 1),
+      hosts_(with, options_.hosts) {
   for (const auto& lun : options_.luns) members_.push_back({lun});
 }
 
@@ -70,15 +66,14 @@ void snapshot::step(const std::string& name, std::size_t lines,
     if (lines == members_.size()) steps[i].set_task_id(members_[i].lun.p80);
     steps[i].set_outcome(SnapshotStep::DONE);
   }
-  const bool puts_in_order = name == kDepartDone;
+  const bool is_cleanup = name == kDepartDone;
   const auto start = clock::now();
   try {
-    if (failure_ && !puts_in_order) {
+    if (failure_ && !is_cleanup) {
       for (auto& it : steps) it.set_outcome(SnapshotStep::NOT_RUN);
-    } else if (with_.stop.requested() && !puts_in_order) {
+    } else if (with_.stop.requested() && !is_cleanup) {
       for (auto& it : steps) {
-        fail(it, SnapshotStep::INTERRUPTED, "a signal came before it",
-             with_.interrupted(name, "nothing is left behind: call it again"));
+        fail(it, SnapshotStep::INTERRUPTED, "a signal came before it", with_.interrupted(name));
       }
     } else {
       body(steps);
@@ -102,15 +97,15 @@ void snapshot::step(const std::string& name, std::size_t lines,
   }
 }
 
-void snapshot::call_step(const std::string& name, const std::function<ask()>& prepare) {
+void snapshot::call_step(const std::string& name, const std::function<lun_calls()>& prepare) {
   step(name, members_.size(), [&](std::vector<SnapshotStep>& steps) {
-    const ask asked = prepare();
+    const lun_calls calls = prepare();
     std::vector<PluginCmd> commands;
     std::vector<std::size_t> places;
     for (std::size_t i = 0; i < members_.size(); ++i) {
-      if (asked.concerns(members_[i])) {
+      if (calls.concerns(members_[i])) {
         places.push_back(i);
-        commands.push_back(asked.command(members_[i]));
+        commands.push_back(calls.command(members_[i]));
       } else if (name == kDepartDone) {
         steps[i].set_outcome(SnapshotStep::NOT_RUN);
       } else {
@@ -120,10 +115,10 @@ void snapshot::call_step(const std::string& name, const std::function<ask()>& pr
     }
     const auto results =
         call_all<PluginCmd, PluginCmdResp>(with_.stub(), &service_stub::Publish, commands,
-                                           with_.stop, asked.options, asked.is_failure);
+                                           with_.stop, calls.options, calls.is_failure);
     for (std::size_t i = 0; i < places.size(); ++i) {
       steps[places[i]].set_seconds(results[i].took.count());
-      asked.judge(steps[places[i]], members_[places[i]], results[i]);
+      calls.judge(steps[places[i]], members_[places[i]], results[i]);
     }
   });
 }
@@ -148,52 +143,60 @@ void snapshot::fail(SnapshotStep& step, SnapshotStep::Outcome outcome, const std
 // So depart_done never follows a no. For the last conclusion a refusal must have had the time to
 // arrive: neither a signal nor a short --timeout nor another LUN's failure ends the call within
 // kRefusalTime, which begins when there is a connection.
-snapshot::ask snapshot::init_snapshot() {
-  connect();
-  hosts_ = list_hosts(with_.limits().timeout);
-  require_hosts(hosts_);
+snapshot::lun_calls snapshot::init_snapshot() {
+  with_.connect("Publish init_snapshot_req");
+  hosts_.look_before_announcement();
   require_luns();
-  ask asked;
-  asked.command = [](const member& of) { return of.lun.init_snapshot(); };
-  asked.options = host_wait("init_snapshot");
-  asked.options.timeout = std::max(asked.options.timeout, kRefusalTime);
-  asked.options.undisturbed = kRefusalTime;
-  asked.judge = [this](auto& step, auto& of, const auto& result) { judge_init(step, of, result); };
-  asked.is_failure = [this](const answer& result) {
+  lun_calls calls;
+  calls.command = [](const member& of) { return of.lun.init_snapshot(); };
+  calls.options = host_wait("init_snapshot");
+  calls.options.timeout = std::max(calls.options.timeout, kRefusalTime);
+  calls.options.undisturbed = kRefusalTime;
+  calls.judge = [this](auto& step, auto& of, const auto& result) { judge_init(step, of, result); };
+  calls.is_failure = [this](const answer& result) {
     return !is_yes(result) && !(result.answered() && options_.goes_on_without_host);
   };
-  return asked;
+  return calls;
 }
 
 void snapshot::judge_init(SnapshotStep& step, member& of, const answer& result) {
-  of.owes_depart = !result.answered() || result.response.success();
-  const bool nobody_listed = hosts_ && hosts_->list().empty();
+  of.must_end_task = !result.answered() || result.response.success();
   const bool nobody_answered = result.answered() && result.took > kRefusalTime;
   if (options_.goes_on_without_host && result.answered() && !result.response.success() &&
-      (nobody_listed || nobody_answered)) {
+      (hosts_.nobody_was_listed() || nobody_answered)) {
     of.has_host = false;
     step.set_outcome(SnapshotStep::SKIPPED);
     step.set_reason(nobody_answered ? "no host answered" : "no host is subscribed");
     return;
   }
   judge(step, result, next_after_refused_init(of.lun, result.took));
-  if (!result.answered() && failure_) {
-    // The daemon's handler cannot be cancelled. It waits on after depart_done has removed the task,
-    // and at the end of its 60 s it removes any task that the LUN has then.
-    const auto left = std::chrono::ceil<std::chrono::seconds>(kHostWait - result.took).count();
-    const std::string later = "begin the next snapshot of this LUN in " +
-                              std::to_string(std::max<decltype(left)>(left, 1)) +
-                              " s, when the daemon has given this one up";
-    std::string& next = failure_->why.next;
-    next = result.interrupted ? later : next + "; " + later;
-  }
+  if (!result.answered()) of.init_given_up_after = result.took;
 }
 
-snapshot::ask snapshot::mirror_done() {
-  ask asked;
-  asked.command = [](const member& of) { return of.lun.mirror_done(); };
-  asked.options = with_.limits();
-  asked.judge = [this](SnapshotStep& step, member&, const answer& result) {
+// The daemon's handler of an init_snapshot that was given up cannot be cancelled. It waits on after
+// depart_done has removed the task, and at the end of its 60 s it removes any task that the LUN has
+// then.
+void snapshot::advise_when_to_repeat() {
+  std::string luns;
+  seconds_t left(1);
+  for (const member& each : members_) {
+    if (!each.init_given_up_after) continue;
+    luns += (luns.empty() ? "" : ", ") + each.lun.p80;
+    left = std::max<seconds_t>(left, kHostWait - *each.init_given_up_after);
+  }
+  if (luns.empty()) return;
+  const std::string later = "begin the next snapshot of " + luns + " in " +
+                            std::to_string(std::chrono::ceil<std::chrono::seconds>(left).count()) +
+                            " s, when the daemon has given this one up";
+  std::string& next = failure_->why.next;
+  next = failure_->why.code == exit_code::interrupted ? later : next + "; " + later;
+}
+
+snapshot::lun_calls snapshot::mirror_done() {
+  lun_calls calls;
+  calls.command = [](const member& of) { return of.lun.mirror_done(); };
+  calls.options = with_.limits();
+  calls.judge = [this](SnapshotStep& step, member&, const answer& result) {
     if (result.answered() && !result.response.success()) {
       // For a LUN that needs no mirror, the host's is_mirror_done has moved the handshake on
       // already. If somebody has ended the handshake instead, the next step says so.
@@ -203,40 +206,39 @@ snapshot::ask snapshot::mirror_done() {
       judge(step, result, "");
     }
   };
-  return asked;
+  return calls;
 }
 
-snapshot::ask snapshot::wait_for_depart() {
-  ask asked;
-  asked.command = [](const member& of) { return of.lun.wait_for_depart(); };
-  asked.options = host_wait("wait_for_depart");
-  asked.judge = [this](auto& step, auto& of, const auto& result) { judge_wait(step, of, result); };
-  asked.is_failure = [](const answer& result) { return !is_yes(result); };
-  return asked;
+snapshot::lun_calls snapshot::wait_for_depart() {
+  lun_calls calls;
+  calls.command = [](const member& of) { return of.lun.wait_for_depart(); };
+  calls.options = host_wait("wait_for_depart");
+  calls.judge = [this](auto& step, auto& of, const auto& result) { judge_wait(step, of, result); };
+  calls.is_failure = [](const answer& result) { return !is_yes(result); };
+  return calls;
 }
 
 void snapshot::judge_wait(SnapshotStep& step, member& of, const answer& result) {
-  if (judge(step, result, "") || !result.answered()) return;
   // A no at once means that there is no such task; a later one, that its host did not depart.
   const bool is_gone = result.took <= kRefusalTime;
-  of.owes_depart = !is_gone;
-  failure_->why.next =
-      is_gone ? "somebody else ended this handshake meanwhile, or the daemon was restarted: its "
-                "lines in the system log say which"
-              : next_after_refused_wait(of.lun, result.took);
+  if (result.answered() && !result.response.success()) of.must_end_task = !is_gone;
+  judge(step, result,
+        is_gone ? "somebody else ended this handshake meanwhile, or the daemon was restarted: its "
+                  "lines in the system log say which"
+                : next_after_refused_wait(of.lun, result.took));
 }
 
-// A departure that still stands after the split was standing all the while: a host whose rest ends
-// too early takes it back before it thaws.
-snapshot::ask snapshot::confirm() {
+// A departure that still stands after the split has stood throughout: a host whose rest ends too
+// early takes it back before it thaws. The daemon then waits for the next departure, until the
+// deadline of this call.
+snapshot::lun_calls snapshot::confirm() {
   at_rest_ = clock::now() - all_at_rest_;
-  ask asked;
-  asked.command = [](const member& of) { return of.lun.wait_for_depart(); };
-  asked.options.timeout = kConfirmTime;
-  asked.judge = [this](SnapshotStep& step, member&, const answer& result) {
-    if (is_yes(result)) return;
-    if (result.interrupted) {
-      judge(step, result, "");
+  lun_calls calls;
+  calls.command = [](const member& of) { return of.lun.wait_for_depart(); };
+  calls.options.timeout = kConfirmTime;
+  calls.judge = [this](SnapshotStep& step, member& of, const answer& result) {
+    if (result.status.error_code() != grpc::StatusCode::DEADLINE_EXCEEDED) {
+      judge_wait(step, of, result);
       return;
     }
     const std::string reason = "the host did not stay at rest until the split was over";
@@ -244,31 +246,32 @@ snapshot::ask snapshot::confirm() {
          {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
           "do not use the copy; the host's own record says why its rest ended"});
   };
-  return asked;
+  return calls;
 }
 
-snapshot::ask snapshot::depart_done() {
-  if (!failure_ && !options_.hosts.empty()) {
+snapshot::lun_calls snapshot::depart_done() {
+  if (failure_) advise_when_to_repeat();
+  if (!failure_) {
     try {
-      require_hosts(list_hosts(kConfirmTime));
+      hosts_.require_all_still_listed();
     } catch (const tool_error& error) {
       failure_ = failure{"confirm", "", error.why};
       copy_is_good_ = false;
     }
   }
   const std::int32_t result = failure_ ? failed_result_ : 0;
-  ask asked;
-  asked.concerns = [](const member& of) { return of.owes_depart; };
-  asked.command = [result](const member& of) {
+  lun_calls calls;
+  calls.concerns = [](const member& of) { return of.must_end_task; };
+  calls.command = [result](const member& of) {
     handshake lun = of.lun;
     lun.result = result;
     return lun.depart_done();
   };
-  asked.options = with_.limits();
+  calls.options = with_.limits();
   // A second Ctrl-C does not leave the task behind, nor does a connection that comes back in time.
-  asked.options.undisturbed = asked.options.timeout;
-  asked.options.wait_for_ready = true;
-  asked.judge = [this, result](SnapshotStep& step, member& of, const answer& got) {
+  calls.options.undisturbed = calls.options.timeout;
+  calls.options.wait_for_ready = true;
+  calls.judge = [this, result](SnapshotStep& step, member& of, const answer& got) {
     step.set_result(result);
     const bool first_failure = !failure_.has_value();
     if (judge(step, got, "read the daemon's lines in the system log")) return;
@@ -279,7 +282,7 @@ snapshot::ask snapshot::depart_done() {
     std::string& next = failure_->why.next;
     next = first_failure ? leftover : next + "; " + leftover;
   };
-  return asked;
+  return calls;
 }
 
 void snapshot::command_step(const std::string& name, const std::string& command,
@@ -316,46 +319,6 @@ void snapshot::command_step(const std::string& name, const std::string& command,
   });
 }
 
-void snapshot::connect() {
-  constexpr milliseconds kSlice{50};
-  const std::string tried = "Publish init_snapshot_req";
-  const auto deadline = clock::now() + with_.limits().timeout;
-  while (clock::now() < deadline && !with_.stop.requested()) {
-    const auto state = with_.channel().GetState(true);
-    if (state == GRPC_CHANNEL_READY) return;
-    if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-      // The channel does not tell why it failed, but a call on it ends at once with the reason.
-      const auto list = call<Empty, PluginClientList>(with_.stub(), &service_stub::PluginConnList,
-                                                      Empty(), with_.stop);
-      if (!list.answered()) throw tool_error(with_.no_answer(tried, list.status));
-    }
-    with_.channel().WaitForStateChange(state, std::chrono::system_clock::now() + kSlice);
-  }
-  if (with_.stop.requested()) {
-    throw tool_error(with_.interrupted(tried, "nothing is left behind: call it again"));
-  }
-  throw tool_error(with_.no_answer(
-      tried, grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no connection in time")));
-}
-
-std::optional<PluginClientList> snapshot::list_hosts(milliseconds timeout) {
-  call_options options = with_.limits();
-  options.timeout = std::min(options.timeout, timeout);
-  const auto list = call<Empty, PluginClientList>(with_.stub(), &service_stub::PluginConnList,
-                                                  Empty(), with_.stop, options);
-  if (!list.answered()) return std::nullopt;
-  return list.response;
-}
-
-void snapshot::require_hosts(const std::optional<PluginClientList>& listed) {
-  for (const auto& host : options_.hosts) {
-    if (listed && contains(*listed, host)) continue;
-    throw tool_error({exit_code::refused, "PluginConnList at " + with_.where.text,
-                      listed ? "the host " + host + " is not listed" : "no list in time",
-                      "see `plugin_ctl list` and the log of that host's plugin"});
-  }
-}
-
 // Without an answer, as while the configuration takes long to load, the announcement decides.
 void snapshot::require_luns() {
   std::vector<LunCmd> questions;
@@ -364,8 +327,7 @@ void snapshot::require_luns() {
                                                     with_.stop, with_.limits());
   for (std::size_t i = 0; i < answers.size(); ++i) {
     if (answers[i].interrupted) {
-      throw tool_error(
-          with_.interrupted("LunOp is_lun_support_req", "nothing is left behind: call it again"));
+      throw tool_error(with_.interrupted("LunOp is_lun_support_req"));
     }
     if (!answers[i].answered() || answers[i].response.success()) continue;
     const std::string& lun = members_[i].lun.p80;
@@ -381,19 +343,9 @@ void snapshot::require_luns() {
   }
 }
 
-void snapshot::say_who_is_waited_for(const std::string& step) {
+void snapshot::explain_wait(const std::string& step) {
   explained_ = step;
-  std::string text = step + " takes long; listed at the announcement: ";
-  if (!hosts_) {
-    text += "not known";
-  } else if (hosts_->list().empty()) {
-    text += "nobody";
-  } else {
-    const char* separator = "";
-    for (const auto& host : hosts_->list()) {
-      text += std::exchange(separator, ", ") + host.plugin_id() + " (" + host.ip() + ")";
-    }
-  }
+  std::string text = step + " takes long; listed at the announcement: " + hosts_.listed_text();
   const std::string last = with_.last_pushed_host();
   if (!last.empty()) text += "; last pushed to: " + last;
   report_.explain(printable(text));
@@ -403,7 +355,7 @@ call_options snapshot::host_wait(const std::string& step) {
   call_options options = with_.limits(kHostWaitTimeout);
   const milliseconds limit = std::min(options.timeout, kHostWait);
   options.on_tick = [this, step, limit](milliseconds elapsed) {
-    if (elapsed >= kLongWait && explained_ != step) say_who_is_waited_for(step);
+    if (elapsed >= kLongWait && explained_ != step) explain_wait(step);
     report_.waiting(step, elapsed, limit);
   };
   return options;
@@ -429,38 +381,32 @@ bool snapshot::judge(SnapshotStep& step, const answer& result, const std::string
 }
 
 SnapshotVerdict snapshot::verdict() {
-  SnapshotVerdict told;
+  SnapshotVerdict result;
   for (const auto& one : members_) {
-    told.add_luns(one.lun.p80);
-    if (!one.has_host) told.add_luns_without_host(one.lun.p80);
+    result.add_luns(one.lun.p80);
+    if (!one.has_host) result.add_luns_without_host(one.lun.p80);
   }
-  const bool any_host = told.luns_without_host_size() < told.luns_size();
+  const bool any_host = result.luns_without_host_size() < result.luns_size();
   if (!copy_is_good_) {
-    told.set_verdict("failed");
-    told.set_reason(failure_->step + ": " + failure_->why.came_back);
+    result.set_verdict("failed");
+    result.set_reason(failure_->step + ": " + failure_->why.came_back);
   } else {
-    told.set_verdict(told.luns_without_host().empty() ? "consistent" : "crash-consistent");
-    if (failure_) told.set_reason("not ended in good order: " + failure_->why.came_back);
-    if (any_host) told.set_at_rest_seconds(at_rest_.count());
+    result.set_verdict(result.luns_without_host().empty() ? "consistent" : "crash-consistent");
+    if (failure_) result.set_reason("not ended in good order: " + failure_->why.came_back);
+    if (any_host) result.set_at_rest_seconds(at_rest_.count());
   }
-  if (hosts_) {
-    const auto now = hosts_->list().empty() ? std::nullopt : list_hosts(kConfirmTime);
-    for (const auto& host : hosts_->list()) {
-      told.add_hosts(host.plugin_id());
-      if (now && !contains(*now, host.plugin_id())) told.add_lost_hosts(host.plugin_id());
-    }
-  }
-  told.set_seconds(seconds_t(clock::now() - start_).count());
-  return told;
+  hosts_.report(result);
+  result.set_seconds(seconds_t(clock::now() - start_).count());
+  return result;
 }
 
 exit_code snapshot::end() {
-  const SnapshotVerdict told = verdict();
-  report_.verdict(told);
+  const SnapshotVerdict result = verdict();
+  report_.verdict(result);
   openlog(kSyslogName, 0, LOG_DAEMON);
-  syslog(copy_is_good_ ? LOG_NOTICE : LOG_ERR, "%s", to_json(told).c_str());
+  syslog(copy_is_good_ ? LOG_NOTICE : LOG_ERR, "%s", to_json(result).c_str());
   closelog();
-  for (const auto& host : told.lost_hosts()) {
+  for (const auto& host : result.lost_hosts()) {
     say("warning: the host " + printable(host) +
         " was listed at the announcement and is not any more: if it uses one of these LUNs, do not "
         "rely on the copy (--host makes that a failure)");

@@ -16,7 +16,7 @@ namespace vexo::tools {
 // verdict; on a terminal also how long a wait has taken and may still take.
 class snapshot_report {
  public:
-  // `of_several`: the lines say which LUN they are about.
+  // With `of_several` each line names the LUN that it is about.
   snapshot_report(output_format format, bool of_several)
       : format_(format), of_several_(of_several) {}
 

@@ -12,7 +12,7 @@ namespace {
 struct command_line {
   std::vector<std::string> p80;
   std::string group;
-  handshake common;  // what the other options say of the one LUN, or of all
+  handshake common;  // from the other options: for the one LUN, or for all
   double max_split = 15;
   std::string no_host = "fail";
   snapshot_options options;
@@ -25,8 +25,8 @@ struct command_line {
 // The LUNs as the command line and the file name them.
 lun_group luns_of(const command_line& given) {
   if (given.group.empty() == given.p80.empty()) {
-    refuse("the command line has " + std::string(given.group.empty() ? "neither" : "both") +
-               " --p80 and --group",
+    refuse(given.group.empty() ? "the command line has neither --p80 nor --group"
+                               : "the command line has both --p80 and --group",
            "name the LUNs with --p80, or with --group FILE");
   }
   const handshake& common = given.common;
@@ -64,7 +64,7 @@ void add_snapshot_verb(CLI::App& app, session& with) {
       "Takes a snapshot of one LUN, or of several at one moment, as the local caller does:\n"
       "announces it to the hosts, runs the mirror command, waits until the hosts are at rest, "
       "runs\n"
-      "the split command, has it confirmed that they were at rest until then, and ends the\n"
+      "the split command, asks the daemon whether they were at rest until then, and ends the\n"
       "handshake, also when something fails or Ctrl-C ends it. Exit code 0 means that the copy is\n"
       "good. The commands are run by /bin/sh with the LUNs' identifiers in VEXO_SRC_LUN_P80,\n"
       "VEXO_SRC_LUN_P83, VEXO_SRC_LUN_UUID, VEXO_DST_LUN_UUID, VEXO_DST_LUN_P80 and\n"

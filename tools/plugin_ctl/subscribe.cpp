@@ -31,7 +31,7 @@ std::string now_text() {
   return text.data();
 }
 
-// Columns of a table that is never complete.
+// One row. The width of the columns is fixed, because rows are printed as they come.
 shown_text command_row(const std::string& time, const std::string& name, const shown_text& fields) {
   constexpr std::size_t kLongestName = std::string_view("wait_for_depart_req").size();
   std::string row = time + "  " + name;
@@ -49,7 +49,7 @@ shown_text fields_text(const PluginCmd& command) {
   return text;
 }
 
-// One run of the verb: subscribes, prints, and never leaves the subscription behind.
+// One run of the verb: subscribes, prints, and unsubscribes however it ends.
 class subscriber {
  public:
   subscriber(session& with, PluginClient self) : with_(with), self_(std::move(self)) {}
@@ -194,7 +194,7 @@ void add_subscribe_verb(CLI::App& app, session& with) {
         return subscriber(with, *self).run();
       });
   add_text(*verb, "PLUGIN_ID", *self->mutable_plugin_id(), "The id to subscribe under")->required();
-  add_type_option(*verb, *type, "The kind of host to pass for");
+  add_type_option(*verb, *type, "The type of host to subscribe as");
 }
 
 }  // namespace vexo::tools

@@ -14,7 +14,7 @@
 
 #include "common/child_process.h"
 #include "common/poll_until.h"
-#include "plugin_freezer/survival.h"
+#include "plugin_freezer/process_settings.h"
 
 namespace vexo::tools {
 
@@ -35,7 +35,7 @@ pipe_ends make_pipe() {
 }
 
 unique_fd watch_children() {
-  std::signal(SIGCHLD, SIG_DFL);  // it may be ignored by whoever became this program
+  std::signal(SIGCHLD, SIG_DFL);  // the agent, which starts this program, ignores it
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGCHLD);
@@ -85,7 +85,7 @@ child& children::start(const std::vector<std::string>& arguments,
   auto& added = add(-1);
   try {
     auto pipe = make_pipe();
-    // Of this end only: the writer's may block, which is what programs expect.
+    // This end only: programs expect that a write to theirs blocks.
     fcntl(pipe.read.get(), F_SETFL, O_NONBLOCK);
     set_oom_score(hooks_oom_score_);
     added.pid = start_child({.arguments = arguments,
@@ -109,13 +109,16 @@ child& children::fork_call(const std::function<int()>& call,
   const pid_t pid = fork();
   if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
   if (pid == 0) {
-    close(STDIN_FILENO);  // the socket: the agent is to hear of the freezer's end at once
+    // The socket: the agent must notice at once that the freezer has ended, not that this child
+    // has.
+    close(STDIN_FILENO);
     gate.write.reset();
     char go = 0;
     _exit(read(gate.read.get(), &go, 1) == 1 ? call() : ECANCELED);
   }
   auto& added = add(pid);
   recorded(pid);
+  added.start = clock::now();
   if (write(gate.write.get(), "", 1) != 1)
     throw std::system_error(errno, std::generic_category(), "pipe");
   return added;
@@ -126,7 +129,7 @@ void children::wait(const std::vector<int>& others, clock::time_point until) {
   for (const int fd : others) watched.push_back({fd, POLLIN, 0});
   for (const auto& one : all_) {
     if (one.pipe) watched.push_back({one.pipe.get(), POLLIN, 0});
-    if (!one.ended() && !one.killed) until = std::min(until, one.deadline);
+    if (one.is_running()) until = std::min(until, one.deadline);
   }
   poll_until(watched, until);
   for (auto& one : all_) {
@@ -134,7 +137,7 @@ void children::wait(const std::vector<int>& others, clock::time_point until) {
   }
   reap();
   for (auto& one : all_) {
-    if (!one.ended() && !one.killed && clock::now() >= one.deadline) kill(one);
+    if (one.is_running() && clock::now() >= one.deadline) kill(one);
   }
 }
 
@@ -155,10 +158,10 @@ void children::reap() {
   }
 }
 
-// What has lost its parent among our programs, but for what is known already.
+// The processes that our programs have left behind when they ended, without those known already.
 std::vector<process> children::orphans(const std::vector<process>& running) {
   std::vector<process> known = left_behind_;
-  add_missing(known, watched_);
+  add_missing(known, killed_);
   for (const auto& one : all_) {
     if (one.ended()) continue;
     add_missing(known, descendants(running, one.pid));
@@ -175,42 +178,42 @@ void children::kill(child& which) {
   const auto running = running_processes();
   std::vector<process> killed = descendants(running, which.pid);
   killed.push_back(look_at(which.pid));
-  // Whose they are cannot be told while other programs run.
+  // While other programs run, an orphan may be one of theirs.
   const bool alone = std::none_of(all_.begin(), all_.end(), [&](const child& other) {
-    return other.pipe && !other.ended() && !other.killed;
+    return other.pipe && other.is_running();
   });
   if (alone) add_missing(killed, orphans(running));
-  watch(killed);
+  kill_others(killed);
 }
 
-void children::watch(const std::vector<process>& others) {
+void children::kill_others(const std::vector<process>& others) {
   std::vector<process> known = others;
-  // Not what had gone before it was looked at.
+  // A process that had ended before it was looked at has no start time.
   std::erase_if(known, [](const process& one) { return one.pid <= 1 || one.start == 0; });
-  add_missing(watched_, known);
+  add_missing(killed_, known);
   for (const auto& one : lingering()) ::kill(one.pid, SIGKILL);
 }
 
 std::vector<process> children::lingering() {
-  if (watched_.empty()) return {};  // a look at all processes takes milliseconds
+  if (killed_.empty()) return {};  // a look at all processes takes milliseconds
   const auto running = running_processes();
-  // It, or what it has started or that is in its group: never older than it is. A number is not
-  // given to another process while a group has it.
-  const auto belongs_to = [&](const process& one, const process& watched) {
-    if (watched.pid == one.pid) return watched.start == one.start;
-    return (watched.pid == one.group || watched.pid == one.parent) && one.start >= watched.start &&
+  // Whether `one` is the killed process, or was started by it or in its group, and so is not older.
+  // The kernel gives no process the id of a group that still exists.
+  const auto belongs_to = [&](const process& one, const process& killed) {
+    if (killed.pid == one.pid) return killed.start == one.start;
+    return (killed.pid == one.group || killed.pid == one.parent) && one.start >= killed.start &&
            std::none_of(running.begin(), running.end(), [&](const process& other) {
-             return other.pid == watched.pid && other.start != watched.start;
+             return other.pid == killed.pid && other.start != killed.start;
            });
   };
   std::vector<process> found;
   for (const auto& one : running) {
-    if (std::any_of(watched_.begin(), watched_.end(),
+    if (std::any_of(killed_.begin(), killed_.end(),
                     [&](const process& other) { return belongs_to(one, other); })) {
       found.push_back(one);
     }
   }
-  add_missing(watched_, found);
+  add_missing(killed_, found);
   return found;
 }
 

@@ -15,50 +15,56 @@
 
 namespace vexo::tools {
 
+// Whether this is the exit code of a child that a signal has ended. The child may have completed
+// the system call that it was in.
+inline bool is_signal(int exit_code) { return exit_code > 128; }
+
 struct child {
   using clock = std::chrono::steady_clock;
 
   pid_t pid = -1;
-  clock::time_point start;
-  clock::time_point deadline = clock::time_point::max();  // it is killed then
-  bool killed = false;
+  clock::time_point start;                                // of the program, or of the call
+  clock::time_point deadline = clock::time_point::max();  // then it is killed
+  bool killed = false;                                    // by this program; it may live on
   std::optional<int> exit_code;  // when it has ended: its own, or 128 and a signal's number
   clock::time_point end;
-  std::string output;  // the first of it
-  unique_fd pipe;      // the rest of it
+  std::string output;  // the first 16 KiB
+  unique_fd pipe;      // for its output; empty for a call
 
   bool ended() const { return exit_code.has_value(); }
+  bool is_running() const { return !ended() && !killed; }
   bool succeeded() const { return exit_code == 0 && !killed; }
 };
 
-// What the freezer has started: programs, whose output it reads, and copies of itself for calls
-// that may hang in the kernel. This process becomes the parent of whatever they leave behind.
+// The children of the freezer: programs, whose output it reads, and copies of itself for calls that
+// may hang in the kernel. This process becomes the parent of the processes that they leave behind.
 class children {
  public:
   using clock = child::clock;
 
   children();
 
-  // Starts a program, which is killed after `timeout` with all that it has started. Its output goes
-  // to a pipe that is read for as long as this process lives, so that neither it nor what it leaves
-  // behind is held up, or ended, by what it writes; afterwards the kernel ends those that still
-  // write with SIGPIPE. One that cannot be started has ended with 127. References stay good.
+  // Starts a program. After `timeout` it is killed with all processes that it has started. Its
+  // output goes to a pipe that is read for as long as this process lives, so that writing neither
+  // blocks nor ends the program or the processes that it leaves behind; when this process has
+  // ended, the kernel ends those that still write with SIGPIPE. A program that cannot be started
+  // has ended with 127. The reference stays valid.
   child& start(const std::vector<std::string>& arguments,
                const std::vector<std::string>& environment, clock::duration timeout);
 
-  // Has a forked child run `call`, whose result becomes its exit code, when `recorded` is through:
-  // that is called with the child's id, so that it can be written down before anything is done.
+  // Forks a child that runs `call`; the result becomes its exit code. Before that, `recorded` is
+  // called here with the child's id, so that it is on record before the child does anything.
   child& fork_call(const std::function<int()>& call, const std::function<void(pid_t)>& recorded);
 
-  // Reads output, takes note of those that have ended and kills those that are overdue. Blocks
-  // until something has happened, one of `others` is readable or `until`.
+  // Blocks until a child has ended, written or reached its deadline, one of `others` is readable,
+  // or `until`. Reads output, notes which have ended, and kills those past their deadline.
   void wait(const std::vector<int>& others, clock::time_point until);
 
-  // Kills it with all that it has started, which is watched from then on.
+  // Kills it with all processes that it has started, which lingering() looks at from then on.
   void kill(child& which);
-  // Watches these as well. They are not ours, and come with their process groups.
-  void watch(const std::vector<process>& others);
-  // Those that were killed and have not ended, and whatever they have started since.
+  // Kills these, with their process groups, as well: the children of an earlier freezer.
+  void kill_others(const std::vector<process>& others);
+  // The processes that were killed and have not ended, and those that they have started since.
   std::vector<process> lingering();
 
  private:
@@ -69,8 +75,8 @@ class children {
   const int hooks_oom_score_;
   unique_fd child_ended_;  // a signalfd for SIGCHLD
   std::list<child> all_;
-  std::vector<process> left_behind_;  // by programs that ended by themselves, which may go on
-  std::vector<process> watched_;
+  std::vector<process> left_behind_;  // by programs that ended by themselves; these may live on
+  std::vector<process> killed_;       // with the processes that they have started
 };
 
 }  // namespace vexo::tools

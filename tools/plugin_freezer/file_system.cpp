@@ -25,7 +25,7 @@ namespace {
 
 std::string errno_text() { return std::generic_category().message(errno); }
 
-// Blanks, among others, stand there as "\040".
+// The kernel writes blanks and some other characters as "\040".
 std::string unescaped(const std::string& text) {
   std::string plain;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -120,8 +120,8 @@ std::vector<file_system> open_file_systems(const std::vector<std::string>& mount
 }
 
 bool cannot_be_frozen(const std::string& type) {
-  // Those in memory, on the network or of other programs, the kernel's own views of itself, and the
-  // simplest of those on disks.
+  // File systems in memory, on the network or in user space, the kernel's own (such as proc), and
+  // those on disks that cannot be frozen.
   static const std::set<std::string> without = {
       "9p",    "autofs", "ceph",    "cgroup",  "cgroup2",  "cifs",  "devpts", "devtmpfs",
       "exfat", "fuse",   "fuseblk", "iso9660", "msdos",    "nfs",   "nfs4",   "overlay",
@@ -141,8 +141,8 @@ dev_t superblock_of(const std::string& path) {
 
 namespace {
 
-// The superblock that `path` lies on, from the paths alone: the file is not touched, as its storage
-// may have stalled. 0 when nothing is mounted above it.
+// The superblock that `path` lies on, found by comparing paths: the file is not opened, because its
+// storage may have stalled. 0 when nothing is mounted above it.
 dev_t superblock_above(const std::string& path, const std::vector<mount_entry>& table) {
   const mount_entry* above = nullptr;
   for (const auto& entry : table) {
@@ -178,16 +178,21 @@ bool lies_on(dev_t device, const std::set<dev_t>& superblocks,
 
 }  // namespace
 
+dev_t block_device_of(const mount_entry& mount) {
+  if (major(mount.device) != 0) return mount.device;
+  struct stat source = {};
+  const bool is_device = mount.source.starts_with("/dev/") &&
+                         stat(mount.source.c_str(), &source) == 0 && S_ISBLK(source.st_mode);
+  return is_device ? source.st_rdev : 0;
+}
+
 bool are_stacked(const std::vector<mount_entry>& mounts) {
   std::set<dev_t> superblocks;
   for (const auto& mount : mounts) superblocks.insert(mount.device);
   const auto table = mount_table();
   return mounts.size() > 1 && std::any_of(mounts.begin(), mounts.end(), [&](const auto& mount) {
-           // One on several devices has a number of its own, and names one of them as its source.
-           struct stat source = {};
-           const bool is_numbered = major(mount.device) != 0;
-           if (!is_numbered && stat(mount.source.c_str(), &source) != 0) return true;
-           return lies_on(is_numbered ? mount.device : source.st_rdev, superblocks, table);
+           const dev_t device = block_device_of(mount);
+           return device == 0 || lies_on(device, superblocks, table);
          });
 }
 

@@ -15,7 +15,8 @@ bool send_packet(int socket, const google::protobuf::MessageLite& message) {
 
 packet receive_packet(int socket, google::protobuf::MessageLite& message) {
   const ssize_t size = recv(socket, nullptr, 0, MSG_DONTWAIT | MSG_PEEK | MSG_TRUNC);
-  // What the other side had not read when it left comes as a reset, before what it has sent.
+  // When the other side closes the socket with packets of ours unread, the first recv() fails with
+  // ECONNRESET; the packets that it had sent follow.
   if (size < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNRESET)) return packet::none;
   if (size <= 0) return packet::closed;
   std::string text(static_cast<std::size_t>(size), '\0');

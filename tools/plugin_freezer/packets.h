@@ -3,26 +3,16 @@
 
 #include <google/protobuf/message_lite.h>
 
-#include <chrono>
-#include <cstdint>
-
 namespace vexo::tools {
 
-// Messages over a socket of type SOCK_SEQPACKET. Neither blocks.
+// A message to a packet, over a socket of type SOCK_SEQPACKET. Neither function blocks.
 
-// False when the other side has gone, or does not read.
+// False when the other side has closed the socket, or does not read.
 bool send_packet(int socket, const google::protobuf::MessageLite& message);
 
 enum class packet { received, none, closed };
+// `none` also for a packet that is no such message.
 packet receive_packet(int socket, google::protobuf::MessageLite& message);
-
-// Points in time as messages and records have them.
-inline std::int64_t to_ms(std::chrono::steady_clock::time_point time) {
-  return std::chrono::ceil<std::chrono::milliseconds>(time.time_since_epoch()).count();
-}
-inline std::chrono::steady_clock::time_point from_ms(std::int64_t time) {
-  return std::chrono::steady_clock::time_point(std::chrono::milliseconds(time));
-}
 
 }  // namespace vexo::tools
 

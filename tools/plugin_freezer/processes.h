@@ -8,7 +8,7 @@
 
 namespace vexo::tools {
 
-// What /proc says of a process. One that another user's sandbox hides is not seen.
+// A process as /proc shows it. One that a sandbox hides is not found.
 struct process {
   pid_t pid = 0;
   pid_t parent = 0;
@@ -19,13 +19,13 @@ struct process {
   bool is_stopped() const { return state == 'T' || state == 't'; }
 };
 
-// All that have not ended: zombies are left out.
+// All processes but zombies.
 std::vector<process> running_processes();
 
-// Those of `all` that `ancestor` has started, and those that these have started, and so on.
+// The children of `ancestor` among `all`, their children, and so on.
 std::vector<process> descendants(const std::vector<process>& all, pid_t ancestor);
 
-// One process, with state 0 when there is none.
+// One process; state is 0 when there is none with this id.
 process look_at(pid_t pid);
 
 }  // namespace vexo::tools

@@ -3,71 +3,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
-#include "common/child_process.h"
+#include "plugin_freezer/hook_runs.h"
+#include "plugin_freezer/other_freezer.h"
 
 namespace vexo::tools {
 
-namespace {
-
 using std::chrono::milliseconds;
 
-std::vector<std::string> environment_of(const FreezerPlan& plan) {
-  return merged_environment({plan.environment().begin(), plan.environment().end()});
-}
-
-FreezerReport::HookRun report_of(const FreezerPlan::Hook& hook, const std::string& phase,
-                                 const child& run) {
-  FreezerReport::HookRun said;
-  said.set_name(hook.name());
-  said.set_phase(phase);
-  said.set_exit_code(run.killed ? 128 + SIGKILL : run.exit_code.value_or(0));
-  said.set_timed_out(run.killed);
-  const auto end = run.ended() ? run.end : child::clock::now();
-  said.set_ms(std::chrono::duration_cast<milliseconds>(end - run.start).count());
-  said.set_output(run.output);
-  return said;
-}
-
-}  // namespace
-
-std::string failure_text(int error) {
-  return error < kKilled ? std::generic_category().message(error) : "the call was killed";
-}
-
-std::string seconds_text(milliseconds time) {
-  std::ostringstream text;
-  text << std::chrono::duration<double>(time).count() << " s";
-  return text.str();
-}
-
-int run_prepare_hooks(outside& world, const FreezerPlan& plan) {
-  const auto environment = environment_of(plan);
-  int begun = 0;
-  for (const auto& hook : plan.hooks()) {
-    child& run = world.programs.start({hook.path(), "prepare"}, environment,
-                                      milliseconds(plan.hook_timeout_ms()));
-    ++begun;
-    while (!run.ended() && !run.killed) {
-      world.wait(child::clock::time_point::max());
-      if (world.agent_gone || world.terminated || !world.requests.empty()) {
-        world.programs.kill(run);
-        return begun;
-      }
-    }
-    FreezerReport report;
-    *report.mutable_hook() = report_of(hook, "prepare", run);
-    world.report.send(report);
-    if (!run.succeeded()) break;
-  }
-  return begun;
-}
-
-rest::rest(outside& world, turn& right, const FreezerPlan& plan)
-    : world_(world), turn_(right), is_ours_(true), environment_(environment_of(plan)) {
+rest::rest(event_loop& loop, run_directory& directory, const FreezerPlan& plan)
+    : loop_(loop), directory_(directory), is_ours_(true), environment_(hook_environment(plan)) {
   std::vector<mount_entry> mounts;
   for (auto& opened : open_file_systems({plan.mount_points().begin(), plan.mount_points().end()})) {
     mounts.push_back(opened.mount);
@@ -80,19 +27,29 @@ rest::rest(outside& world, turn& right, const FreezerPlan& plan)
     volumes_.push_back({facts, std::move(opened.root)});
   }
   is_stacked_ = are_stacked(mounts);
+  // What earlier rests could not thaw stays on record, and this rest tries again when it ends.
+  const auto left = directory.record().value_or(RestRecord());
+  for (const auto& facts : left.file_systems()) {
+    if (std::any_of(mounts.begin(), mounts.end(),
+                    [&](const auto& mount) { return mount.device == facts.device(); })) {
+      continue;
+    }
+    *record_.add_file_systems() = facts;
+    volumes_.push_back({facts, unique_fd(), true});
+  }
   record_.set_boot_id(boot_id());
   *record_.mutable_plan() = plan;
   *record_.add_members() = plan.member();
 }
 
-rest::rest(outside& world, turn& right, RestRecord left)
-    : world_(world),
-      turn_(right),
+rest::rest(event_loop& loop, run_directory& directory, RestRecord left)
+    : loop_(loop),
+      directory_(directory),
       is_ours_(false),
       record_(std::move(left)),
-      environment_(environment_of(record_.plan())) {
+      environment_(hook_environment(record_.plan())) {
   if (!is_of_this_boot(record_.boot_id(), record_.plan().run_dir())) {
-    // Nothing is frozen any more, and what has these numbers now is something else.
+    // Nothing is frozen any more, and these numbers now stand for other devices and processes.
     record_.clear_file_systems();
     record_.clear_processes();
     record_.clear_members();
@@ -113,14 +70,14 @@ void rest::run() {
     write_record();
     FreezerReport report;
     report.set_begun(to_ms(deadline()));
-    world_.report.send(report);
-    freeze_hooks();
+    loop_.agent.send(report);
+    run_freeze_hooks();
     freeze_file_systems();
-    check();
+    throw_if_over();
     report.set_frozen(true);
-    world_.report.send(report);
-    for (;; check()) world_.wait(limit());
-  } catch (const over& why) {
+    loop_.agent.send(report);
+    for (;; throw_if_over()) loop_.wait(forced_thaw_time());
+  } catch (const end_of_rest& why) {
     reason_ = why.what();
     asked = why.asked;
   } catch (const std::exception& error) {
@@ -129,7 +86,7 @@ void rest::run() {
   thaw(asked);
 }
 
-rest::clock::time_point rest::limit() const {
+rest::clock::time_point rest::forced_thaw_time() const {
   const bool any_command =
       std::any_of(record_.members().begin(), record_.members().end(),
                   [](const auto& member) { return member.command_size() > 0; });
@@ -138,8 +95,8 @@ rest::clock::time_point rest::limit() const {
 
 bool rest::answer_requests(bool at_rest) {
   bool end = false;
-  for (; !world_.requests.empty(); world_.requests.pop_front()) {
-    const auto& request = world_.requests.front();
+  for (; !loop_.requests.empty(); loop_.requests.pop_front()) {
+    const auto& request = loop_.requests.front();
     FreezerReport answer;
     auto& members = *record_.mutable_members();
     switch (request.kind_case()) {
@@ -152,7 +109,7 @@ bool rest::answer_requests(bool at_rest) {
           answer.mutable_refused()->set_name(request.join().name());
           answer.mutable_refused()->set_reason("the rest is over");
         }
-        world_.report.send(answer);
+        loop_.agent.send(answer);
         break;
       case FreezerRequest::kLeave: {
         const auto gone = std::remove_if(members.begin(), members.end(), [&](const auto& member) {
@@ -170,45 +127,43 @@ bool rest::answer_requests(bool at_rest) {
   return end;
 }
 
-void rest::check() {
-  if (answer_requests(true)) throw over("", true);
+void rest::throw_if_over() {
+  if (answer_requests(true)) throw end_of_rest("", true);
   if (is_told_to_thaw_) {
-    throw over("the agent was told to stop before the split was over", false);
+    throw end_of_rest("the agent was told to stop before the split was over", false);
   }
-  if (world_.terminated) throw over("the freezer was told to thaw by a signal", false);
-  if (world_.agent_gone) throw over("the agent has gone", false);
-  if (clock::now() >= limit()) {
-    throw over("the host was thawed at the limit of " + seconds_text(max_freeze()), false);
+  if (loop_.terminated) throw end_of_rest("the freezer was told to thaw by a signal", false);
+  if (loop_.agent_gone) throw end_of_rest("the agent has gone", false);
+  if (clock::now() >= forced_thaw_time()) {
+    throw end_of_rest("the host was thawed at the limit of " + seconds_text(max_freeze()), false);
   }
 }
 
 void rest::await_freezing(const child& step) {
-  while (!step.ended() && !step.killed) {
-    world_.wait(limit());
-    if (!step.ended() && !step.killed) check();
+  while (step.is_running()) {
+    loop_.wait(forced_thaw_time());
+    if (step.is_running()) throw_if_over();
   }
 }
 
 child& rest::start_hook(int index, const std::string& phase, clock::duration timeout) {
-  return world_.programs.start({record_.plan().hooks(index).path(), phase}, environment_, timeout);
+  return loop_.programs.start({record_.plan().hooks(index).path(), phase}, environment_, timeout);
 }
 
 void rest::report_hook(int index, const std::string& phase, const child& run) {
   const auto& hook = record_.plan().hooks(index);
   if (!is_ours_) {
-    world_.report.warn("ran hook " + hook.name() + " " + phase +
-                       " after an earlier agent: exit code " +
-                       std::to_string(run.killed ? 128 + SIGKILL : *run.exit_code));
+    loop_.agent.warn("ran hook " + hook.name() + " " + phase +
+                     " after an earlier agent: exit code " +
+                     std::to_string(run.killed ? 128 + SIGKILL : *run.exit_code));
     return;
   }
-  FreezerReport report;
-  *report.mutable_hook() = report_of(hook, phase, run);
-  world_.report.send(report);
+  loop_.agent.send(hook_report(hook, phase, run));
 }
 
-void rest::freeze_hooks() {
+void rest::run_freeze_hooks() {
   for (int i = 0; i < record_.plan().hooks_size(); ++i) {
-    check();
+    throw_if_over();
     record_.set_hooks_started(i + 1);
     write_record();
     const auto timeout = std::min<clock::duration>(milliseconds(record_.plan().hook_timeout_ms()),
@@ -219,63 +174,74 @@ void rest::freeze_hooks() {
       if (run.pid > 0) write_processes({look_at(run.pid)});
       await_freezing(run);
     } catch (const std::runtime_error&) {
-      world_.programs.kill(run);
+      loop_.programs.kill(run);
       report_hook(i, "freeze", run);
       throw;
     }
     freezing_ = nullptr;
     report_hook(i, "freeze", run);
     if (run.killed) {
-      throw over("freeze hook " + record_.plan().hooks(i).name() + " took longer than " +
-                     seconds_text(std::chrono::ceil<milliseconds>(timeout)),
-                 true);
+      throw end_of_rest("freeze hook " + record_.plan().hooks(i).name() + " took longer than " +
+                            seconds_text(std::chrono::ceil<milliseconds>(timeout)),
+                        true);
     }
     if (!run.succeeded()) {
-      throw over("freeze hook " + record_.plan().hooks(i).name() + " exited with " +
-                     std::to_string(*run.exit_code),
-                 true);
+      throw end_of_rest("freeze hook " + record_.plan().hooks(i).name() + " exited with " +
+                            std::to_string(*run.exit_code),
+                        true);
     }
     write_processes({});
   }
 }
 
-// Side by side where that is possible: most of a freeze is waiting in the kernel.
+// All at the same time where that is possible, since most of a freeze is waiting in the kernel.
 void rest::freeze_file_systems() {
-  const std::size_t at_once = is_stacked_ ? 1 : std::max<std::size_t>(volumes_.size(), 1);
-  for (std::size_t begin = 0; begin < volumes_.size(); begin += at_once) {
-    check();
+  const auto count = static_cast<std::size_t>(std::count_if(
+      volumes_.begin(), volumes_.end(), [](const volume& one) { return !!one.root; }));
+  const std::size_t at_once = is_stacked_ ? 1 : std::max<std::size_t>(count, 1);
+  for (std::size_t begin = 0; begin < count; begin += at_once) {
+    throw_if_over();
     std::vector<process> under_way;
     for (std::size_t i = begin; i < begin + at_once; ++i) {
       volume& one = volumes_[i];
-      one.freezing = &world_.programs.fork_call([&] { return freeze_file_system(one.root.get()); },
-                                                [&](pid_t pid) {
-                                                  under_way.push_back(look_at(pid));
-                                                  write_processes(under_way);
-                                                });
+      one.freezing = &loop_.programs.fork_call([&] { return freeze_file_system(one.root.get()); },
+                                               [&](pid_t pid) {
+                                                 under_way.push_back(look_at(pid));
+                                                 write_processes(under_way);
+                                               });
       one.may_be_frozen = true;
     }
     for (std::size_t i = begin; i < begin + at_once; ++i) await_freezing(*volumes_[i].freezing);
     write_processes({});
     std::string refusal;
     for (std::size_t i = begin; i < begin + at_once; ++i) {
-      const int error = frozen(volumes_[i]);
-      if (error == 0) continue;
+      const child& step = *volumes_[i].freezing;
+      const int error = take_freeze_result(volumes_[i]);
+      if (error == 0) {
+        FreezerReport report;
+        auto& done = *report.mutable_file_system();
+        done.set_mount_point(volumes_[i].facts.mount_point());
+        done.set_ms(std::chrono::ceil<milliseconds>(step.end - step.start).count());
+        loop_.agent.send(report);
+        continue;
+      }
       refusal = volumes_[i].facts.mount_point() + " cannot be frozen: " +
-                (error == EBUSY ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
-                                : failure_text(error)) +
+                (error == EBUSY     ? "somebody else has frozen it (see \"fsfreeze --unfreeze\")"
+                 : is_signal(error) ? "somebody killed the process that froze it"
+                                    : std::generic_category().message(error)) +
                 (error == EPERM ? " (the agent needs CAP_SYS_ADMIN)" : "");
     }
-    if (!refusal.empty()) throw over(refusal, true);
+    if (!refusal.empty()) throw end_of_rest(refusal, true);
   }
 }
 
-int rest::frozen(volume& one) {
+int rest::take_freeze_result(volume& one) {
   const int error = *std::exchange(one.freezing, nullptr)->exit_code;
-  if (error != 0 && error < kKilled) one.may_be_frozen = false;
+  if (error != 0 && !is_signal(error)) one.may_be_frozen = false;
   return error;
 }
 
-void rest::write_record() { turn_.write(record_); }
+void rest::write_record() { directory_.write_record(record_); }
 
 void rest::write_processes(const std::vector<process>& all) {
   record_.clear_processes();

@@ -17,7 +17,8 @@ namespace vexo::tools {
 
 namespace {
 
-// Through the mounts that a process sees. Empty when none leads there: another one may lie on top.
+// Through the mounts that a process sees. Empty when none leads to the file system; another mount
+// may lie on top of one that does.
 std::optional<int> thaw_as_seen_by(const std::string& process, dev_t device) {
   std::optional<int> result;
   for (const auto& entry : mount_table(process + "/mountinfo")) {
@@ -31,8 +32,9 @@ std::optional<int> thaw_as_seen_by(const std::string& process, dev_t device) {
   return result;
 }
 
-// A frozen superblock outlives its last mount, and another mount of the device leads to it. Only
-// while somebody holds the device: to mount one that nobody does would be to write to it.
+// A frozen superblock outlives its last mount, and a new mount of the device leads to it. The
+// device is mounted only while something holds it: otherwise its superblock is gone, nothing is
+// frozen, and a mount would write to the device.
 int thaw_unmounted(const RestRecord::FileSystem& wanted, const std::string& run_dir) {
   struct stat facts = {};
   if (stat(wanted.source().c_str(), &facts) != 0 || !S_ISBLK(facts.st_mode)) return ENODEV;

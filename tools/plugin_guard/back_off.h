@@ -8,7 +8,7 @@ namespace vexo::tools {
 
 // When a daemon may be ended again. The first two times there is no pause. A third failure within
 // ten minutes is likely to be one that no restart cures: from then on there is a pause, which
-// doubles each time, until a quiet time of ten minutes more than the pause.
+// doubles each time, until no daemon was ended for ten minutes more than the pause.
 class back_off {
  public:
   using clock = std::chrono::steady_clock;
@@ -23,9 +23,9 @@ class back_off {
     last_ = when;
     ++count_;
   }
-  // When the next may be ended at the earliest.
+  // The earliest time at which the next may be ended.
   clock::time_point next() const { return last_ + pause(); }
-  // How many were ended since the last quiet time.
+  // How many were ended since that last happened.
   int count() const { return count_; }
 
  private:

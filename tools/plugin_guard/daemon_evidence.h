@@ -9,7 +9,7 @@
 
 namespace vexo::tools {
 
-// "1003 of 1024 files open" of a running process, "? files open" when that may not be seen.
+// "1003 of 1024 files open" of a running process, "? files open" when this user may not see that.
 std::string open_files(pid_t pid);
 
 // What can be seen of a process that does not serve.
@@ -21,8 +21,8 @@ class daemon_evidence {
   // Measures the load from now on.
   explicit daemon_evidence(pid_t pid);
 
-  // "12 threads, 40 of 1024 files open, 98 % of one processor in use". Never throws for what cannot
-  // be seen, and says so instead. The process has to be there still.
+  // "12 threads, 40 of 1024 files open, 98 % of one processor in use", with "?" or "unknown" for
+  // what cannot be seen. Call it before the process has ended.
   std::string text() const;
 
  private:

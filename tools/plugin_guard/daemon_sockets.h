@@ -20,7 +20,7 @@ struct port_use {
 // connections. Empty when the process cannot be examined: it has ended, or is another user's.
 std::optional<port_use> port_use_of(pid_t pid, std::uint16_t port, std::uint16_t from);
 
-// Whether the process is in this one's network namespace; true when that cannot be seen.
+// Whether the process is in the same network namespace as this one; true when that cannot be seen.
 bool shares_network(pid_t pid);
 
 }  // namespace vexo::tools

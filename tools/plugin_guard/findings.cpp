@@ -35,12 +35,12 @@ finding endpoint_finding(std::size_t at, const observation& seen) {
   const watch::view& one = seen.endpoints[at];
   const std::string& name = one.where.text;
   const bool cures = one.by_process && seen.process_runs;
-  const std::string who =
+  const std::string not_restarted =
       cures ? "" : " (not restarted for that: it is not known to be the daemon's own doing)";
   switch (one.is) {
     case condition::silent:
       return {all_are(seen, condition::silent) ? GuardStatus::DOWN : GuardStatus::DEGRADED,
-              name + " accepts no new connection" + who,
+              name + " accepts no new connection" + not_restarted,
               one.since,
               one.until,
               cures,
@@ -53,7 +53,7 @@ finding endpoint_finding(std::size_t at, const observation& seen) {
               one.since, one.until, false};
     case condition::refused:
       return {GuardStatus::DEGRADED,
-              name + " is gone: " + one.reason + who,
+              name + " is gone: " + one.reason + not_restarted,
               one.since,
               one.until,
               cures,
@@ -74,18 +74,19 @@ bool is_complete(const observation& seen) {
 
 std::vector<finding> findings(const observation& seen, clock::time_point now) {
   std::vector<finding> found;
-  const std::string not_cured =
+  const std::string not_restarted =
       seen.process_runs ? "" : " (not restarted: its process is not seen from here)";
   if (seen.registry.error_code == grpc::StatusCode::RESOURCE_EXHAUSTED) {
-    found.push_back({GuardStatus::DOWN,
-                     "the daemon turns every call away: it can start no more threads" + not_cured,
-                     seen.registry.error_since, now, seen.process_runs});
+    found.push_back(
+        {GuardStatus::DOWN,
+         "the daemon turns every call away: it can start no more threads" + not_restarted,
+         seen.registry.error_since, now, seen.process_runs});
   } else if (seen.registry.unanswered_since &&
              now - *seen.registry.unanswered_since >= seen.patience) {
     found.push_back({GuardStatus::DOWN,
                      "the daemon does not answer: a broadcast has met a vanished host, or waits "
                      "for a stalled one" +
-                         not_cured,
+                         not_restarted,
                      *seen.registry.unanswered_since, now, seen.process_runs});
   } else if (!seen.registry.error.empty()) {
     found.push_back({GuardStatus::DEGRADED, "the daemon lists no hosts: " + seen.registry.error,

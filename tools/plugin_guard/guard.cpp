@@ -28,7 +28,7 @@ using std::chrono::system_clock;
 // How often to look whether a list has stayed unanswered for long enough.
 constexpr std::chrono::milliseconds kTick{100};
 // A failure that is over sooner, as when somebody restarts the daemon, is not reported.
-constexpr std::chrono::seconds kToldAfter{1};
+constexpr std::chrono::seconds kReportedAfter{1};
 // How often a node exporter is usually asked.
 constexpr std::chrono::seconds kMetricsEvery{15};
 
@@ -108,7 +108,9 @@ void guard::start_sweeper() {
 }
 
 void guard::judge(std::vector<finding> found) {
-  const auto is_young = [](const finding& one) { return one.last_seen - one.since < kToldAfter; };
+  const auto is_young = [](const finding& one) {
+    return one.last_seen - one.since < kReportedAfter;
+  };
   if (!found.empty() && std::all_of(found.begin(), found.end(), is_young)) return;
   std::erase_if(found, is_young);
   auto state = GuardStatus::OK;
@@ -147,7 +149,7 @@ std::optional<finding> guard::due(const std::vector<finding>& found) const {
 
 void guard::restart_daemon(const finding& reason) {
   if (options_.may_kill && clock::now() < back_off_.next()) {
-    if (std::exchange(told_of_pause_, true)) return;
+    if (std::exchange(pause_logged_, true)) return;
     complain("not restarting the daemon yet: restarted " + std::to_string(back_off_.count()) +
              " times in a row, waiting " + std::to_string(seconds_until(back_off_.next())) +
              " s before the next");
@@ -156,7 +158,7 @@ void guard::restart_daemon(const finding& reason) {
   last_attempt_ = clock::now();
   try {
     const daemon_evidence evidence(watch_.process()->pid());
-    const bool failing = lasts(reason);
+    const bool failing = keeps_failing(reason);
     last_attempt_ = clock::now();
     if (stop_.requested()) return;
     if (!failing) {
@@ -170,7 +172,7 @@ void guard::restart_daemon(const finding& reason) {
     syslog(LOG_NOTICE, "process %d: %s", daemon.pid(), evidence.text().c_str());
     if (!options_.may_kill) return;
     back_off_.note(clock::now());
-    told_of_pause_ = false;
+    pause_logged_ = false;
     if (!failing_since_) failing_since_ = reason.since;
     if (!end_process(daemon, stop_)) {
       complain("the daemon, process " + std::to_string(daemon.pid()) +
@@ -188,7 +190,7 @@ void guard::restart_daemon(const finding& reason) {
   }
 }
 
-bool guard::lasts(const finding& reason) {
+bool guard::keeps_failing(const finding& reason) {
   const auto end =
       std::max(reason.since + options_.fail_after, clock::now() + daemon_evidence::kLoadTime);
   while (last_look_fails(reason)) {

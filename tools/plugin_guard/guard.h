@@ -17,9 +17,9 @@
 
 namespace vexo::tools {
 
-// Keeps the daemon of this machine serving: has vanished hosts unsubscribed, watches both
-// endpoints, and ends a daemon that has stopped serving, which its supervisor then starts again.
-// Reports all of that to the system log, the status file and the service manager.
+// Keeps the daemon of this machine serving: unsubscribes vanished hosts, watches both endpoints,
+// and ends a daemon that has stopped serving, which its supervisor then starts again. Reports all
+// of that to the system log, the status file and the service manager.
 class guard {
  public:
   struct options {
@@ -41,6 +41,7 @@ class guard {
   using clock = std::chrono::steady_clock;
 
   observation look() const;
+  // Updates status_ from what was found, and logs it when that is a change.
   void judge(std::vector<finding> found);
   // A failure that will have lasted for fail_after when the next look ends; the daemon is ended
   // then. Empty when there is none.
@@ -48,7 +49,7 @@ class guard {
   void restart_daemon(const finding& reason);
   // Repeats the look that found `reason` until it has failed for fail_after, and until the load has
   // been measured for long enough. True when every look failed; the last one has just ended then.
-  bool lasts(const finding& reason);
+  bool keeps_failing(const finding& reason);
   bool last_look_fails(const finding& reason);
   // Asks for a list. `meanwhile` is called now and then until it has ended.
   bool last_call_fails(const std::function<void()>& meanwhile);
@@ -67,12 +68,12 @@ class guard {
   watch watch_;
   const std::chrono::system_clock::time_point started_ = std::chrono::system_clock::now();
   GuardStatus status_;
-  bool judged_ = false;  // status_ tells what was found, and not only that the guard has started
+  bool judged_ = false;  // status_ says what was found; before, only that the guard has started
   std::optional<clock::time_point> last_attempt_;  // the last try to end the daemon
   // Since when the daemon that was ended had failed; empty again when a daemon serves.
   std::optional<clock::time_point> failing_since_;
   back_off back_off_;
-  bool told_of_pause_ = false;  // the log says that the next restart has to wait
+  bool pause_logged_ = false;  // the log says that the next restart has to wait
   clock::time_point next_report_ = clock::now();
   bool status_file_works_ = true;
   std::array<double, GuardStatus::State_ARRAYSIZE> seconds_in_ = {};  // each state

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <optional>
@@ -18,8 +17,10 @@
 #include "common/exit_codes.h"
 #include "common/help_text.h"
 #include "common/interrupt.h"
+#include "common/journal.h"
 #include "common/number_option.h"
 #include "common/output.h"
+#include "common/standard_fds.h"
 #include "common/text.h"
 #include "plugin_guard/guard.h"
 #include "plugin_guard/status.h"
@@ -51,7 +52,7 @@ constexpr char kFooter[] =
 constexpr int kLooksInFailAfter = 5;
 
 // What the command line says.
-struct words {
+struct command_line {
   double interval = 0.5;
   double fail_after = 25;
   std::optional<double> timeout;
@@ -70,14 +71,14 @@ std::chrono::milliseconds as_milliseconds(double seconds) {
 
 void say(const shown_text& text) { std::fprintf(stderr, "plugin_guard: %s\n", text.c_str()); }
 
-void declare(CLI::App& app, words& given) {
+void declare(CLI::App& app, command_line& given) {
   app.add_option("--interval", given.interval, "How often to look for vanished hosts")
       ->check(number_between(0.01, 3600.0))
       ->type_name("SECONDS")
       ->capture_default_str();
   app.add_option("--fail-after", given.fail_after,
-                 "How long an endpoint has to fail without a break before the daemon is ended; a "
-                 "host that has stalled can make it stand still for 20")
+                 "How long a failure has to last without a break before the daemon is ended; a "
+                 "stalled host can block the daemon for 20 s")
       ->check(number_between(1.0, 3600.0))
       ->type_name("SECONDS")
       ->capture_default_str();
@@ -85,7 +86,7 @@ void declare(CLI::App& app, words& given) {
                  "How long one look may take; a fifth of --fail-after if not given")
       ->check(number_between(0.001, 3600.0))
       ->type_name("SECONDS");
-  app.add_flag("--no-kill", given.no_kill, "Only reports");
+  app.add_flag("--no-kill", given.no_kill, "Reports failures, but never ends the daemon");
   app.add_option("--status-file", given.status_file,
                  "Where the guard writes its status, and --status and --check read it")
       ->type_name("FILE")
@@ -105,9 +106,8 @@ void declare(CLI::App& app, words& given) {
   app.set_version_flag("--version", "plugin_guard " VEXO_TOOLS_VERSION);
 }
 
-// Refuses the options that only the guard uses beside --status and --check, and that of --status
-// without it.
-void refuse_without_meaning(const CLI::App& app, const words& given) {
+// Refuses options of the guard together with --status or --check, and --output without --status.
+void refuse_unused_options(const CLI::App& app, const command_line& given) {
   const auto refuse = [&](const char* option, const char* why) {
     if (app.count(option) > 0) throw CLI::ValidationError(std::string(option) + " " + why);
   };
@@ -119,7 +119,7 @@ void refuse_without_meaning(const CLI::App& app, const words& given) {
   }
 }
 
-guard::options checked_options(const words& given, bool status_file_given) {
+guard::options checked_options(const command_line& given, bool status_file_given) {
   guard::options options;
   options.interval = as_milliseconds(given.interval);
   options.fail_after = as_milliseconds(given.fail_after);
@@ -151,7 +151,7 @@ exit_code code_of(GuardStatus::State state) {
   }
 }
 
-exit_code show_status(const words& given) {
+exit_code show_status(const command_line& given) {
   const GuardStatus status = read_status(given.status_file).status;
   if (given.output == "json") {
     print(to_json(status) + "\n");
@@ -168,32 +168,33 @@ exit_code show_status(const words& given) {
   return code_of(status.state());
 }
 
-int show_check(const words& given) {
+int show_check(const command_line& given) {
   const check_result result = check(read_status(given.status_file));
   print(already_escaped(result.line + "\n"));
   return result.exit_code;
 }
 
-// A monitor takes 2 for critical, so also the wrong words beside --check end with 3.
+// For a monitor 2 is critical, so a wrong command line with --check ends with 3.
 int code_of_wrong_usage(int argc, char** argv) {
   const bool is_check = std::any_of(
-      argv, argv + argc, [](const char* word) { return std::string_view(word) == "--check"; });
+      argv, argv + argc, [](const char* given) { return std::string_view(given) == "--check"; });
   return is_check ? kCheckUnknown : static_cast<int>(exit_code::usage);
 }
 
 int run(int argc, char** argv) {
+  open_closed_standard_fds();
   // A write to a closed pipe is an error of print() instead of the program's end.
   std::signal(SIGPIPE, SIG_IGN);
   interrupt stop;
   CLI::App app(kDescription, "plugin_guard");
   wrap_help(app);
   app.footer(kFooter);
-  words given;
+  command_line given;
   declare(app, given);
   guard::options options;
   try {
     app.parse(argc, argv);
-    refuse_without_meaning(app, given);
+    refuse_unused_options(app, given);
     options = checked_options(given, app.count("--status-file") > 0);
   } catch (const CLI::Success& help_or_version) {
     return app.exit(help_or_version);
@@ -204,9 +205,7 @@ int run(int argc, char** argv) {
   if (given.check) return show_check(given);
   if (given.status) return static_cast<int>(show_status(given));
   // A journal that reads this program's stderr would have each line twice.
-  const bool in_journal =
-      std::getenv("JOURNAL_STREAM") != nullptr;  // NOLINT(concurrency-mt-unsafe)
-  openlog("scsi-plugin-guard", in_journal ? 0 : LOG_PERROR, LOG_DAEMON);
+  openlog("scsi-plugin-guard", stderr_is_journal() ? 0 : LOG_PERROR, LOG_DAEMON);
   guard(options, stop).run();
   return static_cast<int>(exit_code::done);
 }

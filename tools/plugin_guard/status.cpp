@@ -1,32 +1,24 @@
 #include "plugin_guard/status.h"
 
-#include <fcntl.h>
 #include <google/protobuf/util/json_util.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 
 #include "common/output.h"
 #include "common/text.h"
-#include "common/unique_fd.h"
+#include "common/whole_file.h"
 
 namespace vexo::tools {
 
 namespace {
 
 using std::chrono::system_clock;
-
-[[noreturn]] void fail(const std::string& path) {
-  throw std::system_error(errno, std::generic_category(), path);
-}
 
 found_status nothing_known(const std::string& why) {
   found_status found;
@@ -47,29 +39,18 @@ std::string time_text(system_clock::time_point when) {
 }
 
 void write_status(const std::string& path, const GuardStatus& status) {
-  const std::string text = to_json(status) + "\n";
-  const std::string unfinished = path + ".new";
-  {
-    constexpr mode_t kMode = 0644;
-    const unique_fd file(
-        open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kMode));
-    if (!file) fail(unfinished);
-    errno = ENOSPC;  // of a write that is cut short
-    if (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-      fail(unfinished);
-    }
-  }
-  if (std::rename(unfinished.c_str(), path.c_str()) != 0) fail(path);
+  replace_file(path, (to_json(status) + "\n").str());
 }
 
 found_status read_status(const std::string& path) {
-  std::ifstream file(path);
+  std::string text;
   struct stat facts = {};
-  if (!file || stat(path.c_str(), &facts) != 0) {
-    return nothing_known("no guard writes " + path + " (" + std::generic_category().message(errno) +
-                         ")");
+  try {
+    text = read_file(path);
+    if (stat(path.c_str(), &facts) != 0) throw std::system_error(errno, std::generic_category());
+  } catch (const std::system_error& error) {
+    return nothing_known("no guard writes " + path + " (" + error.code().message() + ")");
   }
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
   GuardStatus status;
   google::protobuf::util::JsonParseOptions options;
   options.ignore_unknown_fields = true;

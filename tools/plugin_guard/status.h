@@ -18,7 +18,7 @@ inline constexpr std::chrono::seconds kStatusHolds{20};
 // "2026-11-21T07:43:19Z"
 std::string time_text(std::chrono::system_clock::time_point when);
 
-// Replaces the file as a whole, so that no reader sees half of it. Throws std::system_error.
+// As replace_file().
 void write_status(const std::string& path, const GuardStatus& status);
 
 // What a guard wrote there. When there is no valid status, the state is DOWN, and `error` says why.
@@ -28,7 +28,7 @@ struct found_status {
 };
 found_status read_status(const std::string& path);
 
-// How a plugin of a Nagios-type monitor tells that: one line, and its exit code.
+// The status in the form of a Nagios-type monitor's plugin: one line, and the exit code.
 struct check_result {
   std::string line;
   int exit_code;

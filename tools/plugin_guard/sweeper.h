@@ -26,8 +26,9 @@ namespace vexo::tools {
 // unsubscribed by itself; then a second UnSubscribe changes nothing. A host that subscribes again
 // between the last look and the UnSubscribe is unsubscribed by mistake, and its stream ends.
 //
-// Has one connection to one process of the daemon, and forgets the hosts it knew when that ends:
-// nobody has vanished from a restarted daemon yet, and its hosts are just subscribing again.
+// Has one connection to one process of the daemon. When that connection ends it forgets the hosts
+// it knew: those that a restarted daemon does not list have not vanished, but are subscribing
+// again.
 class sweeper {
  public:
   // What the sweeper's calls have shown of the daemon. Each call takes the daemon's registry lock.

@@ -35,9 +35,9 @@ watch::watch(std::chrono::milliseconds patience) : patience_(patience) {
 
 void watch::step() {
   if (socket_) {
-    pollfd word = {fd(), POLLIN, 0};
-    if (poll(&word, 1, 0) > 0) {
-      read_first_word();
+    pollfd watched = {fd(), POLLIN, 0};
+    if (poll(&watched, 1, 0) > 0) {
+      read_first_byte();
     } else if (clock::now() >= next_) {
       finish(condition::silent);
     }
@@ -73,7 +73,7 @@ void watch::begin() {
   if (is_at_unix_socket()) identify_process();
 }
 
-void watch::read_first_word() {
+void watch::read_first_byte() {
   char byte = 0;
   const ssize_t size = recv(fd(), &byte, 1, 0);
   if (size > 0) {

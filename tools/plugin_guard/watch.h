@@ -58,12 +58,12 @@ class watch {
 
  private:
   void begin();
-  void read_first_word();
+  void read_first_byte();
   // Ends the look with what errno says of a connection that could not be begun or has failed.
   void finish_with_error(int error);
   void finish(condition is, const std::string& reason = {});
   void identify_process();
-  // Whether process() is what makes the connection under way end as `is`.
+  // Whether process() is the cause that the connection under way ends as `is`.
   bool is_by_process(condition is) const;
   bool is_at_unix_socket() const;
 

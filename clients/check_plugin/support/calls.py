@@ -1,4 +1,4 @@
-# The calls of hosts and of local callers, as a test speaks of them.
+# The calls of host plugins and of local callers.
 
 import concurrent.futures
 import queue

@@ -62,7 +62,7 @@ class Log:
         return wait_until(lambda: next((line for line in self.lines() if part in line.text), None))
 
     def hold(self):
-        """`with log.hold()`: a log service that hangs: nothing is read. Call no method then."""
+        """`with log.hold()`: as a log service that hangs. Nothing is read; call no other method meanwhile."""
         return self._reading
 
     def _read_on(self):

@@ -16,11 +16,11 @@ PLUGIN_GUARD = BUILD / "tools/plugin_guard/plugin_guard"
 PLUGIN_AGENT = BUILD / "tools/plugin_agent/plugin_agent"
 PLUGIN_FREEZER = BUILD / "tools/plugin_agent/plugin_freezer"
 SANITIZED = BUILD.name in ("asan", "tsan")
-SLACK = 3 if SANITIZED else 1  # seconds that a limit may be missed by: what is promised, and what is slow
+SLACK = 3 if SANITIZED else 1  # seconds by which a promised limit may be exceeded, since machines are slow
 
 
 class Program:
-    """One that runs beside the test; ended, by its pid, at the end of the test at the latest.
+    """A program that runs beside the test; ended, by its pid, at the end of the test at the latest.
 
     `environment` is added to the test's own. What it prints is in `out` and `err`. `group`: in a
     process group of its own, which signal_group() reaches.

@@ -35,15 +35,25 @@ class Answer(enum.Enum):
     NONE = "no answer"
 
 
-def ipv4_target(appliance: str) -> str:
-    """What gRPC is to connect to for HOST[:PORT], or for a unix: socket. Raises OSError.
+def split_address(appliance: str) -> tuple[str, int]:
+    """Host and port of HOST[:PORT]. Raises ValueError."""
+    host, colon, port = appliance.partition(":")
+    try:
+        if not host.encode("idna") or colon and not 0 < int(port) < 65536:
+            raise ValueError
+    except ValueError:
+        raise ValueError(f"the address of an appliance is HOST or HOST:PORT, not {appliance!r}") from None
+    return host, int(port) if colon else PORT
 
-    Commands are pushed to IPv4 peers only, and left alone gRPC prefers IPv6. Looks the name up.
+
+def ipv4_target(appliance: str) -> str:
+    """What gRPC is to connect to for HOST[:PORT], or for a unix: socket. Raises OSError and ValueError.
+
+    Commands are pushed to IPv4 peers only, and gRPC by itself prefers IPv6. Looks the name up.
     """
     if appliance.startswith("unix:"):
         return appliance
-    host, _, port = appliance.partition(":")
-    address = socket.getaddrinfo(host, port or PORT, socket.AF_INET, socket.SOCK_STREAM)[0][4]
+    address = socket.getaddrinfo(*split_address(appliance), socket.AF_INET, socket.SOCK_STREAM)[0][4]
     return f"ipv4:{address[0]}:{address[1]}"
 
 

@@ -6,11 +6,12 @@ import signal
 from typing import Iterable, Optional, Union
 
 from . import messages
+from .daemon import split_address
 from .handshake import Limits, Snapshot
 from .subscription import Subscription
 
-# Seconds. Python runs signal handlers on the main thread, but the kernel may give a signal to another
-# one, as while that makes a thread. This does not wake the main thread, so that has to look.
+# Seconds. Python runs signal handlers on the main thread only. A signal that the kernel delivers to another
+# thread does not wake the main thread, so it looks this often.
 _LOOK = 0.5
 
 
@@ -29,25 +30,28 @@ class HostPlugin:
     `host_type`: UNKNOWN, VMWARE or WINDOWS.
 
     The methods to override are called on threads of the package's own, one thread for each snapshot. So
-    two LUNs may be frozen at the same time, and it is up to the subclass to hold one back.
+    freeze() may be called for two LUNs at the same time. A subclass that cannot do that needs a lock.
     """
 
     def __init__(self, appliances: Union[str, Iterable[str]], plugin_id: str, luns: Iterable[str], *,
                  host_type: str = "UNKNOWN", limits: Limits = Limits()) -> None:
         if isinstance(luns, str) or not 0 < limits.hold < limits.rest:
             raise ValueError("luns must be a list of LUNs, and limits.hold less than limits.rest")
+        where = [appliances] if isinstance(appliances, str) else list(appliances)
+        for appliance in where:
+            if not appliance.startswith("unix:"):
+                split_address(appliance)
         self.luns = frozenset(luns)
         self.limits = limits
         # What run() waits for: told to stop (None), or a subscription that is over. Signal handlers may
         # put something into a queue of this kind.
         self._events: queue.SimpleQueue[Optional[Subscription]] = queue.SimpleQueue()
         client = messages.PluginClient(plugin_id=plugin_id, type=host_type)
-        self._subscriptions = [Subscription(self, where, client, self._events.put) for where in
-                               ([appliances] if isinstance(appliances, str) else appliances)]
+        self._subscriptions = [Subscription(self, each, client, self._events.put) for each in where]
 
     def prepare(self, snapshot: Snapshot) -> None:
-        """What can be done before the mirror is complete. Within 60 s: the appliance waits no longer for
-        its first host. Raise GivenUp to take no part."""
+        """Does what can be done before the mirror is complete, within 60 s: the appliance waits no longer
+        for a host. Raise GivenUp to take no part."""
 
     def freeze(self, snapshot: Snapshot) -> None:
         """Brings to rest what uses the LUN, and returns when it is at rest. Raises when it cannot be.
@@ -59,14 +63,15 @@ class HostPlugin:
     def thaw(self, snapshot: Snapshot) -> None:
         """Lets it go on, whatever has happened: also when freeze() has failed. It must be harmless twice.
 
-        When `limits.rest` is over it is called even if freeze() has not returned. Only a process that
-        is killed calls nothing: a program that freezes file systems needs another that thaws for it.
+        When `limits.rest` is over it is called even if freeze() has not returned. It is not called when
+        the process is killed: a program that freezes file systems needs another one that thaws then.
         """
         raise NotImplementedError
 
     def finished(self, snapshot: Snapshot, failure: Optional[str]) -> None:
         """The handshake is over. `failure` says why the snapshot does not count for this host; None if
-        it stayed at rest until the appliance was done. Whether the split succeeded only that knows."""
+        it stayed at rest until the appliance was done. Only the appliance knows whether the split
+        succeeded."""
 
     def run(self) -> None:
         """Subscribes, and takes part until stop(), SIGTERM, SIGINT or SIGHUP; then unsubscribes.

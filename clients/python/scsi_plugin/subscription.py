@@ -34,7 +34,7 @@ _STREAM_END = 1.0
 class Subscription:
     """At one appliance: made again whenever it ends, until stop(). Its handshakes run on other threads.
 
-    `over` is called at the end of the thread, which whoever makes this starts.
+    The owner starts `thread`, at whose end `over` is called.
     """
 
     def __init__(self, plugin: HostPlugin, appliance: str, client: Any,

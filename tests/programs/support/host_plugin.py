@@ -9,7 +9,7 @@ from support.waiting import wait_until
 class HostPlugin(Host):
     """Does its part of the handshake of each LUN that is announced, as far as it is asked to.
 
-    Subscribes as the plugin without a name, which alone is told the end of a handshake.
+    Subscribes with an empty id: only that subscriber is told the end of a handshake.
     """
 
     def __init__(self, daemon, starts=True, departs=True):

@@ -15,7 +15,8 @@ hold_session() {
   echo $! >"$state/pid"
 }
 
-tell_session() { printf '%s\n' "$1" >"$state/in"; }
+# Opened for both directions: opened for writing alone, a fifo whose client has ended would block.
+tell_session() { printf '%s\n' "$1" 1<>"$state/in"; }
 
 # wait_for_answer TEXT: until the client has printed it on a line of its own. Fails, with what it
 # printed, when the client has ended.

@@ -1,5 +1,5 @@
-#ifndef BENCH_LOAD_PEERS_H_
-#define BENCH_LOAD_PEERS_H_
+#ifndef BENCH_LOAD_BROKERS_H_
+#define BENCH_LOAD_BROKERS_H_
 
 #include <memory>
 #include <string>
@@ -37,4 +37,4 @@ class broker_subscribers : public subscribers {
 
 }  // namespace vexo::bench
 
-#endif  // BENCH_LOAD_PEERS_H_
+#endif  // BENCH_LOAD_BROKERS_H_

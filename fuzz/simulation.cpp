@@ -1,4 +1,4 @@
-#include "made_up.h"
+#include "simulation.h"
 
 #include <pthread.h>
 

@@ -1,4 +1,4 @@
-#include "plugin_freezer/report.h"
+#include "plugin_freezer/agent_connection.h"
 
 #include <sys/socket.h>
 #include <syslog.h>
@@ -12,13 +12,13 @@
 
 namespace vexo::tools {
 
-reporter::~reporter() { std::cerr << lines_ << std::flush; }
+agent_connection::~agent_connection() { std::cerr << lines_ << std::flush; }
 
-void reporter::send(const FreezerReport& report) {
+void agent_connection::send(const FreezerReport& report) {
   if (socket_ >= 0) send_packet(socket_, report);
 }
 
-void reporter::say(const std::string& text, bool is_error) {
+void agent_connection::write_line(const std::string& text, bool is_error) {
   if (socket_ < 0) {
     lines_ += journal_prefix(is_error ? LOG_ERR : LOG_WARNING) +
               "plugin_freezer: " + printable(text).str() + "\n";
@@ -30,17 +30,11 @@ void reporter::say(const std::string& text, bool is_error) {
   send(report);
 }
 
-std::optional<FreezerRequest> reporter::receive(bool& closed) {
+std::optional<FreezerRequest> agent_connection::receive(bool& closed) {
   FreezerRequest request;
-  switch (receive_packet(socket_, request)) {
-    case packet::received:
-      return request;
-    case packet::none:
-      return std::nullopt;
-    case packet::closed:
-      break;
-  }
-  closed = true;
+  const packet got = receive_packet(socket_, request);
+  if (got == packet::received) return request;
+  if (got == packet::closed) closed = true;
   return std::nullopt;
 }
 

@@ -1,5 +1,5 @@
-#ifndef FUZZ_MADE_UP_H_
-#define FUZZ_MADE_UP_H_
+#ifndef FUZZ_SIMULATION_H_
+#define FUZZ_SIMULATION_H_
 
 #include <grpcpp/server_context.h>
 
@@ -9,8 +9,8 @@
 #include <string>
 #include <utility>
 
-// The time that the daemon's code lives in, and the calls that it sees, in a target. In the
-// daemon's objects the functions of made_up.cpp take the place of what seams.txt names.
+// The clock that the daemon's code reads in a target, and the calls that it sees. In the daemon's
+// objects the functions of simulation.cpp replace those that redirected_symbols.txt names.
 namespace vexo::fuzz {
 
 using time_point = std::chrono::system_clock::time_point;
@@ -27,8 +27,8 @@ struct virtual_time {
 
 virtual_time& the_time();
 
-// Thrown out of a broadcast that has met a vanished subscriber: by contract it examines that one
-// for ever, and a target has to go on.
+// Thrown out of a broadcast that has met a vanished subscriber: by contract it examines that
+// subscriber for ever, and a target has to go on.
 struct never_returns : std::exception {};
 
 // The context of a call that nobody made: its peer, and whether it was cancelled, are the target's
@@ -38,12 +38,12 @@ struct fake_call : grpc::ServerContext {
 
   const std::string from;
   bool cancelled = false;
-  // How often the daemon has been told of the cancellation since a target set this to 0. Whoever is
-  // told so `enough` times does not mean to stop asking, and gets a never_returns.
+  // How often the daemon has seen the cancellation since a target set this to 0. A caller that has
+  // seen it `enough` times would go on for ever, and gets a never_returns.
   int told = 0;
   static inline int enough = 3;  // set before all else
 };
 
 }  // namespace vexo::fuzz
 
-#endif  // FUZZ_MADE_UP_H_
+#endif  // FUZZ_SIMULATION_H_

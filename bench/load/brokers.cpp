@@ -1,4 +1,4 @@
-#include "peers.h"
+#include "brokers.h"
 
 #include <charconv>
 

@@ -1,4 +1,4 @@
-#include "plugin_freezer/survival.h"
+#include "plugin_freezer/process_settings.h"
 
 #include <sys/mman.h>
 #include <sys/prctl.h>

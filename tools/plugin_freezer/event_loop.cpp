@@ -1,4 +1,4 @@
-#include "plugin_freezer/outside.h"
+#include "plugin_freezer/event_loop.h"
 
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -10,10 +10,10 @@
 
 namespace vexo::tools {
 
-outside::outside(int socket) : report(socket) {
+event_loop::event_loop(int socket) : agent(socket) {
   sigset_t set;
   sigfillset(&set);
-  // What a fault of this program raises must not be blocked.
+  // A fault of this program must end it.
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
     sigdelset(&set, fault);
   pthread_sigmask(SIG_SETMASK, &set, nullptr);
@@ -23,13 +23,13 @@ outside::outside(int socket) : report(socket) {
   if (!signals_) throw std::system_error(errno, std::generic_category(), "signalfd");
 }
 
-void outside::wait(std::chrono::steady_clock::time_point until) {
-  // An agent that has gone is readable for ever.
-  programs.wait({signals_.get(), agent_gone ? -1 : report.fd()}, until);
+void event_loop::wait(std::chrono::steady_clock::time_point until) {
+  // A socket that was closed by the other side stays readable.
+  programs.wait({signals_.get(), agent_gone ? -1 : agent.fd()}, until);
   signalfd_siginfo info = {};
   while (read(signals_.get(), &info, sizeof info) == sizeof info) terminated = true;
-  if (report.fd() < 0) return;
-  while (auto request = report.receive(agent_gone)) requests.push_back(std::move(*request));
+  if (agent.fd() < 0) return;
+  while (auto request = agent.receive(agent_gone)) requests.push_back(std::move(*request));
 }
 
 }  // namespace vexo::tools
