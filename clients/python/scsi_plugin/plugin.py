@@ -10,6 +10,9 @@ from .daemon import split_address
 from .handshake import Limits, Snapshot
 from .subscription import Subscription
 
+# Windows has no SIGHUP, but SIGBREAK: Ctrl+Break, or its console is closed.
+_SIGNALS = [getattr(signal, name) for name in ("SIGTERM", "SIGINT", "SIGHUP", "SIGBREAK")
+            if hasattr(signal, name)]
 # Seconds. Python runs signal handlers on the main thread only. A signal that the kernel delivers to another
 # thread does not wake the main thread, so it looks this often.
 _LOOK = 0.5
@@ -74,13 +77,13 @@ class HostPlugin:
         succeeded."""
 
     def run(self) -> None:
-        """Subscribes, and takes part until stop(), SIGTERM, SIGINT or SIGHUP; then unsubscribes.
+        """Subscribes, and takes part until stop(), SIGTERM, SIGINT or SIGHUP (on Windows SIGBREAK); then
+        unsubscribes.
 
         A host that is at rest then stays so until the split is over, at most for `limits.rest`; at a
         second signal it takes its departure back and thaws. Call it on the main thread.
         """
-        handled = {number: signal.signal(number, lambda *_: self.stop())
-                   for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP)}
+        handled = {number: signal.signal(number, lambda *_: self.stop()) for number in _SIGNALS}
         going_on = list(self._subscriptions)
         told_to_stop = False
         try:
