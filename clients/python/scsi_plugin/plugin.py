@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import queue
 import signal
+import threading
 from typing import Iterable, Optional, Union
 
 from . import messages
@@ -81,9 +82,12 @@ class HostPlugin:
         unsubscribes.
 
         A host that is at rest then stays so until the split is over, at most for `limits.rest`; at a
-        second signal it takes its departure back and thaws. Call it on the main thread.
+        second signal it takes its departure back and thaws. Signals are for the main thread: on another one,
+        as in a Windows service, only stop() ends it.
         """
-        handled = {number: signal.signal(number, lambda *_: self.stop()) for number in _SIGNALS}
+        is_main = threading.current_thread() is threading.main_thread()
+        handled = {number: signal.signal(number, lambda *_: self.stop())
+                   for number in (_SIGNALS if is_main else ())}
         going_on = list(self._subscriptions)
         told_to_stop = False
         try:
