@@ -77,6 +77,12 @@ def begin_if_idle(self, announced):
         begin(self, announced)
 
 
+def begin_and_wait(self, announced):
+    self._plugin.luns = [announced.src_lun_p80]
+    begin(self, announced)
+    self._handshakes[announced.src_lun_p80][1].join()
+
+
 def unsubscribe_and_end(self, at_once):
     self._daemon.unsubscribe(self._client)
     os._exit(0)
@@ -118,6 +124,7 @@ FAULTS = {  # what is put in the place of what
     "waits to be told the end": (Handshake, "_stands", wait_to_be_told),
     "never thaws": (Plugin, "thaw", lambda *_: None),
     "takes part for every LUN": (plugin, "frozenset", lambda _: Everything()),
+    "takes part for every LUN in turn": (Subscription, "_begin", begin_and_wait),
     "ends without unsubscribing": (Daemon, "unsubscribe", lambda *_: os._exit(0)),
     "never withdraws": (Handshake, "_withdraw", lambda _: None),
     "goes on after a no": (Handshake, "_start_mirror", lambda self: ask(self, "start_mirror_req")),
