@@ -125,7 +125,8 @@ def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon
     daemon.call.wait_until_listed("me")
     if in_freeze:
         assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
-        wait_until(AT_REST_FILE.exists) if what != "fails to freeze" else None
+        if what != "fails to freeze":
+            wait_until(AT_REST_FILE.exists)
         if what == "hangs in its freeze":
             wait_until(lambda: not AT_REST_FILE.exists())
         time.sleep(0.2)
