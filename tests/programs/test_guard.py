@@ -45,7 +45,8 @@ def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, 
     wait_until(lambda: [reported(key) for key in ("hosts", "sweeps", "restarts")] == [1, 3, 0])
     metrics = pathlib.Path("/tmp/guard.prom")
     wait_until(lambda: {"scsi_plugin_guard_hosts 1", "scsi_plugin_guard_sweeps_total 3",
-                        'scsi_plugin_guard_state{state="ok"} 1'} <= {*metrics.read_text().splitlines()})
+                        'scsi_plugin_guard_state{state="ok"} 1',
+                        'scsi_plugin_guard_state{state="down"} 0'} <= {*metrics.read_text().splitlines()})
     assert guard.err.count('swept "') == 3
     seconds = re.search(r'state_seconds_total{state="ok"} ([\d.]+)', metrics.read_text())[1]
     assert float(seconds) > 0
