@@ -69,6 +69,7 @@ def test_plugins_that_are_right_pass(plugin):
     ("waits to be told the end", "notices_end thaws again"),
     ("never thaws", "thaws"),
     ("takes part for every LUN", "other_lun"),
+    ("takes part for every LUN in turn", "other_lun"),
     ("ends without unsubscribing", "unsubscribes"),
     ("never withdraws", "long_split"),
     ("goes on after a no", "withdrawn"),
@@ -89,6 +90,16 @@ def test_each_fault_is_found(fault, failed):
 def test_a_plugin_of_which_nothing_could_be_tried_does_not_pass():
     tried = check_plugin("--only", "two_luns", "--", *WRONG, "none", "{lun}", "{appliance}")
     assert tried == (1, {}, {"two_luns"})
+
+
+@pytest.mark.parametrize("words, status, text", [
+    (["true"], 2, "put -- before the COMMAND"),
+    (["--", "true", "{apliance}"], 2, "{apliance} in COMMAND is none of {appliance}, {lun} and {lun2}"),
+    (["--only", "answers", "--", "sh", "-c", "echo ${VEXO_LUN}: the database is down"], 1,
+     f"    {LUN}: the database is down")])
+def test_the_author_is_told_what_is_wrong(words, status, text):
+    said = run(sys.executable, "-B", SOURCE / "clients/check_plugin", *words, patience=200)
+    assert said.status == status and text in said.out + said.err
 
 
 @pytest.mark.parametrize("appliance", ["", "nas..1", "nas:", "nas:65536", "::1"])
@@ -149,6 +160,17 @@ def test_the_package_thaws_before_it_takes_part_again(daemon):
     assert not announced.done()
     pathlib.Path("/tmp/may_go_on").touch()
     assert announced.result().success
+
+
+def test_the_package_goes_on_when_there_was_no_thread_for_a_snapshot(log, daemon):
+    plugin = Program(*WRONG, "has no thread for its first snapshot", LUN, "localhost")
+    log.wait_for("Connected")
+    daemon.call.wait_until_listed("me")
+    unanswered = daemon.call.begin(init_snapshot(LUN))
+    plugin.wait_for_err("no part in the snapshot")
+    assert daemon.call.ask(depart_done(LUN, -1))
+    daemon.call.whole_handshake()
+    unanswered.cancel()
 
 
 def test_two_of_one_plugin_id_do_not_fight_at_full_speed(daemon):

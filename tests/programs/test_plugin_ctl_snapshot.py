@@ -110,6 +110,7 @@ def test_ends_what_it_began(log, daemon, snapshot, options, host, interrupted_in
 def test_goes_on_without_a_host_when_it_is_told_to(log, daemon, snapshot):
     refused = snapshot("--split", "touch /tmp/was_split")
     assert refused.wait() == 1 and not os.path.exists("/tmp/was_split")
+    assert "no host is subscribed" in verdict(refused)["reason"]
     mistyped = snapshot(lun=LUN.upper())
     assert mistyped.wait() == 1 and "nothing was announced" in mistyped.err
     assert log.count("Init snapshots broadcast") == 0

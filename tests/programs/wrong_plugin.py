@@ -77,9 +77,22 @@ def begin_if_idle(self, announced):
         begin(self, announced)
 
 
+def begin_and_wait(self, announced):
+    self._plugin.luns = [announced.src_lun_p80]
+    begin(self, announced)
+    self._handshakes[announced.src_lun_p80][1].join()
+
+
 def unsubscribe_and_end(self, at_once):
     self._daemon.unsubscribe(self._client)
     os._exit(0)
+
+
+def start_but_for_one_snapshot(self):
+    if self.name.startswith("snapshot of") and not hasattr(threading, "refused"):
+        threading.refused = True
+        raise RuntimeError("can't start new thread")
+    start_thread(self)
 
 
 class Everything:
@@ -90,6 +103,7 @@ class Everything:
 Handshake, Subscription, Daemon = handshake.Handshake, subscription.Subscription, daemon.Daemon
 ask_daemon, ask, stands = Daemon._ask, Handshake._ask, Handshake._stands
 start_mirror, growing, begin = Handshake._start_mirror, handshake._growing, Subscription._begin
+start_thread = threading.Thread.start
 FAULTS = {  # what is put in the place of what
     "none": [],
     "rests shortly": [],
@@ -110,6 +124,7 @@ FAULTS = {  # what is put in the place of what
     "waits to be told the end": (Handshake, "_stands", wait_to_be_told),
     "never thaws": (Plugin, "thaw", lambda *_: None),
     "takes part for every LUN": (plugin, "frozenset", lambda _: Everything()),
+    "takes part for every LUN in turn": (Subscription, "_begin", begin_and_wait),
     "ends without unsubscribing": (Daemon, "unsubscribe", lambda *_: os._exit(0)),
     "never withdraws": (Handshake, "_withdraw", lambda _: None),
     "goes on after a no": (Handshake, "_start_mirror", lambda self: ask(self, "start_mirror_req")),
@@ -122,6 +137,7 @@ FAULTS = {  # what is put in the place of what
         ("grpc.keepalive_time_ms", 1000), ("grpc.http2.max_pings_without_data", 0),
         ("grpc.http2.min_ping_interval_without_data_ms", 1000),
         ("grpc.http2.min_time_between_pings_ms", 1000)]),
+    "has no thread for its first snapshot": (threading.Thread, "start", start_but_for_one_snapshot),
     "forgets its promise at SIGTERM": (Subscription, "stop", unsubscribe_and_end),
 }
 
