@@ -142,6 +142,7 @@ def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon
         elif what == "is told to stop twice":
             wait_until(lambda: plugin.signal(signal.SIGTERM) or time.sleep(0.1) or not AT_REST_FILE.exists())
         elif what != "rests shortly":
+            wait_until(lambda: log.count("Depart relation start") > 1)  # its departure was answered
             daemon.kill()
             start_daemon()
     plugin.wait_for_out(failure)
