@@ -11,6 +11,7 @@ import argparse
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import sys
@@ -19,6 +20,7 @@ import time
 LUN, SECOND_LUN = "1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6", "5f0c7a52-91d4-4c1e-8a37-0b6de2f94a10"
 OK, FAILED, USAGE, NOT_TRIED = 0, 1, 2, 3  # exit codes; argparse has the third
 FAILURE = "FAILED"
+LAST_LINES = 15  # of a plugin's, that are shown after a failure
 EXAMPLE = """exit codes: 0 all is well, 1 something has failed, 2 usage, 3 could not be tried
 
 example:
@@ -54,11 +56,15 @@ def parse(arguments):
                         help="in which keepalive pings are looked for (33); 310 would find all")
     parser.add_argument("--logs", metavar="DIRECTORY",
                         help="leave there what the plugin printed and the daemon logged")
-    options, dashes, command = (arguments, [], []) if "--" not in arguments else (
-        arguments[:arguments.index("--")], ["--"], arguments[arguments.index("--") + 1:])
-    settings = parser.parse_args(options)
-    if not dashes or not command:
-        parser.error("say after -- which COMMAND starts the plugin")
+    options, command = (arguments, []) if "--" not in arguments else (
+        arguments[:arguments.index("--")], arguments[arguments.index("--") + 1:])
+    settings, words = parser.parse_known_args(options)
+    if words and words[0].startswith("-"):
+        parser.error(f"unknown option {words[0]}")
+    if words or not command:
+        parser.error("put -- before the COMMAND that starts the plugin")
+    if unknown := set(re.findall(r"(?<!\$)\{(\w+)\}", " ".join(command))) - {"appliance", "lun", "lun2"}:
+        parser.error(f"{{{min(unknown)}}} in COMMAND is none of {{appliance}}, {{lun}} and {{lun2}}")
     if not shutil.which(command[0]):
         parser.error(f"{command[0]}: no such program")
     if settings.logs:
@@ -96,10 +102,13 @@ def kept_paths(settings):
 
 
 def try_one(function, settings, pipe):
-    """In a process of its own. Writes a line of JSON for each verdict."""
+    """In a process of its own. Writes a line of JSON for each verdict, and one, without a name, for the last
+    lines that the plugin printed."""
     from appliance import Missed
     from checks import Verdicts
     from support import namespaces
+    from support.daemon import Daemon
+    from support.program import Program
 
     def say(*verdict):
         os.write(pipe, json.dumps(verdict).encode() + b"\n")
@@ -120,6 +129,8 @@ def try_one(function, settings, pipe):
     except Missed as missed:
         verdicts.end(str(missed), "missed")
     finally:
+        printed = [each.err or each.out for each in Program.started if not isinstance(each, Daemon)]
+        say(None, "printed", "\n".join("".join(printed[-1:]).splitlines()[-LAST_LINES:]))
         if logs:
             write_logs(logs)
     return OK
@@ -139,7 +150,7 @@ def write_logs(file):
 
 
 def try_all(settings):
-    """All verdicts and sentences, by name."""
+    """All verdicts and sentences, by name; and what the plugin printed last in a trial that has failed."""
     from support import namespaces
     begun = []
     for function in settings.trials:
@@ -147,14 +158,17 @@ def try_all(settings):
         begun.append((function, reading, namespaces.fork(
             lambda: namespaces.keep(lambda: try_one(function, settings, writing)))))
         os.close(writing)
-    results = {}
+    results, printed = {}, {}
     for function, reading, process in begun:
         with open(reading, encoding="utf-8") as lines:
             for name, verdict, text in map(json.loads, lines):
-                if name is None:
+                if verdict == "printed":
+                    printed[function] = text
+                elif name is None:
                     print(f"scripts/check-plugin: {text}", file=sys.stderr)
                     sys.exit(NOT_TRIED)
-                results[name] = verdict, text
+                else:
+                    results[name] = verdict, text
         os.waitpid(process, 0)
         for name in settings.trials[function]:
             if name not in results:
@@ -163,25 +177,31 @@ def try_all(settings):
     # "missed": the trial could not go on. The reason is mostly one that another check has found, and then
     # only that one counts as failed.
     has_failed = any(verdict == FAILURE for verdict, _ in results.values())
-    return {name: ("skipped" if has_failed else FAILURE, text) if verdict == "missed" else (verdict, text)
-            for name, (verdict, text) in results.items()}
+    results = {name: ("skipped" if has_failed else FAILURE, text) if verdict == "missed" else (verdict, text)
+               for name, (verdict, text) in results.items()}
+    failed = [printed[function] for function, checks in settings.trials.items()
+              if any(results[name][0] == FAILURE for name in checks)]
+    return results, next(filter(None, failed), "")
 
 
 def main():
     settings = parse(sys.argv[1:])
-    print("scripts/check-plugin: this takes about a minute", file=sys.stderr)
-    results = try_all(settings)
+    print("scripts/check-plugin: this takes about a minute, or two when much fails", file=sys.stderr)
+    results, printed = try_all(settings)
     about = {name: text for checks in settings.trials.values() for name, text in checks.items()}
     verdicts = [verdict for verdict, _ in results.values()]
     passed = "ok" in verdicts and FAILURE not in verdicts
     if settings.output == "json":
         print(json.dumps({"passed": passed, "checks": [
             {"name": name, "about": about[name], "verdict": results[name][0], "text": results[name][1]}
-            for name in about]}, indent=2))
+            for name in about], "printed": printed}, indent=2))
     else:
         for name, title in about.items():
             print(f"{results[name][0]:8} {name:17} {title}: {results[name][1]}")
         print("\n" + ", ".join(f"{verdicts.count(each)} {each}" for each in ("ok", FAILURE, "skipped")))
+        if printed:
+            print("what the plugin printed last (all of it: --logs DIRECTORY):\n" +
+                  "".join(f"    {line}\n" for line in printed.splitlines()), end="")
     return OK if passed else FAILED
 
 

@@ -194,7 +194,7 @@ class RefusingDaemon(PluginServiceServicer):
     (signal.SIGINT, 0.3, "a handshake for this LUN is under way"),  # a signal waits for the refusal
     (0, 1.1, "no host answered with start_mirror"),
 ])
-def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, number, pause, err):
+def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, plugin_ctl, number, pause, err):
     daemon = RefusingDaemon()
     serve(daemon)
     tool = snapshot("-t", TCP)
@@ -206,6 +206,8 @@ def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, numb
     assert err in tool.err
     (asked, time_left), = daemon.asked
     assert asked == "init_snapshot_req" and time_left > 60
+    assert plugin_ctl("publish", "init-snapshot", "--p80", LUN, "-t", TCP).status == 1
+    assert daemon.asked[-1][1] > 60
 
 
 @pytest.mark.parametrize("command, step, all_outcomes", [

@@ -1,4 +1,5 @@
-# What plugin_freezer promises: spoken to over its socket in the agent's place, or beside the agent.
+# What plugin_freezer promises. The tests speak to it over its socket instead of an agent, or through an
+# agent.
 
 import os
 import pathlib
@@ -89,7 +90,7 @@ def test_the_last_member_to_leave_ends_the_rest(volume):
     assert (thawed.reason, thawed.certain) == (b"", True)
     volume.wait_until_thawed()
     assert freezer.wait() == 0 and not RECORD.exists()
-    assert not pathlib.Path("/tmp/commanded").exists(), "somebody had asked for this thaw"
+    assert not pathlib.Path("/tmp/commanded").exists(), "the member itself has asked for this thaw"
 
 
 @pytest.mark.parametrize("cause, reason", [
@@ -99,7 +100,8 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
     """While the host is still at rest; one that hangs holds up the thaw for a second, and never past the
     deadline."""
     def command(name):
-        return ["/bin/sh", "-c", f"touch /tmp/{name}; dd of={volume.path}/{name} oflag=sync count=1 </dev/zero"]
+        write = f"dd of={volume.path}/{name} oflag=sync count=1 </dev/zero; touch /tmp/written_{name}"
+        return ["/bin/sh", "-c", f"({write}) & sleep 0.1; [ -e /tmp/written_{name} ] || touch /tmp/{name}; wait"]
     freezer = Freezer(volume.path, command=command("a"))
     for name in ("c", "b"):
         freezer.ask(join={"name": name.encode(), "command": [os.fsencode(word) for word in command(name)]})
@@ -118,7 +120,7 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
         assert reason in freezer.report("thawed").reason
     volume.wait_until_thawed()
     assert [pathlib.Path(f"/tmp/{name}").exists() for name in "abc"] == [True, True, False]
-    assert volume.longest_stall() < 1.5 + SLACK
+    assert volume.longest_stall() < 2 + 3 * SLACK
     assert freezer.wait() in (0, -signal.SIGKILL)
 
 
@@ -219,7 +221,7 @@ def test_thaw_hooks_that_hang_keep_nothing_else_frozen(daemon, volume, make_volu
 @pytest.mark.parametrize("how", ["--thaw-and-exit", "--thaw-and-exit, agent and freezer stopped",
                                  "second SIGTERM"])
 def test_the_emergency_thaws_at_once(daemon, volume, hooks, start_agent, how):
-    """Whatever the living agent waits for."""
+    """Although the agent waits for a daemon that does not answer."""
     agent = start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", "60")
     daemon.call.go_to_split()
     volume.wait_until_frozen()
@@ -260,19 +262,21 @@ def test_a_stopped_freezer_of_a_killed_agent_is_woken(daemon, volume, start_agen
 
 @pytest.mark.parametrize("is_emergency", [False, True], ids=["", "--thaw"])
 def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_agent, is_emergency):
-    """Played by a process that has its lock and does nothing. In an emergency it has a second."""
+    """A process that has the lock and does nothing stands for it. In an emergency it has a second."""
     freezer = Freezer(volume.path, max_freeze=60000)
     record = RECORD.read_text()
     freezer.kill()
     limit = int((time.monotonic() + (60 if is_emergency else 2)) * 1000)
     lines = [f"until: {limit}" if line.startswith("until:") else line for line in record.splitlines()]
     RECORD.write_text("\n".join(lines))
-    hung = Program(sys.executable, "-c", "import fcntl, signal, time; signal.signal(signal.SIGTERM, signal.SIG_IGN);"
-                   "lock = open('/run/plugin_agent/lock', 'r+');"
+    hung = Program(sys.executable, "-c", "import fcntl, signal, time;"
+                   "signal.signal(signal.SIGTERM, signal.SIG_IGN); lock = open('/run/plugin_agent/lock', 'r+');"
                    "fcntl.lockf(lock, fcntl.LOCK_EX); print('locked', flush=True); time.sleep(600)")
     hung.wait_for_out("locked")
-    agent = Program(PLUGIN_FREEZER, "--thaw") if is_emergency else start_agent("--fs", volume.path, serves=False)
-    if not is_emergency:
+    if is_emergency:
+        agent = Program(PLUGIN_FREEZER, "--thaw")
+    else:
+        agent = start_agent("--fs", volume.path, serves=False)
         agent.wait_for_err(f"freezer {hung.pid} has this host at rest; waiting for at most ")
     agent.wait_for_err(f"freezer {hung.pid} hangs; it is killed")
     volume.wait_until_thawed()
@@ -328,7 +332,8 @@ def test_the_record_leads_to_a_file_system_wherever_it_is_mounted(volume, way):
     elif way == "damaged record":
         RECORD.write_text(RECORD.read_text() + "cut o")
     elif way == "without the right":
-        assert "Operation not permitted" in run("setpriv", "--bounding-set=-sys_admin", PLUGIN_FREEZER, "--thaw").err
+        refused = run("setpriv", "--bounding-set=-sys_admin", PLUGIN_FREEZER, "--thaw")
+        assert refused.status == 4 and "Operation not permitted" in refused.err
         assert RECORD.exists()
     else:
         assert run("umount", "--lazy", volume.path).status == 0

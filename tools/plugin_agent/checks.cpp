@@ -26,7 +26,7 @@ namespace {
 
 constexpr char kThaw[] = "thaw with \"plugin_agent --thaw-and-exit\"";
 
-// Of this process, and so of the freezers that it starts.
+// Whether this process, and so each freezer that it starts, has the capability.
 bool has_capability(int number) {
   std::ifstream status("/proc/self/status");
   for (std::string name; status >> name;) {
@@ -36,7 +36,7 @@ bool has_capability(int number) {
   return false;
 }
 
-// Whether the ids here are those of the machine: only then is CAP_SYS_ADMIN enough to freeze.
+// Whether this is the machine's own user namespace: only there is CAP_SYS_ADMIN enough to freeze.
 bool is_initial_user_namespace() {
   constexpr std::uint64_t kAllIds = 0xFFFFFFFF;
   std::uint64_t first = 0;
@@ -181,7 +181,7 @@ void check_disk(const agent_options& options, const std::string& lun, const Host
                 findings& found) {
   const std::string what = "LUN " + lun;
   if (disk.lun() != lun) {
-    found.warn(what, "is not what an appliance always announces " + disk.device() + " by",
+    found.warn(what, "names " + disk.device() + ", but not every appliance announces it by that",
                "name " + disk.lun() + " in --lun");
   }
   std::vector<std::string> missing;
@@ -292,10 +292,9 @@ void check_luns(const agent_options& options, const std::vector<appliance_findin
     if (disk != disks.end()) {
       check_disk(options, lun, *disk, found);
     } else {
-      found.warn(
-          what, "is no SCSI disk of this host",
-          "see \"plugin_agent luns\"; a UUID that only the appliance knows is not to be seen "
-          "from here");
+      found.warn(what, "is no SCSI disk of this host",
+                 "see \"plugin_agent luns\"; a UUID that only the appliance knows cannot be seen "
+                 "here");
     }
   }
 }

@@ -33,7 +33,7 @@ quiesce::quiesce(const FreezerPlan& plan, event& news) : plan_(plan) {
 }
 
 quiesce::~quiesce() {
-  left_.raise();
+  destroyed_.raise();
   if (thread_.joinable()) thread_.join();
 }
 
@@ -145,7 +145,7 @@ void quiesce::raise_all() {
 
 void quiesce::listen() {
   for (bool gone = false; !gone;) {
-    pollfd watched[] = {{freezer_->fd(), POLLIN, 0}, {left_.fd(), POLLIN, 0}};
+    pollfd watched[] = {{freezer_->fd(), POLLIN, 0}, {destroyed_.fd(), POLLIN, 0}};
     if (poll_until(watched, next_report()) == 0) {
       freezer_->kill();
       const std::lock_guard lock(mutex_);

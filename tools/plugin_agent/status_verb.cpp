@@ -13,8 +13,8 @@ namespace vexo::tools {
 
 namespace {
 
-// Has each appliance say itself whether it lists the agent. The agent does not ask: nothing that it
-// is asked may cost it, or a daemon that hangs, anything.
+// Asks each appliance whether it lists the agent. The agent does not ask for this itself, so that
+// no question for its status has to wait for an appliance.
 void ask_appliances(AgentStatus& status) {
   std::vector<std::jthread> threads;
   for (auto& one : *status.mutable_appliances()) {
@@ -106,10 +106,9 @@ exit_code show_status(const agent_options& options, interrupt& /*stop*/) {
          "with the same"});
   }
   if (answers.empty()) {
-    throw tool_error(
-        {exit_code::unreachable, tried, "no agent is running",
-         "start it, \"systemctl start scsi-plugin-agent\", or name its --run-dir; what "
-         "keeps it from starting, \"plugin_agent check\" says"});
+    throw tool_error({exit_code::unreachable, tried, "no agent is running",
+                      "start it, \"systemctl start scsi-plugin-agent\", or name its --run-dir; "
+                      "\"plugin_agent check\" says what keeps it from starting"});
   }
   exit_code worst = exit_code::done;
   shown_text text;

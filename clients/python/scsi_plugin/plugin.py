@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import queue
 import signal
+import threading
 from typing import Iterable, Optional, Union
 
 from . import messages
@@ -10,6 +11,9 @@ from .daemon import split_address
 from .handshake import Limits, Snapshot
 from .subscription import Subscription
 
+# Windows has no SIGHUP, but SIGBREAK: Ctrl+Break, or its console is closed.
+_SIGNALS = [getattr(signal, name) for name in ("SIGTERM", "SIGINT", "SIGHUP", "SIGBREAK")
+            if hasattr(signal, name)]
 # Seconds. Python runs signal handlers on the main thread only. A signal that the kernel delivers to another
 # thread does not wake the main thread, so it looks this often.
 _LOOK = 0.5
@@ -74,13 +78,16 @@ class HostPlugin:
         succeeded."""
 
     def run(self) -> None:
-        """Subscribes, and takes part until stop(), SIGTERM, SIGINT or SIGHUP; then unsubscribes.
+        """Subscribes, and takes part until stop(), SIGTERM, SIGINT or SIGHUP (on Windows SIGBREAK); then
+        unsubscribes.
 
         A host that is at rest then stays so until the split is over, at most for `limits.rest`; at a
-        second signal it takes its departure back and thaws. Call it on the main thread.
+        second signal it takes its departure back and thaws. Signals are for the main thread: on another one,
+        as in a Windows service, only stop() ends it.
         """
+        is_main = threading.current_thread() is threading.main_thread()
         handled = {number: signal.signal(number, lambda *_: self.stop())
-                   for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP)}
+                   for number in (_SIGNALS if is_main else ())}
         going_on = list(self._subscriptions)
         told_to_stop = False
         try:
