@@ -25,9 +25,6 @@ constexpr char kDepartDone[] = "depart_done";
 constexpr char kNo[] = "the daemon's answer is no (success: false)";
 constexpr char kSyslogName[] = "scsi-plugin-snapshot";
 
-// A departure that stands is confirmed at once.
-constexpr milliseconds kConfirmTime{2000};
-
 bool is_yes(const outcome<PluginCmdResp>& result) {
   return result.answered() && result.response.success();
 }
@@ -244,7 +241,9 @@ snapshot::lun_calls snapshot::confirm() {
     const std::string reason = "the host did not stay at rest until the split was over";
     fail(step, SnapshotStep::FAILED, reason,
          {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
-          "do not use the copy; the host's own record says why its rest ended"});
+          "do not use the copy; the verdict in the host's log says why its rest ended; there is "
+          "none if "
+          "the agent was killed"});
   };
   return calls;
 }
