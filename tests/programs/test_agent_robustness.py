@@ -1,5 +1,4 @@
-# What the host agent withstands: hostile appliances, a log without a reader, and options that cannot
-# work.
+# What the host agent withstands: hostile appliances, a lack of threads, and a log without a reader.
 
 import os
 import signal
@@ -56,8 +55,8 @@ class Appliance(PluginServiceServicer):
             context.abort(grpc.StatusCode.UNKNOWN, self._refusal)
 
 
-def steering(text):
-    """What of it would do something to a terminal, beside the ends of its lines."""
+def control_characters(text):
+    """Its characters that would change a terminal, without the ends of lines."""
     return [character for character in text
             if character != "\n" and unicodedata.category(character) in ("Cc", "Cf", "Zl", "Zp")]
 
@@ -76,7 +75,7 @@ def test_a_flood_of_announcements_is_bounded(start_agent, luns):
     agent.leave()
 
 
-def test_threads_that_cannot_be_had_end_no_agent(start_agent):
+def test_goes_on_when_no_thread_can_be_started(start_agent):
     Appliance([init_snapshot(f"lun {number}") for number in range(600)])
     user = 40000 + os.getpid() % 20000
     # gRPC itself leaks a few bytes then.
@@ -106,7 +105,7 @@ def test_goes_on_when_nobody_reads_its_log(daemon, hooks):
 
 
 @pytest.mark.parametrize("refusal", [None, ESCAPES], ids=["list", "status"])
-def test_text_from_the_wire_steers_no_log_and_no_terminal(start_agent, start_plugin_ctl, refusal):
+def test_text_from_the_wire_is_shown_without_control_characters(start_agent, start_plugin_ctl, refusal):
     Appliance([init_snapshot(ESCAPES), init_snapshot(LUN)], ip=ESCAPES, refusal=refusal)
     agent = start_agent(serves=False)
     tools = [start_plugin_ctl("--target", TCP, *verb) for verb in (["list"], ["subscribe", "watcher"])]
@@ -116,5 +115,5 @@ def test_text_from_the_wire_steers_no_log_and_no_terminal(start_agent, start_plu
     agent.wait()
     assert r"\x1b[2J" in agent.err
     for each in (agent, *tools):
-        assert not steering(each.out + each.err)
+        assert not control_characters(each.out + each.err)
         assert not any(line.startswith('{"verdict') for line in (each.out + each.err).splitlines())

@@ -108,8 +108,8 @@ def test_runs_hooks_in_order_and_undoes_in_reverse(daemon, hooks, start_agent):
 
 
 @pytest.mark.parametrize("options", [(), ("--refused-hooks", "warn")])
-def test_a_refused_hook_is_told_at_the_start_and_fails_each_snapshot(daemon, hooks, start_agent, options):
-    """Its application would not have been asked. Without file systems, none would be left to vouch for."""
+def test_a_refused_hook_is_logged_at_the_start_and_fails_each_snapshot(daemon, hooks, start_agent, options):
+    """Its application would not be brought to rest. `warn` needs file systems, which are not given."""
     hooks.add("20-not-executable", mode=0o644)
     hooks.add("30-everybodys", mode=0o757)
     agent = start_agent("--hooks", hooks.path, *options)
@@ -190,7 +190,7 @@ def test_writes_metrics(daemon, hooks, start_agent):
 
 
 def test_its_lines_have_priorities_in_the_journal(daemon, start_agent):
-    """Whose device and inode the service manager names. The journal has the time of a line itself."""
+    """The service manager names the journal by device and inode. A line has no time, as the journal adds it."""
     agent = start_agent(before=("sh", "-c", 'JOURNAL_STREAM=$(stat -Lc %d:%i /proc/self/fd/2) exec "$@"', "sh"))
     daemon.call.whole_handshake()
     agent.wait_for_err('<6>{"time":')
@@ -299,7 +299,7 @@ def test_comes_back_when_the_daemon_is_started_anew(log, start_daemon, hooks, st
     agent.leave()
 
 
-def test_two_of_one_name_do_not_fight_at_full_speed(daemon, start_agent):
+def test_two_agents_of_one_name_replace_each_other_ever_more_slowly(daemon, start_agent):
     agents = start_agent("--verbose"), start_agent("--verbose")
     for agent in agents:
         agent.wait_for_err('another plugin subscribed as "host"')
@@ -333,8 +333,8 @@ def test_tries_each_address_of_a_name(daemon, start_agent):
 
 @pytest.mark.parametrize("step", ["idle", "in a handshake"])
 def test_notices_an_appliance_without_power(start_daemon, network, start_agent, step):
-    """Packets are dropped, and the daemon that comes back is another process. What was sent and not
-    acknowledged, as in a handshake, keeps the kernel from probing."""
+    """Packets are dropped, and the daemon that comes back is another process. In a handshake there is data
+    that is not acknowledged, and then the kernel sends no probes."""
     daemon = start_daemon()
     agent = start_agent(appliance=network.APPLIANCE, before=network.ON_HOST)
     daemon.call.wait_until_listed("host")
@@ -349,8 +349,8 @@ def test_notices_an_appliance_without_power(start_daemon, network, start_agent, 
 
 
 class ForgetfulDaemon(PluginServiceServicer):
-    """It has forgotten its first subscriber, as after an UnSubscribe that came between its registering
-    of the stream and its waiting on it."""
+    """It has forgotten its first subscriber, as when UnSubscribe comes between the registering of the
+    stream and the wait on it."""
 
     def __init__(self):
         self.subscriptions = 0

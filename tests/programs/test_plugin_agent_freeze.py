@@ -32,7 +32,7 @@ def start_freezer(daemon, volume, start_agent):
 
 @pytest.fixture
 def go_to(daemon, volume, hooks):
-    """The same, with one step more: while the daemon is stopped, and says nothing of the departure."""
+    """support.agent.go_to with a step "depart": the host is frozen, and a stopped daemon does not answer."""
     def go_to(step):
         agent.go_to("freeze" if step == "depart" else step, daemon.call, hooks)
         if step == "depart":
@@ -137,7 +137,7 @@ def test_a_new_agent_thaws_what_agent_and_freezer_could_not(volume, hooks, start
     assert not frozen.exists()
 
 
-def test_does_not_call_a_freeze_its_own_that_somebody_else_began(daemon, volume, start_freezer):
+def test_fails_when_somebody_else_has_frozen_the_file_system(daemon, volume, start_freezer):
     agent = start_freezer(limit=FAR_LIMIT)
     assert volume.freeze() == 0
     assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
@@ -147,7 +147,7 @@ def test_does_not_call_a_freeze_its_own_that_somebody_else_began(daemon, volume,
     assert volume.thaw() == 0, "it was not the agent's to thaw"
 
 
-def test_does_not_call_a_freeze_its_own_that_somebody_else_ended(daemon, volume, start_freezer):
+def test_fails_when_somebody_else_has_thawed_the_file_system(daemon, volume, start_freezer):
     agent = start_freezer(limit=FAR_LIMIT)
     daemon.call.go_to_split()
     assert volume.thaw() == 0
@@ -185,9 +185,9 @@ def test_the_ready_hook_freezes_what_its_file_names(daemon, volume, start_agent)
 
 
 def test_freezes_what_was_mounted_last_first(daemon, volume, hooks, make_volume, start_freezer):
-    """One lies in an image on the other, and can only come to rest while that one still takes writes.
+    """One lies in an image on the other, and can be frozen only while the other still takes writes.
 
-    What one hook has brought to rest does not vouch for another that is refused.
+    A refused hook keeps the verdict from being application-consistent, although another hook was run.
     """
     inner = make_volume(volume.path / "inner")
     hooks.add("20-refused", mode=0o644)
@@ -200,9 +200,9 @@ def test_freezes_what_was_mounted_last_first(daemon, volume, hooks, make_volume,
     agent.leave()
 
 
-def test_metrics_on_the_frozen_file_system_keep_no_killed_agent(daemon, volume, start_agent):
-    """They are written when a handshake ends, but not then: who waits for a frozen file system cannot be
-    killed, and the freezer would thaw at its limit only."""
+def test_a_killed_agent_does_not_hang_in_metrics_on_the_frozen_file_system(daemon, volume, start_agent):
+    """Metrics are written when a handshake ends, but not while the host is at rest: a process that waits for
+    a frozen file system cannot be killed, and the freezer would thaw only at the limit."""
     metrics = volume.path / "agent.prom"
     agent = start_agent("--fs", volume.path, "--metrics", metrics, lun="any")
     wait_until(metrics.exists)

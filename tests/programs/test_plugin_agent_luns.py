@@ -1,4 +1,4 @@
-# `plugin_agent luns`, over a made /sys/block.
+# `plugin_agent luns`, with a /sys/block of the test's own.
 
 import json
 import os
@@ -28,7 +28,7 @@ def page_83(*designators):
 
 
 class Disks:
-    """A folder like /sys/block, which takes its place in show()."""
+    """A folder like /sys/block; show() mounts it there."""
 
     def __init__(self):
         self.path = pathlib.Path("/tmp/block")
@@ -86,7 +86,7 @@ def test_one_row_for_each_lun_with_what_is_mounted_on_it(volume):
                                 str(volume.path)]
 
 
-def test_says_what_names_the_lun():
+def test_shows_the_identifier_that_names_the_lun_best():
     disks = Disks()
     named = [({"vpd_pg83": page_83(PORT, EUI, NAA)}, SEEN_NAA), ({"vpd_pg83": page_83(T10, EUI)}, EUI[2].hex()),
              ({"vpd_pg83": page_83(PORT, T10)}, T10[2][:-1].decode()), ({"vpd_pg83": page_83(PORT)}, ""),
@@ -97,7 +97,7 @@ def test_says_what_names_the_lun():
     assert [lun["lun"] for lun in disks.listed()] == [name for _, name in named]
 
 
-def test_pages_that_lie_about_their_lengths_do_no_harm():
+def test_pages_with_wrong_lengths_do_no_harm():
     disks, chance = Disks(), random.Random(1)
     pages = {"vpd_pg80": page_80(LUN), "vpd_pg83": page_83(T10, NAA, (10, 0, b"\0"), PORT)}
     cut = {file: [page[:length] for length in range(len(page))] for file, page in pages.items()}

@@ -52,7 +52,7 @@ def test_fails_when_a_snapshot_would_not_be_what_was_asked_for(hooks, fault, ver
     assert not hooks.is_frozen("10-a") or fault == "thaw"
 
 
-def test_keeps_out_of_the_way_of_a_snapshot(daemon, hooks, start_agent):
+def test_refuses_to_begin_while_the_host_is_at_rest(daemon, hooks, start_agent):
     agent = start_agent("--hooks", hooks.path)
     daemon.call.go_to_split()
     refused = rehearse("--hooks", hooks.path)

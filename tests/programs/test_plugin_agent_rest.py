@@ -47,7 +47,7 @@ def test_luns_that_are_ready_together_share_one_rest(daemon, hooks, start):
     assert hooks.take_runs() == 2 * ["10-a prepare"] + ["10-a freeze", "10-a thaw"]
 
 
-def test_what_is_at_rest_for_another_is_not_thawed_with_what_was_prepared(log, daemon, hooks, start):
+def test_a_handshake_that_was_only_prepared_does_not_thaw_the_rest_of_another(log, daemon, hooks, start):
     agent = start()
     go_to_split(daemon, LUN)
     assert daemon.call.ask(init_snapshot(OTHER_LUN))
@@ -78,7 +78,7 @@ def test_a_latecomer_joins_while_there_is_time(daemon, hooks, start, hold, runs)
     assert hooks.take_runs().count("10-a freeze") == runs
 
 
-def test_a_member_that_fails_leaves_alone(daemon, hooks, start):
+def test_a_member_that_fails_does_not_end_the_rest_of_the_others(daemon, hooks, start):
     agent = start()
     go_to_split(daemon, LUN, OTHER_LUN)
     assert daemon.call.ask(depart_done(LUN))

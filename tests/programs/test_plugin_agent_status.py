@@ -1,4 +1,4 @@
-# `plugin_agent status`, and the socket it asks at.
+# `plugin_agent status`, and the agent's socket for it.
 
 import json
 import os
@@ -25,7 +25,7 @@ def status():
     return json.loads(asked.out)
 
 
-def test_says_how_the_agent_is(start_daemon, hooks, start_agent):
+def test_shows_appliances_luns_hooks_and_file_systems(start_daemon, hooks, start_agent):
     daemon = start_daemon()
     hooks.add("20-everybodys", mode=0o757)
     agent = start_agent("--appliance", "127.0.0.9:1", "--hooks", hooks.path, "--fs", "/")
@@ -66,7 +66,7 @@ def test_keeps_the_last_verdicts(daemon, start_agent):
     assert [each["time"] for each in kept] == [each["time"] for each in agent.records[:1:-1]]
 
 
-def test_who_says_nothing_and_reads_nothing_hinders_nobody(daemon, start_agent):
+def test_clients_that_do_not_read_do_not_hold_up_the_agent(daemon, start_agent):
     agent = start_agent()
     at, = RUN_DIR.glob("agent.*.sock")
     clients = [socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) for _ in range(100)]

@@ -1,4 +1,5 @@
-# What plugin_freezer promises: spoken to over its socket in the agent's place, or beside the agent.
+# What plugin_freezer promises. The tests speak to it over its socket instead of an agent, or through an
+# agent.
 
 import os
 import pathlib
@@ -89,7 +90,7 @@ def test_the_last_member_to_leave_ends_the_rest(volume):
     assert (thawed.reason, thawed.certain) == (b"", True)
     volume.wait_until_thawed()
     assert freezer.wait() == 0 and not RECORD.exists()
-    assert not pathlib.Path("/tmp/commanded").exists(), "somebody had asked for this thaw"
+    assert not pathlib.Path("/tmp/commanded").exists(), "the member itself has asked for this thaw"
 
 
 @pytest.mark.parametrize("cause, reason", [
@@ -118,7 +119,7 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
         assert reason in freezer.report("thawed").reason
     volume.wait_until_thawed()
     assert [pathlib.Path(f"/tmp/{name}").exists() for name in "abc"] == [True, True, False]
-    assert volume.longest_stall() < 1.5 + SLACK
+    assert volume.longest_stall() < 2 + 3 * SLACK
     assert freezer.wait() in (0, -signal.SIGKILL)
 
 
@@ -158,12 +159,12 @@ def test_a_freeze_that_outlasts_the_thaw_is_thawed_when_it_completes(daemon, vol
         os.kill(agent.freezer(), signal.SIGKILL)
         agent.kill()
         agent = start_agent("--fs", volume.path)
-    agent.wait_for_err("waiting for what may freeze or thaw something yet")
+    agent.wait_for_err("waiting for processes that may still freeze or thaw something")
     another = start_agent("--fs", volume.path, "--plugin-id", "another", serves=False)
-    another.wait_for_err("waits for processes of an earlier rest that may freeze something yet")
+    another.wait_for_err("waits for processes of an earlier rest that may still freeze something")
     stalled.unlink()
     slow.resume()
-    agent.wait_for_err("what was waited for is gone; thawed again") if not killed else None
+    agent.wait_for_err("these processes have ended; thawed again") if not killed else None
     slow.wait_until_thawed()
     wait_until(lambda: not RECORD.exists())
     slow.wait_until_thawed()
@@ -219,7 +220,7 @@ def test_thaw_hooks_that_hang_keep_nothing_else_frozen(daemon, volume, make_volu
 @pytest.mark.parametrize("how", ["--thaw-and-exit", "--thaw-and-exit, agent and freezer stopped",
                                  "second SIGTERM"])
 def test_the_emergency_thaws_at_once(daemon, volume, hooks, start_agent, how):
-    """Whatever the living agent waits for."""
+    """Although the agent waits for a daemon that does not answer."""
     agent = start_agent("--fs", volume.path, "--hooks", hooks.path, "--max-freeze", "60")
     daemon.call.go_to_split()
     volume.wait_until_frozen()
@@ -260,7 +261,7 @@ def test_a_stopped_freezer_of_a_killed_agent_is_woken(daemon, volume, start_agen
 
 @pytest.mark.parametrize("is_emergency", [False, True], ids=["", "--thaw"])
 def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_agent, is_emergency):
-    """Played by a process that has its lock and does nothing. In an emergency it has a second."""
+    """A process that has the lock and does nothing stands for it. In an emergency it has a second."""
     freezer = Freezer(volume.path, max_freeze=60000)
     record = RECORD.read_text()
     freezer.kill()
@@ -282,7 +283,7 @@ def test_the_emergency_thaws_beside_a_freezer_that_it_cannot_see(volume):
     freezer = Freezer(volume.path, max_freeze=60000)
     thawed = run("unshare", "--pid", "--fork", "--mount-proc", PLUGIN_FREEZER, "--thaw")
     volume.wait_until_thawed()
-    assert thawed.status == 4 and "run this where it runs" in thawed.err
+    assert thawed.status == 4 and "run this command there" in thawed.err
     freezer.leave()
     assert freezer.wait() == 0
 

@@ -11,6 +11,7 @@
 #include "common/command_fields.h"
 #include "common/text.h"
 #include "plugin_agent/agent_log.h"
+#include "plugin_agent/utc_text.h"
 
 namespace vexo::tools {
 
@@ -18,7 +19,7 @@ using scsiplugin::PluginClient;
 using scsiplugin::PluginCmd;
 
 namespace {
-// Between two writes of the metrics at the latest: their file's age tells that the agent lives.
+// The metrics are written at least this often: the age of their file shows that the agent lives.
 constexpr std::chrono::seconds kMetricsPause{15};
 }  // namespace
 

@@ -31,7 +31,7 @@ class agent {
   // Handshakes at once: more than a host has LUNs whose snapshots are taken at the same time, and
   // few enough for the unit's TasksMax=. The next one is refused.
   static constexpr std::size_t kMostHandshakes = 64;
-  // Verdicts that are kept for those who ask.
+  // Verdicts that are kept for status().
   static constexpr std::size_t kMostVerdicts = 10;
 
   explicit agent(const agent_options& options);
@@ -39,12 +39,12 @@ class agent {
   agent(const agent&) = delete;
   agent& operator=(const agent&) = delete;
 
-  // Serves until a signal comes: then finishes or undoes the handshakes under way, and returns
-  // when all are over. A second signal undoes them at once.
+  // Serves until a signal comes. Then finishes or undoes the handshakes under way, and returns when
+  // all are over; a second signal undoes them at once.
   void run(interrupt& stop);
 
-  // How it is, without asking an appliance, and without touching a file system that may be frozen.
-  // One thread at a time, any; no handshake waits for it.
+  // The state of the agent. Asks no appliance and touches no file system that may be frozen. To be
+  // called by one thread at a time; no handshake waits for it.
   AgentStatus status();
 
  private:
@@ -65,7 +65,7 @@ class agent {
   void on_command(const std::shared_ptr<appliance>& where, const scsiplugin::PluginCmd& command);
   void begin(const std::shared_ptr<appliance>& where, const scsiplugin::PluginCmd& command);
   void join_ended();
-  // Writes the file of --metrics; not while the host is at rest. `leaves`: for the last time.
+  // Writes the file of --metrics, but not while the host is at rest. `leaves`: the agent ends.
   void write_metrics(bool leaves = false);
   // False when one of them has begun to bring the host to rest.
   bool add_handshakes(AgentStatus& status);

@@ -10,13 +10,13 @@
 
 namespace vexo::tools {
 
-// What is counted of the handshakes of one agent, for --metrics. Used by one thread.
+// Counts the handshakes of one agent, for --metrics. To be used by one thread.
 class agent_metrics {
  public:
   // To be called for each handshake, when it has its verdict.
   void count(const HandshakeRecord& record);
 
-  // All metrics; `subscribed` has an appliance's name as the user wrote it, and whether it lists
+  // All metrics. `subscribed`: for each appliance, named as the user wrote it, whether it lists
   // this host.
   metrics_page page(const std::map<std::string, bool>& subscribed) const;
 

@@ -20,7 +20,7 @@ namespace vexo::tools {
 class appliance {
  public:
   explicit appliance(endpoint where);
-  // One that is only played, in this process; connect() is not for it.
+  // One that this process plays itself, for a rehearsal. It must not be asked to connect().
   appliance(std::string name, const std::shared_ptr<grpc::Channel>& channel);
   bool is_played() const { return where_.target.empty(); }
 
@@ -29,7 +29,8 @@ class appliance {
   // does. Blocks for as long as the name service takes, and for 4 s for each address without an
   // answer; gives up when `stop` is raised.
   void connect(const event& stop);
-  // To be called when the connection has ended. Until the next connect() calls make their own.
+  // To be called when the connection has ended. Until the next connect(), gRPC itself connects
+  // when a call is made.
   void lost();
 
   std::shared_ptr<scsiplugin::PluginService::Stub> stub() const;

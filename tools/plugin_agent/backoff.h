@@ -10,23 +10,23 @@ namespace vexo::tools {
 // hosts lose their connection in the same instant, and must not come back in the same instant.
 class backoff {
  public:
-  // After a lost connection, and while there is none to be had, which costs the daemon nothing:
-  // anything between these two.
+  // The wait after a lost connection, and while no connection can be made, which costs the daemon
+  // nothing: a random time between these two.
   static constexpr std::chrono::milliseconds kSoonest{500};
   static constexpr std::chrono::milliseconds kLatest{4000};
-  // After each time that a daemon is there and does not keep this host as a subscriber: from 1 s,
-  // doubled, to 30 s.
+  // The wait after a daemon has answered and not kept this host as a subscriber: doubled each time,
+  // from 1 s to 30 s.
   static constexpr std::chrono::milliseconds kShortest = std::chrono::seconds(1);
   static constexpr std::chrono::milliseconds kLongest = std::chrono::seconds(30);
   // A subscription that held for this long was a success: the next wait is short again.
   static constexpr std::chrono::milliseconds kHealthy = std::chrono::seconds(60);
-  // A connection that was lost later than this was served until then.
+  // A connection that held for longer than this was served by the daemon.
   static constexpr std::chrono::milliseconds kServed = std::chrono::seconds(1);
 
-  // How long a host that has come back leaves the daemon alone before it asks whether it is listed.
-  // To answer takes the daemon milliseconds when there are hundreds of hosts, which come back
-  // together.
-  static constexpr std::chrono::milliseconds kLook = std::chrono::seconds(60);
+  // A host that subscribes again asks at a random moment within this time whether it is listed.
+  // With hundreds of hosts each answer takes the daemon milliseconds, and after a restart of the
+  // daemon they all subscribe at about the same time.
+  static constexpr std::chrono::milliseconds kListCheckWithin = std::chrono::seconds(60);
 
   // How an attempt ended.
   enum class ending {
@@ -39,8 +39,8 @@ class backoff {
 
   // The wait after an attempt, whose connection held for `held`.
   std::chrono::milliseconds next(ending how, std::chrono::milliseconds held);
-  // Anything up to kLook.
-  std::chrono::milliseconds until_look() { return between({}, kLook); }
+  // A random time up to kListCheckWithin.
+  std::chrono::milliseconds until_list_check() { return between({}, kListCheckWithin); }
 
  private:
   std::chrono::milliseconds between(std::chrono::milliseconds least,

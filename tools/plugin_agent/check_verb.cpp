@@ -1,5 +1,8 @@
 #include <algorithm>
+#include <atomic>
+#include <cstddef>
 #include <thread>
+#include <vector>
 
 #include "plugin_agent/checks.h"
 #include "plugin_agent/verbs.h"
@@ -10,7 +13,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// All at the same time. False when a signal ended it.
+// Checks all appliances at the same time. False when a signal has interrupted that.
 bool check_appliances(const agent_options& options, interrupt& stop,
                       std::vector<appliance_findings>& results) {
   results.resize(options.appliances.size());

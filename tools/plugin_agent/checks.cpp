@@ -33,7 +33,7 @@ namespace {
 
 constexpr char kThaw[] = "thaw with \"plugin_agent --thaw-and-exit\"";
 
-// Of this process, and so of the freezers that it starts.
+// Whether this process, and so each freezer that it starts, has the capability.
 bool has_capability(int number) {
   std::ifstream status("/proc/self/status");
   for (std::string name; status >> name;) {
@@ -43,7 +43,7 @@ bool has_capability(int number) {
   return false;
 }
 
-// Whether the ids here are those of the machine: only then is CAP_SYS_ADMIN enough to freeze.
+// Whether this is the machine's own user namespace: only there is CAP_SYS_ADMIN enough to freeze.
 bool is_initial_user_namespace() {
   constexpr std::uint64_t kAllIds = 0xFFFFFFFF;
   std::uint64_t first = 0;
@@ -219,7 +219,7 @@ void check_disk(const agent_options& options, const std::string& lun, const Host
                 findings& found) {
   const std::string what = "LUN " + lun;
   if (disk.lun() != lun) {
-    found.warn(what, "is not what an appliance always announces " + disk.device() + " by",
+    found.warn(what, "names " + disk.device() + ", but not every appliance announces it by that",
                "name " + disk.lun() + " in --lun");
   }
   std::vector<std::string> missing;

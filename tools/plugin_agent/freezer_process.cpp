@@ -30,8 +30,7 @@ std::string freezer_path() {
   }
   throw std::runtime_error(
       "plugin_freezer, which freezes and thaws for the agent, is neither beside plugin_agent nor "
-      "on "
-      "the PATH; install it");
+      "on the PATH; install it");
 }
 
 freezer_process::freezer_process(const FreezerRequest& request) {

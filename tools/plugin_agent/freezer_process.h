@@ -14,8 +14,8 @@ namespace vexo::tools {
 // sentence for the user.
 std::string freezer_path();
 
-// A running plugin_freezer. When this is destroyed it undoes whatever it has frozen, and ends. It
-// is for the kernel to reap: the agent ignores SIGCHLD.
+// A running plugin_freezer. When this object is destroyed, the freezer thaws what it has frozen and
+// ends. The kernel reaps it, because the agent ignores SIGCHLD.
 class freezer_process {
  public:
   // Starts it with this request. Throws std::runtime_error.
@@ -23,14 +23,14 @@ class freezer_process {
   // Any thread may call. False when it has gone.
   bool send(const FreezerRequest& request) const;
 
-  // The next report, if there is one. What it has for the log is written there, and not returned.
-  // `gone` is set when there will be no more.
+  // The next report, if there is one. Lines for the log are logged here, and not returned. `gone`
+  // is set when there will be no more reports.
   std::optional<FreezerReport> receive(bool& gone) const;
 
-  // Readable when there is a report, or when it has gone.
+  // Readable when there is a report, or when the freezer has ended.
   int fd() const { return socket_.get(); }
 
-  // Ends it when it hangs.
+  // For a freezer that hangs.
   void kill() const;
 
  private:
@@ -38,8 +38,8 @@ class freezer_process {
   unique_fd process_;
 };
 
-// Has the freezer thaw what is left of earlier rests in this run directory, says so in the log, and
-// waits until it has, or `stop_fd` is readable; -1 for none. Throws std::runtime_error.
+// Has a freezer thaw what is left of earlier rests in this run directory, and log that. Blocks
+// until it has, or until `stop_fd` is readable; -1 for none. Throws std::runtime_error.
 void recover(const std::string& run_dir, std::chrono::milliseconds hook_timeout, int stop_fd);
 
 }  // namespace vexo::tools

@@ -1,9 +1,8 @@
 #include "plugin_agent/handshake.h"
 
-#include <spdlog/fmt/chrono.h>
+#include <spdlog/fmt/fmt.h>
 
 #include <algorithm>
-#include <ctime>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -12,11 +11,10 @@
 #include "common/command_fields.h"
 #include "common/errors.h"
 #include "common/output.h"
-#include "common/poll_until.h"
 #include "common/text.h"
 #include "plugin_agent/agent_log.h"
-#include "plugin_agent/freezer_process.h"
 #include "plugin_agent/handshake_check.h"
+#include "plugin_agent/utc_text.h"
 #include "plugin_agent/withdrawal.h"
 
 namespace vexo::tools {
@@ -29,34 +27,26 @@ namespace {
 // The first pauses between two questions, about the mirror and about the split.
 constexpr milliseconds kFirstMirrorPoll{50};
 constexpr milliseconds kFirstDepartPoll{10};
-// How often those that gather, and a freezer that goes on alone, are looked at.
+// The pauses between two looks: whether all have gathered, and whether the freezer has ended.
 constexpr milliseconds kGatherLook{5};
 constexpr milliseconds kFreezerLook{200};
-// How often to ask whether the handshake is over: each question has the daemon keep a thread for a
-// minute, and a handshake that is over is noticed within that.
+// How often to ask whether the appliance still has the handshake. Each question occupies a thread
+// of the daemon for a minute.
 constexpr int kCheckPolls = 45;
 constexpr milliseconds kLeastCheck{5000};
 constexpr milliseconds kMostCheck{45000};
 // Between the appliance's no to a departed host and its word of the split's result. The daemon
 // sends that first, but on another stream.
 constexpr milliseconds kResultTime{1000};
-// How long a rest of another handshake may keep the hooks of this one from being thawed.
-constexpr std::chrono::minutes kOthersTurn{2};
 constexpr char kOf[] = " of ";  // in the name of a member of a rest: the LUN, then the appliance
 constexpr int kMostTries = 3;   // to come to rest, each with a freezer of its own
 
-// A tenth of the time so far, so that what is over is noticed after a tenth more.
+// A tenth of the time so far, so that the end is noticed late by a tenth of it at most.
 milliseconds growing_pause(std::chrono::steady_clock::duration so_far, milliseconds first,
                            milliseconds most) {
   return std::clamp(std::chrono::duration_cast<milliseconds>(so_far / 10), std::min(first, most),
                     most);
 }
-
-// Thrown to end the handshake. what() is the reason in its verdict.
-class given_up : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 std::vector<std::string> hook_environment(const agent_options& options, const appliance& where,
                                           const scsiplugin::PluginCmd& command) {
@@ -64,6 +54,13 @@ std::vector<std::string> hook_environment(const agent_options& options, const ap
   environment.push_back("VEXO_PLUGIN_ID=" + options.plugin_id);
   environment.push_back("VEXO_APPLIANCE=" + where.name());
   return environment;
+}
+
+template <class Body>
+void name_task(Body& body, const scsiplugin::PluginCmd& command) {
+  body.set_task_id(command.task_id());
+  body.set_type(scsiplugin::LUN_TYPE_80);
+  body.set_src_lun_id(command.init_snapshot_req().src_lun_p80());
 }
 
 std::uint32_t count_of(milliseconds time) { return static_cast<std::uint32_t>(time.count()); }
@@ -81,7 +78,7 @@ void handshake::run() {
   try {
     agent_log().info("LUN {}: snapshot announced by {}", printable(lun()),
                      printable(appliance_->name()));
-    wait_or_give_up(clock::now());
+    news_.wait_or_give_up(clock::now());
     take_part();
   } catch (const std::exception& error) {
     verdict_ = "failed";
@@ -90,8 +87,8 @@ void handshake::run() {
   try {
     undo_prepare();
   } catch (const std::exception& error) {
-    agent_log().error("LUN {}: no `thaw` of the hooks that were prepared: {}", printable(lun()),
-                      printable(error.what()));
+    agent_log().error("LUN {}: the `thaw` of the prepared hooks cannot be run: {}",
+                      printable(lun()), printable(error.what()));
   }
   try {
     write_record();
@@ -99,7 +96,7 @@ void handshake::run() {
     agent_log().error("LUN {}: {}, and no record: {}", printable(lun()), printable(verdict_),
                       printable(error.what()));
   }
-  hear_the_freezer_out();
+  await_freezer_end();
   over_ = true;
   over_.notify_all();
 }
@@ -110,25 +107,7 @@ void handshake::take_part() {
     if (!options_.tolerates_refused_hooks) throw given_up(refusal);
     agent_log().warn("{}", printable(refusal));
   }
-  plan_.set_run_dir(options_.run_dir);
-  *plan_.mutable_mount_points() = {options_.mount_points.begin(), options_.mount_points.end()};
-  for (const auto& [name, path] : hooks_.usable) {
-    auto& hook = *plan_.add_hooks();
-    hook.set_name(name);
-    hook.set_path(path);
-  }
-  for (auto& variable : hook_environment(options_, *appliance_, command_)) {
-    plan_.add_environment(std::move(variable));
-  }
-  plan_.set_max_freeze_ms(options_.max_freeze.count());
-  plan_.set_hook_timeout_ms(options_.hook_timeout.count());
-  auto& member = *plan_.mutable_member();
-  member.set_name(lun() + kOf + appliance_->name());
-  if (!appliance_->is_played()) {
-    for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
-      member.add_command(word);
-    }
-  }
+  make_plan();
   prepare();
   start_mirror();
   wait_for_mirror();
@@ -155,7 +134,7 @@ void handshake::take_part() {
     try {
       rest_->end(name);
     } catch (const quiesce_error&) {
-      // The first reason is the one to tell.
+      // The verdict has the first reason.
     }
     take_figures();
     throw;
@@ -164,61 +143,49 @@ void handshake::take_part() {
   verdict_ = verdict();
 }
 
-void handshake::prepare() {
-  if (hooks_.usable.empty()) return;
-  FreezerRequest request;
-  *request.mutable_prepare() = plan_;
-  preparer_.emplace(request);
-  for (bool gone = false; runs_.size() != hooks_.usable.size();) {
-    if (gone) throw given_up("the freezer has died");
-    wait_or_give_up(clock::time_point::max(), preparer_->fd());
-    while (const auto report = preparer_->receive(gone)) {
-      if (!report->has_hook()) continue;
-      runs_.push_back(report->hook());
-      const auto& run = runs_.back();
-      if (run.timed_out()) throw given_up("prepare hook " + run.name() + " took too long");
-      if (run.exit_code() != 0) {
-        throw given_up("prepare hook " + run.name() + " exited with " +
-                       std::to_string(run.exit_code()));
-      }
+void handshake::make_plan() {
+  plan_.set_run_dir(options_.run_dir);
+  *plan_.mutable_mount_points() = {options_.mount_points.begin(), options_.mount_points.end()};
+  for (const auto& [name, path] : hooks_.usable) {
+    auto& hook = *plan_.add_hooks();
+    hook.set_name(name);
+    hook.set_path(path);
+  }
+  for (auto& variable : hook_environment(options_, *appliance_, command_)) {
+    plan_.add_environment(std::move(variable));
+  }
+  plan_.set_max_freeze_ms(options_.max_freeze.count());
+  plan_.set_hook_timeout_ms(options_.hook_timeout.count());
+  auto& member = *plan_.mutable_member();
+  member.set_name(lun() + kOf + appliance_->name());
+  if (!appliance_->is_played()) {
+    for (const auto& word : withdrawal_command(lun(), appliance_->address(), options_.plugin_id)) {
+      member.add_command(word);
     }
   }
 }
 
-void handshake::release_preparer() {
-  FreezerRequest request;
-  request.set_leave("");
-  if (preparer_) preparer_->send(request);
-  preparer_.reset();
+void handshake::prepare() {
+  if (hooks_.usable.empty()) return;
+  prepared_.emplace(plan_, news_, runs_);
+  prepared_->wait();
+}
+
+void handshake::release_prepared() {
+  if (prepared_) prepared_->release();
+  prepared_.reset();
 }
 
 void handshake::undo_prepare() {
   const bool is_undone = std::any_of(runs_.begin(), runs_.end(),
                                      [](const auto& run) { return run.phase() == "thaw"; });
-  if (is_undone) release_preparer();
-  if (!preparer_) return;
+  if (is_undone) release_prepared();
+  if (!prepared_) return;
   step_ = "thaw";
-  FreezerRequest request;
-  request.set_end(true);
-  preparer_->send(request);
-  if (hear_thaw(*preparer_)) return;
-  *request.mutable_undo() = plan_;
-  hear_thaw(freezer_process(request));
-}
-
-bool handshake::hear_thaw(const freezer_process& freezer) {
-  const auto until = clock::now() + kOthersTurn + 2 * options_.hook_timeout * plan_.hooks_size();
-  for (bool gone = false; !gone && clock::now() < until;) {
-    wait(until, freezer.fd());
-    while (const auto report = freezer.receive(gone)) {
-      if (report->has_hook()) runs_.push_back(report->hook());
-      if (report->has_thawed()) return true;
-    }
-    if (gone) return false;
+  if (!prepared_->undo()) {
+    agent_log().error("LUN {}: the `thaw` of the prepared hooks is delayed; it follows",
+                      printable(lun()));
   }
-  agent_log().error("LUN {}: `thaw` of the hooks that were prepared is late; it follows",
-                    printable(lun()));
-  return true;
 }
 
 void handshake::start_mirror() {
@@ -231,27 +198,24 @@ void handshake::start_mirror() {
     if (clock::now() >= deadline) {
       throw given_up("the mirror could not be started: " + status_text(answer.status));
     }
-    wait_or_give_up(clock::now() + options_.poll);
+    news_.wait_or_give_up(clock::now() + options_.poll);
   }
 }
 
 void handshake::wait_for_mirror() {
   step_ = "mirror";
-  LunCmd question = lun_command();
-  auto& body = *question.mutable_is_mirror_done_req();
-  body.set_task_id(command_.task_id());
-  body.set_type(scsiplugin::LUN_TYPE_80);
-  body.set_src_lun_id(lun());
+  LunCmd is_done = question();
+  name_task(*is_done.mutable_is_mirror_done_req(), command_);
   const auto start = clock::now();
   const auto check_pause = std::clamp(kCheckPolls * options_.poll, kLeastCheck, kMostCheck);
   auto next_check = start + check_pause;
   std::optional<handshake_check> check;
-  const host_rests::mirror_wait waiting(rests_, news_event_);
-  // Not at once: the yes for a LUN that needs no mirror moves the task on, and must not do so
-  // before the local caller has seen that the mirror may start.
-  while (clock::now() < start + kFirstMirrorPoll) wait_or_give_up(start + kFirstMirrorPoll);
+  const host_rests::mirror_wait waiting(rests_, news_.wake());
+  // Not at once: for a LUN that needs no mirror the daemon's yes changes the state of the task, and
+  // the local caller has to see first that the mirror may start.
+  while (clock::now() < start + kFirstMirrorPoll) news_.wait_or_give_up(start + kFirstMirrorPoll);
   for (;;) {
-    const auto answer = appliance_->lun_op(question, kCallTimeout);
+    const auto answer = appliance_->lun_op(is_done, kCallTimeout);
     if (answer.yes) return;
     const auto now = clock::now();
     if (now >= start + options_.max_mirror) {
@@ -266,7 +230,7 @@ void handshake::wait_for_mirror() {
     if (now >= next_check) {
       next_check = now + check_pause;
       try {
-        check.emplace(appliance_->stub(), lun(), news_event_);
+        check.emplace(appliance_->stub(), lun(), news_.wake());
       } catch (const std::system_error&) {
         check.reset();  // no thread to be had, perhaps there is one the next time
       }
@@ -274,18 +238,18 @@ void handshake::wait_for_mirror() {
     const auto pause = rests_.is_gathering()
                            ? host_rests::kGatherPoll
                            : growing_pause(now - start, kFirstMirrorPoll, options_.poll);
-    wait_or_give_up(std::min(now + pause, next_check));
+    news_.wait_or_give_up(std::min(now + pause, next_check));
   }
 }
 
 void handshake::gather() {
   step_ = "gather";
   rests_.gather();
-  while (!rests_.has_gathered()) wait_or_give_up(clock::now() + kGatherLook);
+  while (!rests_.has_gathered()) news_.wait_or_give_up(clock::now() + kGatherLook);
 }
 
 void handshake::enter_rest() {
-  auto rest = rests_.enter(plan_, news_event_, options_.hold);
+  auto rest = rests_.enter(plan_, news_.wake(), options_.hold);
   const std::lock_guard lock(mutex_);
   rest_ = std::move(rest);
 }
@@ -296,8 +260,8 @@ void handshake::come_to_rest() {
   step_ = "freeze";
   for (int tries = 1;; ++tries) {
     try {
-      while (!is_at_rest()) wait_or_give_up(rest_->deadline());
-      release_preparer();
+      while (!is_at_rest()) news_.wait_or_give_up(rest_->deadline());
+      release_prepared();
       return;
     } catch (const rest_missed&) {
       if (tries == kMostTries) throw;
@@ -311,7 +275,7 @@ void handshake::depart() {
   step_ = "depart";
   connection_was_lost();  // ignore earlier losses
   for (;;) {
-    const auto news = wait(clock::now());
+    const auto news = news_.wait(clock::now());
     if (news.stop) throw given_up("the agent was told to stop");
     if (news.superseded || news.departed) throw given_up("the appliance has given up");
     is_at_rest();
@@ -331,18 +295,17 @@ void handshake::depart() {
       may_count_on_rest_ = false;
       throw given_up("the appliance no longer waits for the frozen host");
     }
-    wait(std::min(clock::now() + options_.poll, rest_->deadline()));
+    news_.wait(std::min(clock::now() + options_.poll, rest_->deadline()));
   }
 }
 
-// The pauses cost the appliance fewer than 80 of these questions in 30 s, with a line of its log
-// each.
+// With these pauses the appliance gets fewer than 80 questions in 30 s. Each is a line of its log.
 void handshake::hold() {
   step_ = "hold";
   for (;;) {
     const auto now = clock::now();
     const auto pause = growing_pause(now - rest_->since(), kFirstDepartPoll, options_.poll);
-    const auto news = wait(std::min(now + pause, rest_->deadline()));
+    const auto news = news_.wait(std::min(now + pause, rest_->deadline()));
     is_at_rest();
     if (news.departed || news.superseded) break;
     if (news.stop_now) throw given_up("the agent was told to stop before the split was over");
@@ -360,9 +323,9 @@ void handshake::hold() {
 
 void handshake::hear_result() {
   const auto until = clock::now() + kResultTime;
-  auto news = wait(clock::now());
+  auto news = news_.wait(clock::now());
   while (!news.departed && !news.superseded && !news.stop && clock::now() < until) {
-    news = wait(until);
+    news = news_.wait(until);
   }
   if (news.departed.value_or(0) == 0) return;
   throw given_up("the appliance reports result " + std::to_string(*news.departed) +
@@ -384,7 +347,7 @@ void handshake::write_record() {
     }
   }
   HandshakeRecord record;
-  record.set_time(fmt::format("{:%FT%TZ}", fmt::gmtime(std::time(nullptr))));
+  record.set_time(utc_text(std::chrono::system_clock::now()));
   record.set_appliance(appliance_->name());
   record.set_qel_sn(command_.qel_sn());
   record.set_lun(lun());
@@ -427,31 +390,25 @@ std::optional<HandshakeRecord> handshake::record() {
   return record_;
 }
 
-LunCmd handshake::lun_command() const {
+LunCmd handshake::question() const {
   LunCmd command;
   command.set_plugin_id(options_.plugin_id);
   return command;
 }
 
 appliance::answer handshake::ask_start_mirror() {
-  LunCmd question = lun_command();
-  auto& body = *question.mutable_start_mirror_req();
-  body.set_task_id(command_.task_id());
-  body.set_type(scsiplugin::LUN_TYPE_80);
-  body.set_src_lun_id(lun());
-  return appliance_->lun_op(question, kCallTimeout);
+  LunCmd start = question();
+  name_task(*start.mutable_start_mirror_req(), command_);
+  return appliance_->lun_op(start, kCallTimeout);
 }
 
 appliance::answer handshake::ask_depart() {
-  LunCmd question = lun_command();
-  auto& body = *question.mutable_depart_relation_req();
-  body.set_task_id(command_.task_id());
-  body.set_type(scsiplugin::LUN_TYPE_80);
-  body.set_src_lun_id(lun());
-  // Not later than the thaw: an agent that was stopped meanwhile must not say that the host is at
-  // rest.
+  LunCmd departure = question();
+  name_task(*departure.mutable_depart_relation_req(), command_);
+  // The call ends at the thaw at the latest: an agent that was stopped meanwhile must not tell the
+  // daemon then that the host is at rest.
   const auto left = std::chrono::ceil<milliseconds>(rest_->deadline() - clock::now());
-  return appliance_->lun_op(question, std::min(kCallTimeout, left));
+  return appliance_->lun_op(departure, std::min(kCallTimeout, left));
 }
 
 bool handshake::connection_was_lost() {
@@ -459,19 +416,9 @@ bool handshake::connection_was_lost() {
   return std::exchange(losses_seen_, losses) != losses;
 }
 
-void handshake::tell(void (*change)(news_flags&)) {
-  const std::lock_guard lock(mutex_);
-  change(news_);
-  news_event_.raise();
-}
-
-void handshake::stop() {
-  tell([](news_flags& news) { news.stop = true; });
-}
-
 void handshake::stop_now() {
-  tell([](news_flags& news) { news.stop = news.stop_now = true; });
-  // This handshake may be waiting for an answer of the appliance.
+  news_.stop_now();
+  // From this thread, because the handshake's own may be waiting for an answer of the appliance.
   std::shared_ptr<quiesce> rest;
   {
     const std::lock_guard lock(mutex_);
@@ -480,36 +427,11 @@ void handshake::stop_now() {
   if (rest) rest->thaw_now();
 }
 
-void handshake::superseded() {
-  tell([](news_flags& news) { news.superseded = true; });
-}
-
-void handshake::departed(int result) {
-  const std::lock_guard lock(mutex_);
-  news_.departed = result;
-  news_event_.raise();
-}
-
-handshake::news_flags handshake::wait(clock::time_point until, int fd) {
-  pollfd watched[] = {{news_event_.fd(), POLLIN, 0}, {fd, POLLIN, 0}};
-  poll_until(watched, until);
-  news_event_.take();
-  const std::lock_guard lock(mutex_);
-  return news_;
-}
-
-void handshake::wait_or_give_up(clock::time_point until, int fd) {
-  const auto news = wait(until, fd);
-  if (news.stop) throw given_up("the agent was told to stop");
-  if (news.superseded) throw given_up("the appliance announced another snapshot of the LUN");
-  if (news.departed) throw given_up("the appliance has given up");
-}
-
-void handshake::hear_the_freezer_out() {
+void handshake::await_freezer_end() {
   if (!rest_) return;
   step_ = "watch";
   while (!rest_->over()) {
-    const auto news = wait(clock::now() + kFreezerLook);
+    const auto news = news_.wait(clock::now() + kFreezerLook);
     if (news.stop || news.superseded) break;
   }
 }

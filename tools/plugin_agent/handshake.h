@@ -9,14 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "common/event.h"
 #include "handshake_record.pb.h"
 #include "lun_cmd.pb.h"
 #include "plugin_agent/appliance.h"
-#include "plugin_agent/freezer_process.h"
+#include "plugin_agent/handshake_news.h"
 #include "plugin_agent/hooks.h"
 #include "plugin_agent/host_rests.h"
 #include "plugin_agent/options.h"
+#include "plugin_agent/prepared_hooks.h"
 #include "plugin_agent/quiesce.h"
 #include "plugin_cmd.pb.h"
 
@@ -35,15 +35,15 @@ class handshake {
 
   // The following may be called by any thread, at any time.
 
-  // Gives up. Once the appliance may be splitting the mirror, the host stays at rest until that is
-  // over instead.
-  void stop();
-  // Give up in any case, and thaw.
+  // Gives up, unless the appliance may already be splitting the mirror: then the host stays at rest
+  // until the split is over.
+  void stop() { news_.stop(); }
+  // Gives up in any case, and thaws.
   void stop_now();
   // The appliance says that the split is over.
-  void departed(int result);
+  void departed(int result) { news_.departed(result); }
   // The appliance announces another snapshot of the LUN, so this one is over.
-  void superseded();
+  void superseded() { news_.superseded(); }
 
   // Whether run() has returned.
   bool over() const { return over_; }
@@ -62,21 +62,13 @@ class handshake {
  private:
   using clock = std::chrono::steady_clock;
 
-  struct news_flags {
-    bool stop = false;
-    bool stop_now = false;
-    bool superseded = false;
-    std::optional<int> departed;
-  };
-
   void take_part();
+  void make_plan();
   void prepare();
-  // From now on a rest has the hooks thawed.
-  void release_preparer();
-  // Has `thaw` run for the hooks that were prepared, if no rest has; their runs go to runs_.
+  // From now on a rest runs the `thaw` of the hooks that were prepared.
+  void release_prepared();
+  // Runs it if no rest has done so.
   void undo_prepare();
-  // False when this freezer has died before it has thawed.
-  bool hear_thaw(const freezer_process& freezer);
   void start_mirror();
   void wait_for_mirror();
   void gather();
@@ -90,22 +82,16 @@ class handshake {
   std::string verdict() const;
   void write_record();
 
-  scsiplugin::LunCmd lun_command() const;
+  scsiplugin::LunCmd question() const;  // without a body
   appliance::answer ask_start_mirror();
   appliance::answer ask_depart();
 
-  // Whether the connection was lost since the last time that this was asked.
+  // Whether the connection was lost since the last call.
   bool connection_was_lost();
 
-  // The freezer may run on after the rest, while a process may still freeze something. What it says
-  // is logged.
-  void hear_the_freezer_out();
-
-  void tell(void (*change)(news_flags&));
-  // Blocks until there is news, `fd` is readable, or `until`; then the news.
-  news_flags wait(clock::time_point until, int fd = -1);
-  // As wait(), while nothing is frozen yet: throws given_up when the handshake is to end.
-  void wait_or_give_up(clock::time_point until, int fd = -1);
+  // Blocks while the freezer waits, after the rest, for a process that may still freeze something:
+  // what the freezer says goes to the log.
+  void await_freezer_end();
 
   const agent_options& options_;
   host_rests& rests_;
@@ -116,8 +102,7 @@ class handshake {
   FreezerPlan plan_;
   std::vector<hook_run> runs_;
   std::vector<file_system_freeze> file_systems_;
-  // Has `thaw` run for the hooks that were prepared, also when the agent is killed.
-  std::optional<freezer_process> preparer_;
+  std::optional<prepared_hooks> prepared_;
   std::chrono::milliseconds frozen_for_{};
   std::chrono::milliseconds freeze_took_{};
   // The appliance may count on the host being at rest, until it says that the split is over.
@@ -128,10 +113,9 @@ class handshake {
   std::atomic<bool> over_ = false;
   std::atomic<const char*> step_ = "prepare";
 
-  event news_event_;
+  handshake_news news_;
   std::mutex mutex_;
-  // All under mutex_.
-  news_flags news_;
+  // Both under mutex_.
   std::optional<HandshakeRecord> record_;
   std::shared_ptr<quiesce> rest_;  // written by this handshake's thread, for stop_now()
 };

@@ -14,11 +14,11 @@
 
 namespace vexo::tools {
 
-// Asks once whether the appliance still has a handshake whose mirror is not done, on a thread of
-// its own. The answers to a host are the same as for a mirror that is under way, except that of
-// start_mirror, which undoes a "mirror done" that comes in between. So this asks as a local caller
-// does, with wait_for_depart: without such a handshake the daemon says no at once, and otherwise
-// nothing for a minute, in which it keeps a thread waiting.
+// Asks once, on a thread of its own, whether the appliance still has a handshake whose mirror is
+// not done. The questions of a host do not tell: is_mirror_done is answered as for a mirror under
+// way, and start_mirror would undo a "mirror done" that comes in between. So this asks as a local
+// caller does, with wait_for_depart. Without the handshake the daemon says no at once; otherwise it
+// does not answer for a minute, and keeps a thread waiting.
 class handshake_check {
  public:
   // `news` is raised when the handshake is over. Throws std::system_error when there is no thread.
@@ -32,7 +32,7 @@ class handshake_check {
 
  private:
   const std::shared_ptr<scsiplugin::PluginService::Stub> daemon_;
-  // A no is asked for again: a step of the daemon's clock ends a wait with a no, too.
+  // Two, because a step of the daemon's clock also ends the wait with a no.
   std::array<grpc::ClientContext, 2> calls_;
   std::atomic<bool> over_ = false;
   std::jthread thread_;

@@ -14,7 +14,7 @@ namespace vexo::tools {
 
 namespace {
 
-// Who else could have written it; empty when nobody.
+// Why somebody other than root, this user or this group could have written it; empty otherwise.
 std::string foreign_writer(const struct stat& facts) {
   if (facts.st_uid != 0 && facts.st_uid != geteuid()) return "it belongs to another user";
   if ((facts.st_mode & S_IWOTH) != 0) return "everybody may write to it";

@@ -20,13 +20,13 @@ struct hook_listing {
   std::vector<refusal> refused;
 };
 
-// "hook 50-mysql is refused: it is not executable", of each that is.
+// A sentence for each refused hook, such as "hook 50-mysql is refused: it is not executable".
 std::vector<std::string> refusals(const hook_listing& listing);
 
-// The programs in `directory`: regular files, not hidden and no editor's backups. Refused are those
-// that cannot be executed, and those that somebody other than root and the agent's own user and
-// group could have written: they run with the agent's rights. Throws std::runtime_error with a
-// sentence for the user when the directory cannot be read or could be rewritten itself.
+// The programs in `directory`, without hidden files and editors' backups. A file is refused when it
+// cannot be executed, and when somebody other than root, the agent's user or its group could have
+// written it: hooks run with the agent's rights. Throws std::runtime_error with a sentence for the
+// user when the directory cannot be read, or when such people could write to it.
 hook_listing list_hooks(const std::string& directory);
 
 }  // namespace vexo::tools

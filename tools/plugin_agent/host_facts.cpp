@@ -1,7 +1,5 @@
 #include "plugin_agent/host_facts.h"
 
-#include <spdlog/fmt/chrono.h>
-
 #include <stdexcept>
 
 #include "common/text.h"
@@ -44,10 +42,6 @@ std::vector<FileSystemFacts> file_system_facts(const agent_options& options) {
     }
   }
   return facts;
-}
-
-std::string utc_text(std::chrono::system_clock::time_point when) {
-  return fmt::format("{:%FT%TZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(when)));
 }
 
 }  // namespace vexo::tools

@@ -1,7 +1,6 @@
 #ifndef TOOLS_PLUGIN_AGENT_HOST_FACTS_H_
 #define TOOLS_PLUGIN_AGENT_HOST_FACTS_H_
 
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -10,12 +9,13 @@
 
 namespace vexo::tools {
 
-// What the options say is to be frozen, as it is on this host now. Text in these has passed
-// printable(). They read directories and open mount points, and so may block as long as those do.
+// The hooks and file systems that the options name, as they are on this host now. All text has
+// passed printable(). The functions read directories and open mount points, and block while those
+// do.
 
-// Those of --hooks, with those that are refused. `problem` is set when none can be run.
+// The hooks, also refused ones. `problem` is set when none can be run.
 std::vector<HookFacts> hook_facts(const agent_options& options, std::string& problem);
-// Those of --fs.
+// The file systems of --fs.
 std::vector<FileSystemFacts> file_system_facts(const agent_options& options);
 
 // Both.
@@ -26,9 +26,6 @@ struct host_facts {
   std::vector<HookFacts> hooks;
   std::vector<FileSystemFacts> file_systems;
 };
-
-// "2026-11-21T07:43:19Z"
-std::string utc_text(std::chrono::system_clock::time_point when);
 
 }  // namespace vexo::tools
 

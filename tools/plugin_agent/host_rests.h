@@ -13,19 +13,20 @@
 
 namespace vexo::tools {
 
-// What the handshakes of this host share: the rest under way, and the moment in which those whose
-// mirrors are done at the same time gather, so that one rest is for all of them. Any thread may
-// call.
+// What the handshakes of this host share: the rest under way, and a short time before a rest in
+// which handshakes gather whose mirrors are done at nearly the same time, so that they share it.
+// Any thread may call.
 class host_rests {
  public:
   using clock = std::chrono::steady_clock;
 
   // How long a handshake whose mirror is done waits for others to find theirs done too.
   static constexpr std::chrono::milliseconds kGatherTime{200};
-  // The pause between two questions about a mirror meanwhile.
+  // The pause between two questions about a mirror during that time.
   static constexpr std::chrono::milliseconds kGatherPoll{20};
 
-  // While it lives a handshake waits for its mirror; `news` is raised when it is to ask at once.
+  // While it lives, a handshake waits for its mirror; `news` is raised when the handshake is to ask
+  // at once whether the mirror is done.
   class mirror_wait {
    public:
     mirror_wait(host_rests& all, event& news);
@@ -43,7 +44,7 @@ class host_rests {
   // its freezer would not learn that it has gone. Whether it was called.
   bool while_thawed(const std::function<void()>& write);
 
-  // A mirror is done: has the others ask about theirs.
+  // To be called when a mirror is done: the other handshakes ask about theirs.
   void gather();
   bool is_gathering();
   // Whether a handshake whose mirror is done need not wait for others any longer.
@@ -58,7 +59,7 @@ class host_rests {
   std::mutex mutex_;
   std::weak_ptr<quiesce> current_;  // under mutex_, as all below
   std::multiset<event*> waiting_;
-  clock::time_point gathered_;  // the end of the moment
+  clock::time_point gathered_;  // when gathering ends, or has ended
 };
 
 }  // namespace vexo::tools

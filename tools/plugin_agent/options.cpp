@@ -28,7 +28,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Of the unit of systemd.
+// Read by the service's unit.
 constexpr char kServiceFile[] = "/etc/plugin_agent/plugin_agent.toml";
 constexpr double kLongestFreeze = 60;  // as long as the appliance waits for a host
 
@@ -56,7 +56,7 @@ std::string host_name() {
   return gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
-// The words as given on the command line; checked and converted afterwards.
+// Options as they were given; checked and converted afterwards.
 struct words {
   std::optional<std::string> config;
   std::vector<std::string> appliances;
@@ -140,7 +140,7 @@ void add_appliance(agent_options& options, const std::string& text) {
   options.appliances.push_back(std::move(parsed));
 }
 
-// Throws std::invalid_argument for what no appliance announces a LUN as.
+// Throws std::invalid_argument for an identifier that no appliance announces.
 void check_lun(const std::string& lun) {
   constexpr std::string_view kHexDigits = "0123456789abcdefABCDEF";
   constexpr std::size_t kNaaDigits = 32;
@@ -185,7 +185,7 @@ void check_freeze(const agent_options& options) {
 
 void convert(agent_options& options, const words& given) {
   if (options.thaw_and_exit && options.verb) {
-    throw std::invalid_argument("--thaw-and-exit is for itself, without a verb");
+    throw std::invalid_argument("--thaw-and-exit takes no verb");
   }
   if (options.thaw_and_exit || options.needs == agent_options::need::run_dir) return;
 
@@ -217,7 +217,7 @@ void convert(agent_options& options, const words& given) {
   if (options.needs != agent_options::need::all_unchecked) check_freeze(options);
 }
 
-// Whether a verb that is about what the agent does is asked without saying what that is.
+// Whether the verb is about an agent, and no option says which: then it is about the service.
 bool is_for_the_service(const agent_options& options, const words& given) {
   using need = agent_options::need;
   return (options.needs == need::freezing || options.needs == need::all_unchecked) &&

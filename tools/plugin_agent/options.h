@@ -27,11 +27,11 @@ struct agent_options {
   bool any_lun = false;
   std::string hooks_dir;                  // empty for none
   std::vector<std::string> mount_points;  // to be frozen by the agent itself
-  // Whether a snapshot goes on without the hooks that are refused. Only where file systems are
-  // frozen: of the copy of a host that nothing has brought to rest nothing can be said.
+  // Whether a snapshot goes on without the hooks that are refused. Only when file systems are
+  // frozen: otherwise nothing would have brought the host to rest.
   bool tolerates_refused_hooks = false;
   std::chrono::milliseconds max_freeze = std::chrono::seconds(30);
-  // Of max_freeze, how much must be left when the host departs.
+  // How much of max_freeze must be left when the host departs.
   std::chrono::milliseconds hold = std::chrono::seconds(20);
   std::chrono::milliseconds poll = std::chrono::seconds(1);
   std::chrono::milliseconds hook_timeout = std::chrono::seconds(10);
@@ -40,9 +40,9 @@ struct agent_options {
   std::string metrics;  // a file; empty for none
   bool verbose = false;
   bool thaw_and_exit = false;
-  // What to do instead of serving; empty for that.
+  // The verb, which is done instead of serving; empty for none.
   std::function<exit_code(const agent_options& options, interrupt& stop)> verb;
-  // Which options that needs.
+  // Which options the verb needs.
   enum class need {
     run_dir,
     freezing,       // all but --appliance and --lun

@@ -13,8 +13,8 @@
 
 namespace vexo::tools {
 
-// A daemon within this process, reached by nobody else, that says yes to whatever a handshake asks,
-// and takes note of when.
+// A daemon in this process, which nobody else can reach. It says yes to every question of a
+// handshake, and notes when the first of each kind was asked.
 class played_appliance : private scsiplugin::PluginService::Service {
  public:
   using clock = std::chrono::steady_clock;

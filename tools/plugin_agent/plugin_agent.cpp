@@ -74,7 +74,7 @@ exit_code run(const agent_options& options, interrupt& stop) {
       }
     }
   }
-  // Never ended: gRPC's shutdown would wait for threads that it could not start.
+  // Without grpc_shutdown(), which would wait for threads that could not be started.
   grpc_init();
   agent serving(options);
   std::optional<status_socket> status;

@@ -33,7 +33,7 @@ quiesce::quiesce(const FreezerPlan& plan, event& news) : plan_(plan) {
 }
 
 quiesce::~quiesce() {
-  left_.raise();
+  destroyed_.raise();
   if (thread_.joinable()) thread_.join();
 }
 
@@ -145,7 +145,7 @@ void quiesce::raise_all() {
 
 void quiesce::listen() {
   for (bool gone = false; !gone;) {
-    pollfd watched[] = {{freezer_->fd(), POLLIN, 0}, {left_.fd(), POLLIN, 0}};
+    pollfd watched[] = {{freezer_->fd(), POLLIN, 0}, {destroyed_.fd(), POLLIN, 0}};
     if (poll_until(watched, next_report()) == 0) {
       freezer_->kill();
       const std::lock_guard lock(mutex_);
@@ -171,7 +171,7 @@ void quiesce::listen() {
     try {
       recover(plan_.run_dir(), milliseconds(plan_.hook_timeout_ms()), -1);
     } catch (const std::runtime_error& error) {
-      agent_log().error("no other freezer: {}", printable(error.what()));
+      agent_log().error("no other freezer can be started: {}", printable(error.what()));
     }
   }
   const std::lock_guard lock(mutex_);

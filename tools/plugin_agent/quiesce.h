@@ -28,7 +28,7 @@ class quiesce_error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// This rest was over, or never began, before the member had joined. Another one may do.
+// This rest was over, or never began, before the member had joined. Another rest may succeed.
 class rest_missed : public std::runtime_error {
  public:
   rest_missed() : std::runtime_error("the freezer has died") {}
@@ -36,8 +36,8 @@ class rest_missed : public std::runtime_error {
 
 // One rest of the host, shared by its members, the handshakes that need it. It ends when the last
 // member leaves, or at its limit, which is counted from the first freeze. A thread of its own
-// listens to the freezer: it notices at once that the freezer has died, or hangs, and has another
-// one undo what that has frozen. The log is held while the host is at rest. Any thread may call.
+// listens to the freezer. When the freezer dies or hangs, it starts another one, which thaws. While
+// the host is at rest, the log is kept in memory. Any thread may call.
 class quiesce {
  public:
   using clock = std::chrono::steady_clock;
@@ -58,14 +58,14 @@ class quiesce {
   // longer, and rest_missed.
   bool at_rest(const std::string& who);
 
-  // Leaves, and blocks until the host is thawed. Throws quiesce_error, when that is done, if the
-  // host was not at rest until this member left. Only its first call counts.
+  // Leaves, and blocks until the host is thawed. Then throws quiesce_error if the host was not at
+  // rest until this member left. Further calls have no effect.
   void end(const std::string& who);
   // Ends the rest of all members without waiting.
   void thaw_now();
-  // Whether nothing is frozen by it any more.
+  // Whether it has thawed everything, or never froze anything.
   bool thawed();
-  // Whether everything is over, also the watch over processes that may still freeze something.
+  // Whether the freezer has ended, which may still wait for a process after the thaw.
   bool over();
 
   // The latest end of the rest; time_point::max() until the freezer has its turn.
@@ -98,7 +98,7 @@ class quiesce {
 
   const FreezerPlan plan_;
   std::optional<freezer_process> freezer_;
-  event left_;  // raised when nobody wants to hear any more
+  event destroyed_;  // ends the thread
   std::mutex mutex_;
   std::condition_variable on_thawed_;
   // All under mutex_.

@@ -12,9 +12,9 @@
 
 namespace vexo::tools {
 
-// A socket in the run directory, of this process alone, at which the agent says how it is to
-// whoever connects: one packet with its status, and the end. It asks for nothing and waits for
-// nobody, so no client can hold it up. Root and the group of the agent may connect.
+// A socket of this process in the run directory. A client that connects gets one packet with the
+// agent's status, and the connection is closed. Nothing is read from the client and nothing waits
+// for it, so that none can hold the agent up. Root and the agent's group may connect.
 class status_socket {
  public:
   // `describe` is called by a thread of this object. Removes the sockets of agents that have ended.
@@ -34,15 +34,15 @@ class status_socket {
   std::thread thread_;
 };
 
-// What one agent has answered.
+// The answer of one agent.
 struct agent_answer {
   int pid = 0;
   AgentStatus status;
   std::string error;  // why there is none: the agent is stopped, or hangs
 };
 
-// Asks every living agent of this run directory; each gets some seconds. Throws std::runtime_error
-// with a sentence for the user when it must not be asked.
+// Asks every living agent of this run directory, and waits some seconds for each. Throws
+// std::runtime_error with a sentence for the user when this user may not ask.
 std::vector<agent_answer> ask_agents(const std::string& run_dir);
 
 }  // namespace vexo::tools

@@ -13,8 +13,8 @@ namespace vexo::tools {
 
 namespace {
 
-// Has each appliance say itself whether it lists the agent. The agent does not ask: nothing that it
-// is asked may cost it, or a daemon that hangs, anything.
+// Asks each appliance whether it lists the agent. The agent does not ask for this itself, so that
+// no question for its status has to wait for an appliance.
 void ask_appliances(AgentStatus& status) {
   std::vector<std::jthread> threads;
   for (auto& one : *status.mutable_appliances()) {

@@ -115,7 +115,7 @@ bool subscription::confirm(subscribe_call& call) {
     agent_log().info(
         "connected to {} and subscribing as \"{}\"; asking within a minute whether it is listed",
         printable(appliance_->name()), printable(self_.plugin_id()));
-    if (wait_for(stop_, call.ended(), backoff_.until_look())) return true;
+    if (wait_for(stop_, call.ended(), backoff_.until_list_check())) return true;
   }
   listing found;
   int tries = 0;

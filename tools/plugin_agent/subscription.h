@@ -16,7 +16,7 @@
 namespace vexo::tools {
 
 // The agent's subscription at one appliance, from construction to destruction: when the call ends,
-// for whatever reason, it is made again. The log says what happens.
+// for whatever reason, it is made again. All of this is logged.
 class subscription {
  public:
   // `receive` is called on another thread, one command at a time, and must not block.
@@ -33,7 +33,7 @@ class subscription {
 
  private:
   struct attempt {
-    std::string text;  // what there is to say about its end
+    std::string text;  // why it has ended
     backoff::ending how = backoff::ending::unreachable;
     std::chrono::milliseconds held{};
   };
@@ -41,10 +41,10 @@ class subscription {
   void run();
   // Subscribes, and returns when that is over.
   attempt subscribe_once();
-  // Says how it ended, but the same thing only once a minute.
+  // Logs how it ended; the same text only once a minute.
   void report(const attempt& ended, std::chrono::milliseconds wait);
-  // Says in the log whether the daemon lists this host. False when it never will. Blocks for up to
-  // a minute when the host has come back.
+  // Logs whether the daemon lists this host. False when it never will. Blocks for up to a minute
+  // when the host subscribes again after a loss of the connection.
   bool confirm(subscribe_call& call);
   void leave(subscribe_call& call);
   // Blocks for `time`; true, at once, when the agent leaves.
@@ -55,7 +55,7 @@ class subscription {
   const subscribe_call::on_command receive_;
   backoff backoff_;
   subscription_state state_;
-  bool comes_back_ = false;  // perhaps with all the other hosts
+  bool comes_back_ = false;  // after a loss of the connection, perhaps with all other hosts
   std::string reported_;
   std::chrono::steady_clock::time_point reported_at_;
   event stop_;

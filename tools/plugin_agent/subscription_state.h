@@ -8,7 +8,7 @@
 
 namespace vexo::tools {
 
-// Whether a subscription stands, for those who ask. Any thread may call.
+// Whether a subscription stands. Any thread may call.
 class subscription_state {
  public:
   struct view {

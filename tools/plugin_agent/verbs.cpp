@@ -22,7 +22,7 @@ constexpr char kTakesOptions[] =
 
 constexpr verb_row kVerbs[] = {
     {"status",
-     "Asks the agent of this host how it is: subscriptions, what it freezes, handshakes, verdicts",
+     "Shows the state of the running agent: subscriptions, what it freezes, handshakes, verdicts",
      "plugin_agent status\n  plugin_agent status -o json", agent_options::need::run_dir,
      show_status},
     {"check",

@@ -14,9 +14,9 @@ struct designator {
   std::string id;           // hexadecimal in lower case, or text as the device writes it
 };
 
-// The two take the bytes of a page as the device has sent them, header included, and believe no
-// length in them. When the page is not whole, `problem` gets a phrase that says so, and what came
-// before that is returned.
+// Both functions take the bytes of a page as the device has sent them, with the header, and check
+// each length in them. Of an incomplete page they return what is there, and set `problem` to a
+// phrase.
 
 // The unit serial number of page 80h, without blanks and zeros around it.
 std::string decode_page_80(std::string_view page, std::string& problem);

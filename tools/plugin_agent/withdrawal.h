@@ -9,8 +9,8 @@
 namespace vexo::tools {
 
 // Takes a departure back: tells the daemon that the host is no longer at rest for this LUN, so that
-// the local caller, who asks again after the split, learns that the copy is not good. Told twice,
-// since a departure that was reported just before may reach the daemon after the first. Blocks for
+// the local caller, who asks again after the split, learns that the copy is not good. Tells it
+// twice, because a departure that was reported just before may arrive after the first. Blocks for
 // less than a second. False when the daemon did not answer.
 bool withdraw(service_stub& daemon, const std::string& lun, const std::string& plugin_id);
 

@@ -26,9 +26,10 @@ bool other_freezer::wake_or_kill() {
   const auto record = directory_.record();
   const bool is_known = record && is_of_this_boot(record->boot_id(), record->plan().run_dir());
   if (is_known && record->phase() == RestRecord::WATCHING) {
-    warn_once(pid,
-              "waits for processes of an earlier rest that may freeze something yet; no other rest "
-              "of this host begins before");
+    warn_once(
+        pid,
+        "waits for processes of an earlier rest that may still freeze something; no other rest "
+        "of this host begins before");
     return false;
   }
   if (!is_known && !is_emergency_) return true;

@@ -150,8 +150,8 @@ bool take_lock_from_other(event_loop& loop, run_directory& directory) {
       rest(loop, directory, std::move(*record)).thaw_file_systems();
     if (directory.lock_holder() <= 1 && !directory.try_lock()) {
       loop.agent.error(
-          "a process that is not to be seen from here, as in another container, has this host at "
-          "rest; run this where it runs");
+          "a process that cannot be seen from here, for example in another container, has "
+          "this host at rest; run this command there");
       return false;
     }
   }

@@ -173,7 +173,7 @@ void rest::start_thawing(volume& one) {
   };
   try {
     one.thawing = &loop_.programs.fork_call(call, [](pid_t) {});
-  } catch (const std::system_error&) {  // no process to be had
+  } catch (const std::system_error&) {  // no process can be started
     note_thaw(one, call());
   }
 }
@@ -212,7 +212,7 @@ std::vector<int> rest::run_thaw_hooks(const std::vector<int>& which) {
   for (const int index : std::vector<int>(which.rbegin(), which.rend())) {
     const auto& path = record_.plan().hooks(index).path();
     if (access(path.c_str(), X_OK) != 0 && !is_ours_) {
-      loop_.agent.warn("hook " + path + " of an earlier agent is not there to thaw");
+      loop_.agent.warn("hook " + path + " of an earlier agent is missing: its `thaw` is not run");
       continue;
     }
     runs.emplace_back(index, &start_hook(index, "thaw", timeout));
@@ -249,8 +249,8 @@ void rest::watch_unfinished() {
     std::string ids;
     for (const auto& one : left) ids.append(" ").append(std::to_string(one.pid));
     loop_.agent.warn(
-        "waiting for what may freeze or thaw something yet; no other rest of this host begins "
-        "before (process" +
+        "waiting for processes that may still freeze or thaw something; no other rest of this host "
+        "begins before (process" +
         ids + ")");
     record_.set_phase(RestRecord::WATCHING);
     record_.set_until(0);
@@ -263,7 +263,7 @@ void rest::watch_unfinished() {
       thaw_again();
       thaw_last_hook();
       thawed_at_ = clock::now();
-      loop_.agent.warn("what was waited for is gone; thawed again");
+      loop_.agent.warn("these processes have ended; thawed again");
       continue;
     }
     if (written != left.size()) {
@@ -283,7 +283,7 @@ void rest::watch_unfinished() {
   }
 }
 
-// And those that have failed.
+// Also runs the `thaw` hooks that have failed.
 void rest::thaw_last_hook() {
   const int last = record_.hooks_started() - 1;
   if (last >= 0 && std::count(failed_hooks_.begin(), failed_hooks_.end(), last) == 0) {

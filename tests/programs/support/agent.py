@@ -59,9 +59,9 @@ class Agent(Program):
 
 
 def go_to(step, call, hooks):
-    """Until the agent has reached the step, and hangs in it: in the hook 10-a, or waiting for the caller.
+    """Brings the agent to a step, where it stays: it waits for the hook 10-a, or for the local caller.
 
-    The announcement under way, which is not answered in "prepare".
+    Returns the call that announces the snapshot, which is not answered in "prepare".
     """
     in_hook = step in ("prepare", "freeze", "thaw")
     if in_hook:
@@ -95,9 +95,9 @@ exit 0
 
 
 class Hooks:
-    """A directory of hooks that say what they are told, and fail or block when asked to.
+    """A directory of hooks that note each run, and fail or block when a test wants it.
 
-    Each of them "freezes" by leaving a file behind.
+    Each of them "freezes" by creating a file, and "thaws" by removing it.
     """
 
     def __init__(self, *names):

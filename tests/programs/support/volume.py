@@ -35,10 +35,10 @@ def mount_image(image, path, kind="ext4", size="16M"):
 
 
 class Volume:
-    """ext4 on an image, mounted by loop, and a writer that has every write on the disk before the next.
+    """ext4 on an image, mounted by loop, and a thread that writes to it, each time to the disk.
 
-    Skips the test where there can be none. Whoever makes one ends it with close(). With `stalling` the
-    image lies where stall() can hold up whatever is written to it, until resume().
+    Skips the test where there can be none. End it with close(). With `stalling`, stall() holds up all
+    writes to the image until resume().
     """
 
     def __init__(self, path, stalling=False):
@@ -88,11 +88,11 @@ class Volume:
         return self._ioctl(_FITHAW)
 
     def wait_until_frozen(self):
-        """The writer has made no progress for some time."""
+        """Until the writer has made no progress for some time."""
         wait_until(lambda: self._stalled_for() >= _FROZEN)
 
     def wait_until_thawed(self):
-        """The writer makes progress."""
+        """Until the writer makes progress."""
         wait_until(lambda: self._stalled_for() < _FROZEN / 3)
 
     def longest_stall(self):

@@ -2,7 +2,7 @@
 # when the hook has ended, until `thaw`. Sourced; needs $state, a directory only the agent's user
 # may use.
 
-# The client reads a fifo that it holds open itself, so it meets no end of input.
+# The client holds the fifo that it reads open for writing too, so it never reads an end of file.
 is_held() {
   pid=$(cat "$state/pid" 2>/dev/null) && [ "/proc/$pid/fd/0" -ef "$state/in" ]
 }
@@ -27,8 +27,8 @@ wait_for_answer() {
   done
 }
 
-# end_session SQL: has the client run it and waits for its end; ends a client that does not listen.
-# No session, no freeze: that is done already, and no failure.
+# end_session SQL: has the client run it and waits for the client's end; kills one that does not end.
+# When there is no session, nothing is frozen, and this is no failure.
 end_session() {
   if is_held; then
     tell_session "$1"
