@@ -9,9 +9,10 @@ import signal
 import sys
 import time
 
+import grpc
 import pytest
 
-from support.calls import LUN, depart_done, init_snapshot, mirror_done
+from support.calls import LUN, depart_done, init_snapshot, mirror_done, wait_for_depart
 from support.program import PLUGIN_AGENT, SOURCE, Program, run
 from support.waiting import wait_until
 
@@ -86,6 +87,11 @@ def test_each_fault_is_found(fault, failed):
     assert (status, set(found)) == (1, set(failed.split())), found
 
 
+def test_a_plugin_of_which_nothing_could_be_tried_does_not_pass():
+    tried = check_plugin("--only", "two_luns", "--", *WRONG, "none", "{lun}", "{appliance}")
+    assert tried == (1, {}, {"two_luns"})
+
+
 @pytest.mark.parametrize("words, status, text", [
     (["true"], 2, "put -- before the COMMAND"),
     (["--", "true", "{apliance}"], 2, "{apliance} in COMMAND is none of {appliance}, {lun} and {lun2}"),
@@ -109,11 +115,12 @@ def test_the_package_refuses_what_is_no_address(appliance):
     ("the LUN is announced again", "the appliance has announced another snapshot"),
     ("the mirror fails", "the appliance has given up"),
     ("fails to freeze", "never"), ("hangs in its freeze", "the freeze took so long"),
-    ("freezes slowly", "the freeze took so long"), ("is told to stop twice", "the plugin was told to stop")])
+    ("freezes slowly", "the freeze took so long"), ("rests shortly", "the split took too long"),
+    ("is told to stop twice", "the plugin was told to stop")])
 def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon):
     daemon = start_daemon()
     in_freeze = "freeze" in what
-    plugin = Program(*WRONG, what if in_freeze else "none", LUN, "localhost")
+    plugin = Program(*WRONG, what if in_freeze or what == "rests shortly" else "none", LUN, "localhost")
     log.wait_for("Connected")
     daemon.call.wait_until_listed("me")
     if in_freeze:
@@ -133,11 +140,37 @@ def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon
             assert daemon.call.ask(depart_done(LUN))
         elif what == "is told to stop twice":
             wait_until(lambda: plugin.signal(signal.SIGTERM) or time.sleep(0.1) or not AT_REST_FILE.exists())
-        else:
+        elif what != "rests shortly":
             daemon.kill()
             start_daemon()
     plugin.wait_for_out(failure)
     assert not AT_REST_FILE.exists()
+    if what == "rests shortly":
+        with pytest.raises(grpc.RpcError):  # the departure was taken back
+            daemon.call.ask(wait_for_depart(LUN), timeout=0.5)
+
+
+def test_the_package_thaws_before_it_takes_part_again(daemon):
+    Program(*WRONG, "thaws slowly", LUN, "localhost")
+    daemon.call.wait_until_listed("me")
+    daemon.call.go_to_split()
+    assert daemon.call.ask(depart_done(LUN))
+    announced = daemon.call.begin(init_snapshot(LUN))
+    time.sleep(0.5)
+    assert not announced.done()
+    pathlib.Path("/tmp/may_go_on").touch()
+    assert announced.result().success
+
+
+def test_the_package_goes_on_when_there_was_no_thread_for_a_snapshot(log, daemon):
+    plugin = Program(*WRONG, "has no thread for its first snapshot", LUN, "localhost")
+    log.wait_for("Connected")
+    daemon.call.wait_until_listed("me")
+    unanswered = daemon.call.begin(init_snapshot(LUN))
+    plugin.wait_for_err("no part in the snapshot")
+    assert daemon.call.ask(depart_done(LUN, -1))
+    daemon.call.whole_handshake()
+    unanswered.cancel()
 
 
 def test_two_of_one_plugin_id_do_not_fight_at_full_speed(daemon):

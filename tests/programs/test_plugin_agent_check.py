@@ -63,7 +63,9 @@ def test_finds_what_is_wrong_with_appliances_and_luns(daemon):
         assert status == 1 and complaint in "".join(found for _, found in wrong.values())
         assert f"LUN {LUN}" not in wrong, "another appliance supports it"
     daemon.stop()
-    assert "does not answer" in check()[1]["appliance 127.0.0.1:3265"][1]
+    wrong = check()[1]
+    assert "does not answer" in wrong["appliance 127.0.0.1:3265"][1]
+    assert wrong[f"LUN {LUN}"][0] == "WARNING"
     waiting = Program(PLUGIN_AGENT, "check", "--appliance", "127.0.0.1", "--lun", LUN)
     waiting.signal(signal.SIGINT)
     assert waiting.wait() in (5, -signal.SIGINT)  # the second before it takes care of signals

@@ -77,12 +77,14 @@ def test_killed_at_any_step_the_host_is_thawed_at_once(daemon, volume, hooks, st
 @pytest.mark.parametrize("step", STEPS)
 def test_stopped_at_any_step_the_host_is_thawed_at_the_limit(daemon, volume, hooks, start_freezer, go_to,
                                                              start_over, step):
-    agent = start_freezer("--hooks", hooks.path, "--hook-timeout", "5")
+    agent = start_freezer("--hooks", hooks.path, "--hook-timeout", "60")
     volume.longest_stall()
     go_to(step)
     agent.stop()
     if step != "thaw":
         time.sleep(LONGEST_STALL)
+    if step == "freeze":
+        wait_until(lambda: "10-a thaw" in hooks.take_runs())
     hooks.unblock()
     volume.wait_until_thawed()
     hooks.wait_until_thawed("10-a")

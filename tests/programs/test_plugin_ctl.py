@@ -99,7 +99,7 @@ CALLING_VERBS = [each.split() for each in (
 
 @pytest.mark.parametrize("is_up, options, status, next_step", [
     (False, [], "UNAVAILABLE", "see that scsi_plugin_server"),
-    (True, ["--timeout", "0.2"], "DEADLINE_EXCEEDED", "ask again in 20 s"),
+    (True, ["--timeout", "0.2"], "DEADLINE_EXCEEDED", "allow it 20 s longer"),
 ])
 def test_says_what_to_do_without_an_answer(start_daemon, plugin_ctl, is_up, options, status, next_step):
     verbs = CALLING_VERBS

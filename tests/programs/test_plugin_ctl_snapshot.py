@@ -110,6 +110,7 @@ def test_ends_what_it_began(log, daemon, snapshot, options, host, interrupted_in
 def test_goes_on_without_a_host_when_it_is_told_to(log, daemon, snapshot):
     refused = snapshot("--split", "touch /tmp/was_split")
     assert refused.wait() == 1 and not os.path.exists("/tmp/was_split")
+    assert "no host is subscribed" in verdict(refused)["reason"]
     mistyped = snapshot(lun=LUN.upper())
     assert mistyped.wait() == 1 and "nothing was announced" in mistyped.err
     assert log.count("Init snapshots broadcast") == 0
@@ -193,7 +194,7 @@ class RefusingDaemon(PluginServiceServicer):
     (signal.SIGINT, 0.3, "a handshake for this LUN is under way"),  # a signal waits for the refusal
     (0, 1.1, "no host answered with start_mirror"),
 ])
-def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, number, pause, err):
+def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, plugin_ctl, number, pause, err):
     daemon = RefusingDaemon()
     serve(daemon)
     tool = snapshot("-t", TCP)
@@ -205,6 +206,8 @@ def test_a_no_at_once_is_a_refusal_and_a_later_one_a_missing_host(snapshot, numb
     assert err in tool.err
     (asked, time_left), = daemon.asked
     assert asked == "init_snapshot_req" and time_left > 60
+    assert plugin_ctl("publish", "init-snapshot", "--p80", LUN, "-t", TCP).status == 1
+    assert daemon.asked[-1][1] > 60
 
 
 @pytest.mark.parametrize("command, step, all_outcomes", [

@@ -100,7 +100,8 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
     """While the host is still at rest; one that hangs holds up the thaw for a second, and never past the
     deadline."""
     def command(name):
-        return ["/bin/sh", "-c", f"touch /tmp/{name}; dd of={volume.path}/{name} oflag=sync count=1 </dev/zero"]
+        write = f"dd of={volume.path}/{name} oflag=sync count=1 </dev/zero; touch /tmp/written_{name}"
+        return ["/bin/sh", "-c", f"({write}) & sleep 0.1; [ -e /tmp/written_{name} ] || touch /tmp/{name}; wait"]
     freezer = Freezer(volume.path, command=command("a"))
     for name in ("c", "b"):
         freezer.ask(join={"name": name.encode(), "command": [os.fsencode(word) for word in command(name)]})
@@ -268,12 +269,14 @@ def test_a_freezer_that_hangs_is_waited_for_until_its_limit_only(volume, start_a
     limit = int((time.monotonic() + (60 if is_emergency else 2)) * 1000)
     lines = [f"until: {limit}" if line.startswith("until:") else line for line in record.splitlines()]
     RECORD.write_text("\n".join(lines))
-    hung = Program(sys.executable, "-c", "import fcntl, signal, time; signal.signal(signal.SIGTERM, signal.SIG_IGN);"
-                   "lock = open('/run/plugin_agent/lock', 'r+');"
+    hung = Program(sys.executable, "-c", "import fcntl, signal, time;"
+                   "signal.signal(signal.SIGTERM, signal.SIG_IGN); lock = open('/run/plugin_agent/lock', 'r+');"
                    "fcntl.lockf(lock, fcntl.LOCK_EX); print('locked', flush=True); time.sleep(600)")
     hung.wait_for_out("locked")
-    agent = Program(PLUGIN_FREEZER, "--thaw") if is_emergency else start_agent("--fs", volume.path, serves=False)
-    if not is_emergency:
+    if is_emergency:
+        agent = Program(PLUGIN_FREEZER, "--thaw")
+    else:
+        agent = start_agent("--fs", volume.path, serves=False)
         agent.wait_for_err(f"freezer {hung.pid} has this host at rest; waiting for at most ")
     agent.wait_for_err(f"freezer {hung.pid} hangs; it is killed")
     volume.wait_until_thawed()
@@ -329,7 +332,8 @@ def test_the_record_leads_to_a_file_system_wherever_it_is_mounted(volume, way):
     elif way == "damaged record":
         RECORD.write_text(RECORD.read_text() + "cut o")
     elif way == "without the right":
-        assert "Operation not permitted" in run("setpriv", "--bounding-set=-sys_admin", PLUGIN_FREEZER, "--thaw").err
+        refused = run("setpriv", "--bounding-set=-sys_admin", PLUGIN_FREEZER, "--thaw")
+        assert refused.status == 4 and "Operation not permitted" in refused.err
         assert RECORD.exists()
     else:
         assert run("umount", "--lazy", volume.path).status == 0

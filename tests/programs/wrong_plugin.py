@@ -14,7 +14,7 @@ from scsi_plugin import Answer, GivenUp, HostPlugin, Limits, daemon, handshake, 
 AT_REST = pathlib.Path("/tmp/at_rest")
 MAY_GO_ON = pathlib.Path("/tmp/may_go_on")
 LIMITS = {"never withdraws": Limits(rest=4.5, hold=1), "hangs in its freeze": Limits(rest=1, hold=0.5),
-          "freezes slowly": Limits(rest=60, hold=59.9)}
+          "freezes slowly": Limits(rest=60, hold=59.9), "rests shortly": Limits(rest=3, hold=1)}
 
 
 class Plugin(HostPlugin):
@@ -37,10 +37,14 @@ def freeze_and_refuse(_, snapshot):
     refuse()
 
 
-def freeze_until_told(_, snapshot):
-    AT_REST.touch()
+def wait_until_told(*_):
     while not MAY_GO_ON.exists():
         time.sleep(0.01)
+
+
+def freeze_until_told(_, snapshot):
+    AT_REST.touch()
+    wait_until_told()
 
 
 def ask_or_end(self, method, request, timeout):
@@ -84,6 +88,13 @@ def unsubscribe_and_end(self, at_once):
     os._exit(0)
 
 
+def start_but_for_one_snapshot(self):
+    if self.name.startswith("snapshot of") and not hasattr(threading, "refused"):
+        threading.refused = True
+        raise RuntimeError("can't start new thread")
+    start_thread(self)
+
+
 class Everything:
     def __contains__(self, lun):
         return True
@@ -92,8 +103,10 @@ class Everything:
 Handshake, Subscription, Daemon = handshake.Handshake, subscription.Subscription, daemon.Daemon
 ask_daemon, ask, stands = Daemon._ask, Handshake._ask, Handshake._stands
 start_mirror, growing, begin = Handshake._start_mirror, handshake._growing, Subscription._begin
+start_thread = threading.Thread.start
 FAULTS = {  # what is put in the place of what
     "none": [],
+    "rests shortly": [],
     "comes by IPv6": (daemon, "ipv4_target", lambda appliance: appliance),
     "never answers": (Plugin, "prepare", refuse),
     "starts the mirror again and again": (Handshake, "_ask", start_before_asking),
@@ -106,6 +119,7 @@ FAULTS = {  # what is put in the place of what
     "fails to freeze": (Plugin, "freeze", freeze_and_refuse),
     "hangs in its freeze": (Plugin, "freeze", freeze_until_told),
     "freezes slowly": (Plugin, "freeze", freeze_until_told),
+    "thaws slowly": (Plugin, "thaw", wait_until_told),
     "does not freeze": (Plugin, "freeze", lambda *_: None),
     "waits to be told the end": (Handshake, "_stands", wait_to_be_told),
     "never thaws": (Plugin, "thaw", lambda *_: None),
@@ -123,6 +137,7 @@ FAULTS = {  # what is put in the place of what
         ("grpc.keepalive_time_ms", 1000), ("grpc.http2.max_pings_without_data", 0),
         ("grpc.http2.min_ping_interval_without_data_ms", 1000),
         ("grpc.http2.min_time_between_pings_ms", 1000)]),
+    "has no thread for its first snapshot": (threading.Thread, "start", start_but_for_one_snapshot),
     "forgets its promise at SIGTERM": (Subscription, "stop", unsubscribe_and_end),
 }
 

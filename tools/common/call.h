@@ -81,7 +81,6 @@ std::vector<outcome<Response>> call_all(
   event news;
   enum { closed, open, given_up };
   std::atomic<int> gate = closed;  // no call begins before all have their threads
-  std::deque<detail::call_under_way<Response>> calls;
   const auto start = steady_clock::now();
   const auto run = [&](auto& call, const Request& request) {
     gate.wait(closed);
@@ -91,6 +90,7 @@ std::vector<outcome<Response>> call_all(
     call.ended = true;
     news.raise();
   };
+  std::deque<detail::call_under_way<Response>> calls;  // its threads use all of the above
   try {
     for (const Request& request : requests) {
       auto& call = calls.emplace_back();

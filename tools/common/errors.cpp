@@ -31,6 +31,7 @@ std::string group_of(const std::filesystem::path& path) {
 std::string next_step_without_socket(const std::string& path) {
   if (access(path.c_str(), W_OK) != 0 && errno == EACCES) {
     const std::string group = group_of(path);
+    if (group == "root") return "only root may open that socket: call it again as root";
     return "only root and the members of the group " + group +
            " may open that socket: `usermod --append --groups " + group +
            " USER`, and USER logs in again";
@@ -47,9 +48,9 @@ std::string next_step(const endpoint& where, grpc::StatusCode code) {
       return "see that scsi_plugin_server runs there and that no firewall closes port " +
              std::to_string(where.port) + ", or name another endpoint with --target";
     case grpc::StatusCode::DEADLINE_EXCEEDED:
-      return "ask again in 20 s, or allow it longer with --timeout: the daemon waits so long at "
-             "most for a host that has stalled. If `plugin_ctl probe` finds no answer then either, "
-             "the daemon hangs, and plugin_guard restarts it (`plugin_guard --status`)";
+      return "allow it 20 s longer with --timeout: the daemon waits so long at most for a host "
+             "that has stalled. If `plugin_ctl probe` finds no answer then either, the daemon "
+             "hangs, and plugin_guard restarts it (`plugin_guard --status`)";
     case grpc::StatusCode::CANCELLED:
       return "the daemon does not know this command: compare its version with this program's";
     case grpc::StatusCode::UNIMPLEMENTED:

@@ -23,6 +23,9 @@ using seconds_t = std::chrono::duration<double>;
 
 constexpr char kDepartDone[] = "depart_done";
 constexpr char kNo[] = "the daemon's answer is no (success: false)";
+constexpr char kIfNoHost[] =
+    "start the plugin of the host that uses this LUN; `plugin_ctl list` shows it then. `--no-host "
+    "crash-consistent` takes a copy without one";
 constexpr char kSyslogName[] = "scsi-plugin-snapshot";
 
 bool is_yes(const outcome<PluginCmdResp>& result) {
@@ -89,7 +92,9 @@ void snapshot::step(const std::string& name, std::size_t lines,
     }
   }
   for (auto& it : steps) {
-    if (it.seconds() == 0) it.set_seconds(seconds_t(clock::now() - start).count());
+    if (it.seconds() == 0 && it.outcome() != SnapshotStep::NOT_RUN) {
+      it.set_seconds(seconds_t(clock::now() - start).count());
+    }
     report_.ended(it);
   }
 }
@@ -158,15 +163,19 @@ snapshot::lun_calls snapshot::init_snapshot() {
 
 void snapshot::judge_init(SnapshotStep& step, member& of, const answer& result) {
   of.must_end_task = !result.answered() || result.response.success();
-  const bool nobody_answered = result.answered() && result.took > kRefusalTime;
+  const bool nobody_answered = result.took > kRefusalTime;
+  const bool is_alone = !nobody_answered && hosts_.nobody_was_listed();
+  const std::string why_no = nobody_answered ? "no host answered"
+                             : is_alone      ? "no host is subscribed"
+                                             : "";
   if (options_.goes_on_without_host && result.answered() && !result.response.success() &&
-      (hosts_.nobody_was_listed() || nobody_answered)) {
+      !why_no.empty()) {
     of.has_host = false;
     step.set_outcome(SnapshotStep::SKIPPED);
-    step.set_reason(nobody_answered ? "no host answered" : "no host is subscribed");
+    step.set_reason(why_no);
     return;
   }
-  judge(step, result, next_after_refused_init(of.lun, result.took));
+  judge(step, result, is_alone ? kIfNoHost : next_after_refused_init(of.lun, result.took), why_no);
   if (!result.answered()) of.init_given_up_after = result.took;
 }
 
@@ -360,15 +369,17 @@ call_options snapshot::host_wait(const std::string& step) {
   return options;
 }
 
-bool snapshot::judge(SnapshotStep& step, const answer& result, const std::string& if_refused) {
+bool snapshot::judge(SnapshotStep& step, const answer& result, const std::string& if_refused,
+                     const std::string& why_refused) {
   const std::string tried = "Publish " + step.step() + "_req";
   if (is_yes(result)) return true;
   if (result.abandoned) {
     step.set_outcome(SnapshotStep::INTERRUPTED);
     step.set_reason("given up: another LUN of the group failed");
   } else if (result.answered()) {
-    fail(step, SnapshotStep::FAILED, kNo,
-         {exit_code::refused, tried + " at " + with_.where.text, kNo, if_refused});
+    const std::string no = why_refused.empty() ? kNo : kNo + (": " + why_refused);
+    fail(step, SnapshotStep::FAILED, no,
+         {exit_code::refused, tried + " at " + with_.where.text, no, if_refused});
   } else if (result.interrupted) {
     fail(step, SnapshotStep::INTERRUPTED, "a signal came during the wait",
          with_.interrupted(tried, "call it again"));

@@ -82,8 +82,10 @@ class snapshot {
   void judge_wait(SnapshotStep& step, member& of, const answer& result);
   // Says in failure_ when the daemon will have given up the announcements that this run gave up.
   void advise_when_to_repeat();
-  // Sets the outcome of `step` from the answer to its call. True when the daemon said yes.
-  bool judge(SnapshotStep& step, const answer& result, const std::string& if_refused);
+  // Sets the outcome of `step` from the answer to its call. True when the daemon said yes. After a
+  // no, `if_refused` is what to do, and `why_refused` the reason if it is known.
+  bool judge(SnapshotStep& step, const answer& result, const std::string& if_refused,
+             const std::string& why_refused = "");
 
   // Throws tool_error when the daemon says that it does not support one of the LUNs, which is also
   // its answer for one that it does not know. When the user allows a copy without a host, that is

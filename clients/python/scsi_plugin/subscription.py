@@ -98,8 +98,8 @@ class Subscription:
         self._news.clear()
         ended = threading.Event()
         reader = threading.Thread(target=self._read, args=(stream, ended))
-        reader.start()
         try:
+            reader.start()
             if is_listed := self._is_listed(daemon, looks):
                 while not ended.is_set() and not self._stop.is_set():
                     self._news.wait()
@@ -111,7 +111,8 @@ class Subscription:
                 if not ended.wait(_STREAM_END if answered else 0):
                     stream.cancel()
                     daemon.unsubscribe(self._client)
-            reader.join()
+            if reader.ident is not None:  # it was started
+                reader.join()
         if not is_listed:
             return "it does not list this host: somebody unsubscribed it as it subscribed", True
         if stream.code() is grpc.StatusCode.OK:
@@ -166,7 +167,14 @@ class Subscription:
 
         thread = threading.Thread(target=run, name=f"snapshot of {lun}", daemon=True)
         self._handshakes[lun] = (handshake, thread)
-        thread.start()
+        try:
+            thread.start()
+        except RuntimeError as error:  # no thread to be had
+            _log.error("%s: no part in the snapshot of LUN %s: %s", self._appliance, lun, error)
+            if before is not None:
+                self._handshakes[lun] = before
+            else:
+                del self._handshakes[lun]
 
     def _ask(self, timeout: float = CALL_TIMEOUT, **fields: Any) -> Answer:
         daemon = self._daemon
