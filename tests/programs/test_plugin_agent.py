@@ -58,6 +58,7 @@ def test_says_what_is_wrong_with_its_file_and_in_which_line():
     for text, complaint in (
             ('lun = [\n"L"\n', ":2: Error while parsing array"),  # no closing bracket
             ('lun = "L\nverbose = true\n', ":1: Error while parsing string"),
+            ('lun = 1a2b3c4d-5e6f\n', ":1: Error while parsing date: expected 4-digit year, saw 'a'; text stands in quotes"),
             ('lun = "L"\nlun = "M"\n', ":2: Error while parsing key-value pair: cannot redefine"),
             ('\n[agent]\nlun = "L"\n', ':2: "agent" is a section'),
             ('\n\nappliances = "nas"\n', ':3: no option is called "appliances"'),

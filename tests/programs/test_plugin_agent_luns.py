@@ -125,4 +125,4 @@ def test_check_compares_the_luns_with_the_disks(volume):
     assert found(LUN) == [("WARNING", f"is /dev/sda, and {volume.path} on it is not frozen")]
     for naa in (SEEN_NAA, LUN_NAA):  # the latter is the daemon's
         assert [result for result, _ in found(naa, "--fs", volume.path)] == ["WARNING", "OK"]
-    assert found("other") == [("WARNING", "is no SCSI disk of this host")]
+    assert found("other") == [("WARNING", "not found among this host's SCSI disks by page 80h or 83h")]

@@ -69,7 +69,7 @@ def test_refuses_to_begin_while_the_host_is_at_rest(daemon, hooks, start_agent):
 
 
 def test_says_what_is_wrong_with_its_options(hooks):
-    for options, complaint in (([], "neither --hooks nor --fs is given"),
+    for options, complaint in (([], "plugin_agent.toml is not there"), (["--lun", "L"], "neither --hooks nor --fs is given"),
                                (["--hooks", hooks.path, "--seconds", "9", "--max-freeze", "9"], "--seconds is not less"),
                                (["--hooks", hooks.path, "--seconds", "61"], "is no number from 0 to 60"),
                                (["--fs", "relative"], "is no absolute path")):

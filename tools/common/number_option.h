@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
+#include <limits>
 #include <sstream>
 #include <string>
 
@@ -12,6 +13,7 @@ namespace vexo::tools {
 // accepts "nan".
 inline CLI::Validator number_between(double least, double most) {
   std::ostringstream range;
+  range.precision(std::numeric_limits<double>::digits10);  // 2592000, not 2.592e+06
   range << least << " to " << most;
   return {[least, most, text = range.str()](const std::string& given) -> std::string {
             double number = 0;

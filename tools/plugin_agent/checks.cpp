@@ -1,15 +1,22 @@
 #include "plugin_agent/checks.h"
 
 #include <linux/capability.h>
+#include <spdlog/fmt/fmt.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <system_error>
 
 #include "common/errors.h"
 #include "common/lun_naa.h"
+#include "common/split_time.h"
 #include "common/subscribe_call.h"
 #include "common/text.h"
 #include "plugin_agent/appliance.h"
@@ -74,6 +81,16 @@ void check_freezer(const agent_options& options, findings& found) {
   }
 }
 
+std::string left_to_undo(const RestRecord& record) {
+  std::vector<std::string> all;
+  for (const auto& one : record.file_systems()) {
+    all.push_back("file system " + one.mount_point() + " may be frozen");
+  }
+  if (record.hooks_started() > 0) all.emplace_back("hooks whose thaw has not succeeded");
+  if (record.processes_size() > 0) all.emplace_back("a process that may freeze something yet");
+  return all.empty() ? "nothing that can be read" : joined(all);
+}
+
 void check_run_directory(const agent_options& options, findings& found) {
   const std::string what = "run directory " + options.run_dir;
   try {
@@ -82,8 +99,10 @@ void check_run_directory(const agent_options& options, findings& found) {
     const pid_t holder = directory.lock_holder();
     if (holder > 0) {
       found.ok(what, "freezer " + std::to_string(holder) + " has this host at rest");
-    } else if (directory.record()) {
-      found.fail(what, "an earlier freeze is on record, and nobody thaws it", kThaw);
+    } else if (const auto record = directory.record()) {
+      found.fail(what,
+                 "an earlier rest is on record, and nobody thaws it: " + left_to_undo(*record),
+                 kThaw);
     } else {
       found.ok(what, "can be written to, and nothing is on record as frozen");
     }
@@ -127,6 +146,25 @@ void check_what_is_frozen(const agent_options& options, findings& found) {
   }
 }
 
+void check_limits(const agent_options& options, findings& found) {
+  constexpr auto kNeeded = kMaxSplit + kConfirmTime;
+  if (options.hold > kNeeded) return;
+  found.warn("--hold",
+             fmt::format("is {:g} s, and the appliance may need {} s: its --max-split of {} s, "
+                         "unless changed, and {} s to confirm",
+                         std::chrono::duration<double>(options.hold).count(), kNeeded.count(),
+                         kMaxSplit.count(), kConfirmTime.count()),
+             "lengthen --max-freeze, of which --hold is two thirds unless given");
+}
+
+void check_metrics(const agent_options& options, findings& found) {
+  if (options.metrics.empty()) return;
+  const auto folder = std::filesystem::absolute(options.metrics).parent_path();
+  if (access(folder.c_str(), W_OK) == 0) return;
+  found.warn("--metrics", folder.string() + ": " + std::generic_category().message(errno),
+             "make that directory, or name another file: the agent runs without metrics");
+}
+
 void check_agent(const agent_options& options, findings& found) {
   const std::string next = "start it: \"systemctl start scsi-plugin-agent\"";
   try {
@@ -141,7 +179,7 @@ void check_agent(const agent_options& options, findings& found) {
       }
     }
   } catch (const std::runtime_error& error) {
-    found.warn("agent", error.what(), "ask as root or as a member of its group");
+    found.warn("agent", error.what(), "run as root");
   }
 }
 
@@ -228,6 +266,8 @@ void check_host(const agent_options& options, findings& found) {
   check_freezer(options, found);
   check_run_directory(options, found);
   check_what_is_frozen(options, found);
+  check_limits(options, found);
+  check_metrics(options, found);
   check_agent(options, found);
 }
 
@@ -292,9 +332,8 @@ void check_luns(const agent_options& options, const std::vector<appliance_findin
     if (disk != disks.end()) {
       check_disk(options, lun, *disk, found);
     } else {
-      found.warn(what, "is no SCSI disk of this host",
-                 "see \"plugin_agent luns\"; a UUID that only the appliance knows cannot be seen "
-                 "here");
+      found.warn(what, "not found among this host's SCSI disks by page 80h or 83h",
+                 "see \"plugin_agent luns\"; a UUID cannot be found this way");
     }
   }
 }

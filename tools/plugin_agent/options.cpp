@@ -222,7 +222,7 @@ bool is_for_the_service(const agent_options& options, const words& given) {
   using need = agent_options::need;
   return (options.needs == need::freezing || options.needs == need::all_unchecked) &&
          given.appliances.empty() && !given.hooks_dir && options.luns.empty() &&
-         options.mount_points.empty() && access(kServiceFile, F_OK) == 0;
+         options.mount_points.empty();
 }
 
 }  // namespace
@@ -280,7 +280,14 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
   };
   try {
     app.parse(argc, argv);
-    if (!given.config && is_for_the_service(options, given)) given.config = kServiceFile;
+    if (!given.config && is_for_the_service(options, given)) {
+      if (access(kServiceFile, F_OK) != 0) {
+        throw std::invalid_argument(
+            "no option says what the agent serves and freezes, and the service's file " +
+            std::string(kServiceFile) + " is not there; name another one with --config");
+      }
+      given.config = kServiceFile;
+    }
     if (given.config) file.read(*given.config, app);
     convert(options, given);
     return options;

@@ -62,7 +62,8 @@ void options_file::read(const std::string& path, CLI::App& app) {
   try {
     table = toml::parse(contents(path), path);
   } catch (const toml::parse_error& error) {
-    throw std::invalid_argument(place(path, error.source().begin.line) + error.what());
+    throw std::invalid_argument(place(path, error.source().begin.line) + error.what() +
+                                "; text stands in quotes, as in lun = [\"ID\"]");
   }
   for (const auto& [toml_key, value] : table) {
     const std::string key(toml_key.str());

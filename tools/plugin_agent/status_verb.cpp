@@ -102,8 +102,7 @@ exit_code show_status(const agent_options& options, interrupt& /*stop*/) {
   } catch (const std::runtime_error& error) {
     throw tool_error(
         {exit_code::failed, tried, error.what(),
-         "root and the agent's group may ask; an agent with another --run-dir is asked "
-         "with the same"});
+         "run it as root; for an agent with another --run-dir, give that --run-dir here too"});
   }
   if (answers.empty()) {
     throw tool_error({exit_code::unreachable, tried, "no agent is running",

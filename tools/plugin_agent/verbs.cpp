@@ -16,6 +16,10 @@ struct verb_row {
   exit_code (*run)(const agent_options& options, interrupt& stop);
 };
 
+constexpr char kTakesOptions[] =
+    "The agent's own options may be given too (plugin_agent --help). Without --appliance, --lun,\n"
+    "--hooks and --fs it takes those of the service: /etc/plugin_agent/plugin_agent.toml.\n\n";
+
 constexpr verb_row kVerbs[] = {
     {"status",
      "Shows the state of the running agent: subscriptions, what it freezes, handshakes, verdicts",
@@ -43,8 +47,10 @@ void add_verbs(CLI::App& app, agent_options& options) {
   app.require_subcommand(0, 1);
   app.fallthrough();  // the options may stand behind the verb too
   for (const verb_row& row : kVerbs) {
+    const std::string takes_options =
+        row.needs == agent_options::need::run_dir ? "" : kTakesOptions;
     CLI::App* const verb = app.add_subcommand(row.name, row.description);
-    verb->footer(std::string("Example:\n  ") + row.example);
+    verb->footer(takes_options + std::string("Example:\n  ") + row.example);
     verb->add_option_function<std::string>(
             "-o,--output",
             [&options](const std::string& text) {

@@ -28,9 +28,6 @@ constexpr char kIfNoHost[] =
     "crash-consistent` takes a copy without one";
 constexpr char kSyslogName[] = "scsi-plugin-snapshot";
 
-// A departure that stands is confirmed at once.
-constexpr milliseconds kConfirmTime{2000};
-
 bool is_yes(const outcome<PluginCmdResp>& result) {
   return result.answered() && result.response.success();
 }
@@ -251,11 +248,11 @@ snapshot::lun_calls snapshot::confirm() {
       return;
     }
     const std::string reason = "the host did not stay at rest until the split was over";
-    fail(
-        step, SnapshotStep::FAILED, reason,
-        {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
-         "do not use the copy; the host's own record says why its rest ended. Without a record its "
-         "agent was killed"});
+    fail(step, SnapshotStep::FAILED, reason,
+         {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
+          "do not use the copy; the verdict in the host's log says why its rest ended. There is "
+          "none "
+          "when the agent was killed"});
   };
   return calls;
 }

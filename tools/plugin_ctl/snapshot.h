@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/split_time.h"
 #include "lun_group.h"
 #include "session.h"
 #include "snapshot_hosts.h"
@@ -18,7 +19,7 @@ struct snapshot_options {
   lun_group luns;
   std::string mirror;  // shell commands; empty when there is nothing to run
   std::string split;
-  std::chrono::milliseconds max_split = std::chrono::seconds(15);
+  std::chrono::milliseconds max_split = kMaxSplit;
   std::vector<std::string> hosts;  // that must be listed throughout
   bool goes_on_without_host = false;
 };

@@ -13,7 +13,7 @@ struct command_line {
   std::vector<std::string> p80;
   std::string group;
   handshake common;  // from the other options: for the one LUN, or for all
-  double max_split = 15;
+  double max_split = kMaxSplit.count();
   std::string no_host = "fail";
   snapshot_options options;
 };
