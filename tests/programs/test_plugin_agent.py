@@ -403,7 +403,7 @@ class HastyDaemon(PluginServiceServicer):
         return Empty()
 
     def PluginConnList(self, request, context):
-        return PluginClientList(list=[PluginClient(plugin_id="host")])
+        return PluginClientList(list=[PluginClient()])
 
     def LunOp(self, request, context):
         self.departures += request.HasField("depart_relation_req")
@@ -412,4 +412,5 @@ class HastyDaemon(PluginServiceServicer):
 
 def test_hears_the_result_of_the_split_that_follows_the_no(start_agent):
     serve(HastyDaemon())
-    assert start_agent().record()["reason"] == "the appliance reports result 7 of the split"
+    agent = start_agent("--plugin-id", "")
+    assert agent.record()["reason"] == "the appliance reports result 7 of the split"

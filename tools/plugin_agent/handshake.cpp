@@ -35,8 +35,8 @@ constexpr milliseconds kFreezerLook{200};
 constexpr int kCheckPolls = 45;
 constexpr milliseconds kLeastCheck{5000};
 constexpr milliseconds kMostCheck{45000};
-// Between the appliance's no to a departed host and its word of the split's result. The daemon
-// sends that first, but on another stream.
+// Between the daemon's no to a departed host and the result of the split, which it sends first, but
+// on another stream.
 constexpr milliseconds kResultTime{1000};
 constexpr char kOf[] = " of ";  // in the name of a member of a rest: the LUN, then the appliance
 constexpr int kMostTries = 3;   // to come to rest, each with a freezer of its own
@@ -139,7 +139,7 @@ void handshake::take_part() {
     take_figures();
     throw;
   }
-  hear_result();
+  if (options_.plugin_id.empty()) hear_result();
   verdict_ = verdict();
 }
 
