@@ -175,6 +175,17 @@ def test_the_package_goes_on_when_there_was_no_thread_for_a_snapshot(log, daemon
     unanswered.cancel()
 
 
+def test_the_package_leaves_no_registration_of_a_lost_stream_behind(log, daemon):
+    plugin = Program(*WRONG, "none", LUN, "localhost")
+    daemon.call.wait_until_listed("me")
+    run("ss", "--kill", "--tcp", "state", "established", "sport", "=", ":3265")
+    plugin.wait_for_err("subscribing again in")
+    plugin.signal(signal.SIGTERM)
+    assert plugin.wait() == 0
+    assert not daemon.call.ask(init_snapshot(LUN), timeout=10)
+    log.wait_for("Plugin list is empty")
+
+
 def test_two_of_one_plugin_id_do_not_fight_at_full_speed(daemon):
     for plugin in [Program(*WRONG, "none", LUN, "localhost") for _ in range(2)]:
         wait_until(lambda: plugin.err.count("subscribing again in") > 1)

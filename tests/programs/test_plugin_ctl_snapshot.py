@@ -224,6 +224,18 @@ def test_says_that_a_task_may_be_left_when_the_daemon_dies(daemon, snapshot, com
     assert "`plugin_ctl publish depart-done" in ended.err
 
 
+def test_ends_the_handshake_when_the_connection_comes_back(daemon, snapshot):
+    host = HostPlugin(daemon)
+    tool = snapshot("-t", "127.0.0.7", "--timeout", "60", "--split",
+                    "nft 'table inet cut { chain out { type filter hook output priority 0;"
+                    "ip daddr 127.0.0.7 tcp dport 3265 reject with tcp reset; }; }'; ss --kill --tcp dst 127.0.0.7")
+    tool.wait_for_out("confirm")
+    assert run("nft", "delete", "table", "inet", "cut").status == 0
+    assert tool.wait() != 0
+    assert outcomes(tool) == "DONE SKIPPED DONE DONE DONE FAILED DONE"
+    assert host.told(LUN) != 0 and not task_is_there(daemon)
+
+
 def test_ends_the_handshake_even_if_nobody_reads_the_report(daemon, snapshot):
     host = HostPlugin(daemon)
     reader, writer = os.pipe()
