@@ -251,8 +251,7 @@ snapshot::lun_calls snapshot::confirm() {
     fail(step, SnapshotStep::FAILED, reason,
          {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
           "do not use the copy; the verdict in the host's log says why its rest ended; there is "
-          "none if "
-          "the agent was killed"});
+          "none if the agent was killed"});
   };
   return calls;
 }
