@@ -35,7 +35,7 @@ def test_links_lead_somewhere():
 def options_of(program, *verbs):
     """The options in the --help of a program and of its verbs, by verb: "" is the program itself."""
     text = run(program, *verbs, "--help").out
-    options = {" ".join(verbs): set(re.findall(r"(?:^ +(?:-\w,)?|\[)(--[a-z][a-z0-9-]*)", text, re.M))}
+    options = {" ".join(verbs): set(re.findall(r"(?:^ {1,9}(?:-\w,)?|\[)(--[a-z][a-z0-9-]*)", text, re.M))}
     below = re.search(r"^Subcommands:\n((?:  .*\n)+)", text, re.M)
     for verb in re.findall(r"^  ([a-z-]+) ", below[1], re.M) if below else ():
         options |= options_of(program, *verbs, verb)

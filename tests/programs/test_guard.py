@@ -212,7 +212,7 @@ def test_refuses_options_that_do_not_fit_together():
     ('{"state":"O', 0, 3, "is no guard's status", 3),
     (None, 0, 3, "Is a directory", 3),
 ])
-def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err, checked):
+def test_nothing_is_known_unless_a_living_guard_says_it(text, age, status, err, checked):
     if text is None:
         pathlib.Path(STATUS_FILE).mkdir()
     else:
@@ -220,7 +220,7 @@ def test_is_down_unless_a_living_guard_says_otherwise(text, age, status, err, ch
     os.utime(STATUS_FILE, 2 * (time.time() - age,))
     ended = run(PLUGIN_GUARD, "--status", "--status-file", STATUS_FILE)
     assert ended.status == status
-    assert err in ended.err
+    assert err in ended.err and ("UNKNOWN" in ended.out) == (checked == 3)
     ended = run(PLUGIN_GUARD, "--check", "--status-file", STATUS_FILE)
     word = ("OK", "WARNING", "CRITICAL", "UNKNOWN")[checked]
     assert (ended.status, ended.out.count("\n")) == (checked, 1)

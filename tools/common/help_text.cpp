@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <limits>
 #include <sstream>
 #include <string_view>
 #include <vector>
@@ -97,7 +96,7 @@ std::string wrapped_help(const std::string& help, std::size_t width) {
 std::size_t terminal_width() {
   winsize size = {};
   const bool is_known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  return is_known ? size.ws_col : std::numeric_limits<std::size_t>::max();
+  return is_known ? size.ws_col : 100;
 }
 
 }  // namespace vexo::tools

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace vexo::tools {
 
@@ -12,9 +13,20 @@ namespace vexo::tools {
 // too long, descriptions of options go on in their own column, examples stay as they are.
 std::string wrapped_help(const std::string& help, std::size_t width);
 
-// Columns of the terminal on stdout. Without a terminal, as for the programs that read --help, more
-// than any line has.
+// Columns of the terminal on stdout. Without a terminal, as for a pager, 100.
 std::size_t terminal_width();
+
+// What is wrong with a command line, without the parser's "1 required ... missing".
+inline std::string parser_complaint(const CLI::ParseError& error) {
+  const std::string text = error.what();
+  const std::string_view count = ": 1 required ";
+  const std::string_view missing = " missing";
+  const auto at = text.find(count);
+  if (at == text.npos || !text.ends_with(missing)) return text;
+  const auto value = at + count.size();
+  return text.substr(0, at) + " needs a value, " +
+         text.substr(value, text.size() - value - missing.size());
+}
 
 // Makes --help fit the terminal, also that of verbs that are added later.
 inline void wrap_help(CLI::App& app) {

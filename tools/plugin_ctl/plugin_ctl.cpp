@@ -71,12 +71,20 @@ std::string understood(const CLI::App& app) {
   return text;
 }
 
+bool has_option(const CLI::App& app, const std::string& name) {
+  const auto verbs = app.get_subcommands();
+  return verbs.empty() ? app.get_option_no_throw(name) != nullptr
+                       : has_option(*verbs.front(), name);
+}
+
 // What is wrong with the command line. The parser complains of a missing verb even when the mistake
 // is a word that it does not know.
 std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
   const auto not_understood = app.remaining(true);
-  if (not_understood.empty()) return error.what();
-  return "\"" + not_understood.front() + "\" is not understood";
+  if (not_understood.empty()) return parser_complaint(error);
+  const std::string& first = not_understood.front();
+  const bool is_lun = !first.starts_with("-") && has_option(app, "--p80");
+  return "\"" + first + "\" is not understood" + (is_lun ? ": give a LUN with --p80" : "");
 }
 
 // The help of a verb does not explain the options of all verbs.

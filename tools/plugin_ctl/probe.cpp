@@ -34,6 +34,11 @@ std::vector<endpoint> chosen_endpoints(const session& with, const probe_options&
   return chosen;
 }
 
+// The endpoint may serve others.
+bool is_closed_to_this_user(const ProbedEndpoint& probed) {
+  return probed.error().find("Permission denied") != std::string::npos;
+}
+
 shown_text as_line(const ProbeReport& report) {
   shown_text line;
   for (const ProbedEndpoint& probed : report.endpoints()) {
@@ -44,7 +49,8 @@ shown_text as_line(const ProbeReport& report) {
       std::snprintf(text.data(), text.size(), " answers in %.1f ms", probed.seconds() * 1000);
       line += printable(text.data());
     } else {
-      line += " DOWN (" + printable(probed.error()) + ")";
+      const char* const word = is_closed_to_this_user(probed) ? "NOT OPEN TO THIS USER" : "DOWN";
+      line += " " + printable(word) + " (" + printable(probed.error()) + ")";
     }
   }
   return line;
@@ -67,6 +73,9 @@ exit_code probe(session& with, const probe_options& options) {
     probed.set_answers(result.answered());
     probed.set_seconds(result.took.count());
     if (!result.answered()) probed.set_error(status_text(result.status));
+    if (is_closed_to_this_user(probed)) {
+      say(call_problem("PluginConnList", where, result.status).text());
+    }
     all_answer = all_answer && result.answered();
   }
   print((with.format == output_format::json ? to_json(report) : as_line(report)) + "\n");

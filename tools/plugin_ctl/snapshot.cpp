@@ -248,10 +248,11 @@ snapshot::lun_calls snapshot::confirm() {
       return;
     }
     const std::string reason = "the host did not stay at rest until the split was over";
-    fail(step, SnapshotStep::FAILED, reason,
-         {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
-          "do not use the copy; the verdict in the host's log says why its rest ended; there is "
-          "none if the agent was killed"});
+    fail(
+        step, SnapshotStep::FAILED, reason,
+        {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
+         "do not use the copy; the host's own record says why its rest ended. Without a record its "
+         "agent was killed"});
   };
   return calls;
 }
@@ -315,7 +316,7 @@ void snapshot::command_step(const std::string& name, const std::string& command,
     } else if (result.timed_out) {
       fail(it, SnapshotStep::FAILED, result.reason,
            {exit_code::failed, tried, result.reason,
-            "make it shorter, since the hosts stand still meanwhile, or allow it longer with "
+            "make it shorter, since the hosts are at rest meanwhile, or allow it longer with "
             "--max-split; that has to stay below each host's --hold"});
     } else {
       fail(it, SnapshotStep::FAILED, result.reason,

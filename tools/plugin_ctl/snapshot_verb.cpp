@@ -66,11 +66,12 @@ void add_snapshot_verb(CLI::App& app, session& with) {
       "runs\n"
       "the split command, asks the daemon whether they were at rest until then, and ends the\n"
       "handshake, also when something fails or Ctrl-C ends it. Exit code 0 means that the copy is\n"
-      "good. The commands are run by /bin/sh with the LUNs' identifiers in VEXO_SRC_LUN_P80,\n"
-      "VEXO_SRC_LUN_P83, VEXO_SRC_LUN_UUID, VEXO_DST_LUN_UUID, VEXO_DST_LUN_P80 and\n"
-      "VEXO_DST_LUN_P83 (lists separated by spaces for several LUNs) and a JSON file of all in\n"
-      "VEXO_GROUP; their output goes to stderr. From the end of the wait to the end of the split\n"
-      "the hosts' applications stand still: keep the split short",
+      "consistent, or crash-consistent where --no-host allows that. The commands are run by\n"
+      "/bin/sh with the LUNs' identifiers in VEXO_SRC_LUN_P80, VEXO_SRC_LUN_P83,\n"
+      "VEXO_SRC_LUN_UUID, VEXO_DST_LUN_UUID, VEXO_DST_LUN_P80 and VEXO_DST_LUN_P83 (lists\n"
+      "separated by spaces for several LUNs) and a JSON file of all in VEXO_GROUP; their output\n"
+      "goes to stderr. From the end of the wait to the end of the split the hosts are at rest:\n"
+      "keep the split short",
       "plugin_ctl snapshot --p80 1a2b3c4d-5e6f-7a8b-9c0d-e1f2a3b4c5d6 \\\n"
       "    --mirror 'lvcreate --snapshot ...' --split 'lvconvert --splitmirrors 1 ...'\n"
       "plugin_ctl snapshot --group luns.json --split ./split-all",
@@ -104,9 +105,10 @@ void add_snapshot_verb(CLI::App& app, session& with) {
   add_text(*verb, "--host", given->options.hosts,
            "A host that must be listed from the announcement to the confirmation (repeatable)")
       ->type_name("ID");
-  verb->add_option("--no-host", given->no_host,
-                   "When no host is subscribed, or none answers: fail, or run the commands all the "
-                   "same")
+  verb->add_option(
+          "--no-host", given->no_host,
+          "When no host is subscribed, or none answers, or the daemon does not know the LUN "
+          "(a mistyped one too): fail, or run the commands all the same")
       ->check(CLI::IsMember({"fail", "crash-consistent"}))
       ->capture_default_str();
 }

@@ -27,7 +27,8 @@ CLI::App* add_verb(CLI::App& parent, session& with, const std::string& name,
                    const std::string& description, const std::string& example,
                    std::function<exit_code()> run) {
   CLI::App* const verb = parent.add_subcommand(name, description);
-  verb->footer("Example:\n" + indented(example));
+  verb->footer("Global options, as -t, --timeout and -o: plugin_ctl --help\n\nExample:\n" +
+               indented(example));
   verb->callback([&with, run = std::move(run)] { with.action = run; });
   return verb;
 }

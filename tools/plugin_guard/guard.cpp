@@ -66,6 +66,12 @@ void guard::run() {
          std::chrono::duration<double>(options_.interval).count(),
          options_.may_kill ? "restarts" : "would restart",
          std::chrono::duration<double>(options_.fail_after).count());
+  if (options_.status_file.empty()) {
+    syslog(LOG_NOTICE,
+           "writes no status for --status and --check: %s cannot be written here; "
+           "--status-file names another",
+           kStatusFile);
+  }
   while (!stop_.requested()) {
     watch_.step();
     follow_process();
@@ -121,7 +127,8 @@ void guard::judge(std::vector<finding> found) {
   judged_ = true;
   status_.set_state(state);
   status_.set_error(error);
-  const pid_t pid = watch_.process() ? watch_.process()->pid() : 0;
+  const auto& process = watch_.process();
+  const pid_t pid = process && process->alive() ? process->pid() : 0;
   if (state != GuardStatus::OK) {
     const std::string host = last_pushed_host();
     complain(error + (pid > 0 ? " [process " + std::to_string(pid) + ": " + open_files(pid) +

@@ -155,6 +155,8 @@ exit_code show_status(const command_line& given) {
   const GuardStatus status = read_status(given.status_file).status;
   if (given.output == "json") {
     print(to_json(status) + "\n");
+  } else if (status.state() == GuardStatus::UNKNOWN) {
+    print("STATE\nUNKNOWN\n");
   } else {
     table rows({"STATE", "SINCE", "HOSTS", "SWEEPS", "RESTARTS", "LAST ERROR"});
     rows.add({GuardStatus::State_Name(status.state()), status.since(),
@@ -199,7 +201,7 @@ int run(int argc, char** argv) {
   } catch (const CLI::Success& help_or_version) {
     return app.exit(help_or_version);
   } catch (const CLI::ParseError& error) {
-    say(printable(error.what()) + "\n  next:      see plugin_guard --help");
+    say(printable(parser_complaint(error)) + "\n  next:      see plugin_guard --help");
     return code_of_wrong_usage(argc, argv);
   }
   if (given.check) return show_check(given);

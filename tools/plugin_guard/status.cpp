@@ -22,7 +22,10 @@ using std::chrono::system_clock;
 
 found_status nothing_known(const std::string& why) {
   found_status found;
-  found.status.set_error(why + ", so nothing is known of the daemon");
+  found.status.set_state(GuardStatus::UNKNOWN);
+  found.status.set_error(why +
+                         ", so nothing is known of the daemon: start the guard (systemctl start "
+                         "scsi-plugin-guard), or name its --status-file");
   found.is_valid = false;
   return found;
 }
