@@ -10,7 +10,7 @@ import pytest
 
 from support.calls import (LUN, OTHER_LUN, depart_done, init_snapshot, mirror_done, start_mirror,
                            wait_for_depart)
-from support.program import PLUGIN_CTL, Program
+from support.program import PLUGIN_AGENT, PLUGIN_CTL, Program, run
 from support.waiting import wait_until
 
 
@@ -71,6 +71,8 @@ def test_a_latecomer_joins_while_there_is_time(daemon, hooks, start, hold, runs)
     other = daemon.call.begin(wait_for_depart(OTHER_LUN))
     if runs == 1:
         assert other.result().success
+    else:
+        wait_until(lambda: '"step":"turn"' in run(PLUGIN_AGENT, "status", "-o", "json").out)
     assert daemon.call.ask(depart_done(LUN))
     assert other.result().success
     assert daemon.call.ask(depart_done(OTHER_LUN))

@@ -3,6 +3,7 @@
 #include <spdlog/fmt/fmt.h>
 
 #include <algorithm>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -76,8 +77,12 @@ handshake::handshake(const agent_options& options, host_rests& rests,
 
 void handshake::run() {
   try {
-    agent_log().info("LUN {}: snapshot announced by {}", printable(lun()),
-                     printable(appliance_->name()));
+    if (appliance_->is_played()) {
+      agent_log().info("rehearsal begins");
+    } else {
+      agent_log().info("LUN {}: snapshot announced by {}", printable(lun()),
+                       printable(appliance_->name()));
+    }
     news_.wait_or_give_up(clock::now());
     take_part();
   } catch (const std::exception& error) {
@@ -257,10 +262,13 @@ void handshake::enter_rest() {
 bool handshake::is_at_rest() { return rest_->at_rest(plan_.member().name()); }
 
 void handshake::come_to_rest() {
-  step_ = "freeze";
   for (int tries = 1;; ++tries) {
     try {
-      while (!is_at_rest()) news_.wait_or_give_up(rest_->deadline());
+      while (!is_at_rest()) {
+        const auto deadline = rest_->deadline();
+        step_ = deadline == clock::time_point::max() ? "turn" : "freeze";
+        news_.wait_or_give_up(deadline);
+      }
       release_prepared();
       return;
     } catch (const rest_missed&) {
@@ -341,9 +349,10 @@ std::string handshake::verdict() const {
 
 void handshake::write_record() {
   for (const auto& run : runs_) {
-    if (!run.output().empty()) {
+    std::istringstream output(run.output());
+    for (std::string line; std::getline(output, line);) {
       agent_log().info("hook {} {}: {}", printable(run.name()), printable(run.phase()),
-                       printable(run.output()));
+                       printable(line));
     }
   }
   HandshakeRecord record;

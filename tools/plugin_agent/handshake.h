@@ -77,8 +77,8 @@ class handshake {
   void come_to_rest();
   void depart();
   void hold();
-  // For the subscriber without a name, the only one that the daemon tells the split's result. Throws
-  // given_up when the split has failed.
+  // For the subscriber without a name, the only one that the daemon tells the split's result.
+  // Throws given_up when the split has failed.
   void hear_result();
   std::string verdict() const;
   void write_record();

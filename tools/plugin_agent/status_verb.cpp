@@ -100,9 +100,8 @@ exit_code show_status(const agent_options& options, interrupt& /*stop*/) {
   try {
     answers = ask_agents(options.run_dir);
   } catch (const std::runtime_error& error) {
-    throw tool_error(
-        {exit_code::failed, tried, error.what(),
-         "run it as root; for an agent with another --run-dir, give that --run-dir here too"});
+    throw tool_error({exit_code::failed, tried, error.what(),
+                      "for an agent with another --run-dir, give that --run-dir here too"});
   }
   if (answers.empty()) {
     throw tool_error({exit_code::unreachable, tried, "no agent is running",

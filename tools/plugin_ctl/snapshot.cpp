@@ -250,9 +250,8 @@ snapshot::lun_calls snapshot::confirm() {
     const std::string reason = "the host did not stay at rest until the split was over";
     fail(step, SnapshotStep::FAILED, reason,
          {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
-          "do not use the copy; the verdict in the host's log says why its rest ended. There is "
-          "none "
-          "when the agent was killed"});
+          "do not use the copy; the verdict in the host's log says why its rest ended, unless its "
+          "agent was killed"});
   };
   return calls;
 }
