@@ -46,8 +46,10 @@ def summary(rounds):
     the rounds have more than one sample each."""
     def summed_up(of_rounds):
         samples = list(itertools.chain(*of_rounds))
-        return {"rounds": [statistics.median(each) for each in of_rounds],
-                "p99": statistics.quantiles(samples, n=100)[98] if len(samples) > len(of_rounds) else None}
+        p99 = None
+        if len(samples) > len(of_rounds):
+            p99 = statistics.quantiles(samples, n=100, method="inclusive")[98]
+        return {"rounds": [statistics.median(each) for each in of_rounds], "p99": p99}
 
     return {measure: {server: summed_up(of_rounds) for server, of_rounds in of.items()}
             for measure, of in rounds.items()}

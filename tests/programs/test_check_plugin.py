@@ -125,7 +125,8 @@ def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon
     daemon.call.wait_until_listed("me")
     if in_freeze:
         assert daemon.call.ask(init_snapshot(LUN)) and daemon.call.ask(mirror_done(LUN))
-        wait_until(AT_REST_FILE.exists) if what != "fails to freeze" else None
+        if what != "fails to freeze":
+            wait_until(AT_REST_FILE.exists)
         if what == "hangs in its freeze":
             wait_until(lambda: not AT_REST_FILE.exists())
         time.sleep(0.2)
@@ -141,6 +142,7 @@ def test_the_package_says_how_a_handshake_ended(what, failure, log, start_daemon
         elif what == "is told to stop twice":
             wait_until(lambda: plugin.signal(signal.SIGTERM) or time.sleep(0.1) or not AT_REST_FILE.exists())
         elif what != "rests shortly":
+            wait_until(lambda: log.count("Depart relation start") > 1)  # its departure was answered
             daemon.kill()
             start_daemon()
     plugin.wait_for_out(failure)

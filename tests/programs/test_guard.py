@@ -41,12 +41,17 @@ def test_sweeps_killed_hosts_before_the_next_broadcast(supervisor, start_guard, 
         host.kill()
     for plugin_id in ids:
         guard.wait_for_err(f'swept "{plugin_id}"')
+    late = start_agent("--plugin-id", "late")
+    wait_until(lambda: reported("hosts") == 2)
+    late.kill()
+    guard.wait_for_err('swept "late"')
+    assert guard.err.count('swept "') == 4, "each once"
     supervisor.call.whole_handshake()
-    wait_until(lambda: [reported(key) for key in ("hosts", "sweeps", "restarts")] == [1, 3, 0])
+    wait_until(lambda: [reported(key) for key in ("hosts", "sweeps", "restarts")] == [1, 4, 0])
     metrics = pathlib.Path("/tmp/guard.prom")
-    wait_until(lambda: {"scsi_plugin_guard_hosts 1", "scsi_plugin_guard_sweeps_total 3",
-                        'scsi_plugin_guard_state{state="ok"} 1'} <= {*metrics.read_text().splitlines()})
-    assert guard.err.count('swept "') == 3
+    wait_until(lambda: {"scsi_plugin_guard_hosts 1", "scsi_plugin_guard_sweeps_total 4",
+                        'scsi_plugin_guard_state{state="ok"} 1',
+                        'scsi_plugin_guard_state{state="down"} 0'} <= {*metrics.read_text().splitlines()})
     seconds = re.search(r'state_seconds_total{state="ok"} ([\d.]+)', metrics.read_text())[1]
     assert float(seconds) > 0
     assert max(most_sockets) <= 3, "two connections, and the system log"

@@ -248,11 +248,10 @@ snapshot::lun_calls snapshot::confirm() {
       return;
     }
     const std::string reason = "the host did not stay at rest until the split was over";
-    fail(
-        step, SnapshotStep::FAILED, reason,
-        {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
-         "do not use the copy; the host's own record says why its rest ended. Without a record its "
-         "agent was killed"});
+    fail(step, SnapshotStep::FAILED, reason,
+         {exit_code::refused, "Publish wait_for_depart_req at " + with_.where.text, reason,
+          "do not use the copy; the verdict in the host's log says why its rest ended, unless its "
+          "agent was killed"});
   };
   return calls;
 }
