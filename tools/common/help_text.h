@@ -18,7 +18,7 @@ std::size_t terminal_width();
 
 // What is wrong with a command line, without the parser's "1 required ... missing".
 inline std::string parser_complaint(const CLI::ParseError& error) {
-  const std::string text = error.what();
+  std::string text = error.what();
   const std::string_view count = ": 1 required ";
   const std::string_view missing = " missing";
   const auto at = text.find(count);

@@ -21,7 +21,8 @@ std::string time_text(std::chrono::system_clock::time_point when);
 // As replace_file().
 void write_status(const std::string& path, const GuardStatus& status);
 
-// What a guard wrote there. When there is no valid status, the state is UNKNOWN, and `error` says why.
+// What a guard wrote there. When there is no valid status, the state is UNKNOWN, and `error` says
+// why.
 struct found_status {
   GuardStatus status;
   bool is_valid = true;
