@@ -38,7 +38,7 @@ def test_finds_what_is_wrong_on_this_host(daemon, hooks):
             (["--fs", "/none"], "file system /none", "FAILURE", "No such file or directory"),
             (["--fs", "/proc"], "file system /proc", "FAILURE", "type proc cannot be frozen"),
             (["--run-dir", "/proc/none"], "run directory /proc/none", "FAILURE", "cannot be used"),
-            (["--max-freeze", "20"], "--hold", "WARNING", "is 13.333 s, and the appliance may need 17 s"),
+            (["--max-freeze", "20"], "--hold", "WARNING", "is 13.333 s, and the appliance may need 18 s"),
             (["--metrics", "/none/agent.prom"], "--metrics", "WARNING", "/none: No such file"),
             ([], "what is frozen", "WARNING", "neither --fs nor --hooks"),
             ([], "agent", "WARNING", "none is running")):

@@ -147,13 +147,12 @@ void check_what_is_frozen(const agent_options& options, findings& found) {
 }
 
 void check_limits(const agent_options& options, findings& found) {
-  constexpr auto kNeeded = kMaxSplit + kConfirmTime;
-  if (options.hold > kNeeded) return;
+  if (options.hold > kLeastHold) return;
   found.warn("--hold",
-             fmt::format("is {:g} s, and the appliance may need {} s: its --max-split of {} s, "
-                         "unless changed, and {} s to confirm",
-                         std::chrono::duration<double>(options.hold).count(), kNeeded.count(),
-                         kMaxSplit.count(), kConfirmTime.count()),
+             fmt::format("is {:g} s, and the appliance may need {} s: its --max-split, {} s unless "
+                         "given, and {} s",
+                         std::chrono::duration<double>(options.hold).count(), kLeastHold.count(),
+                         kMaxSplit.count(), (kLeastHold - kMaxSplit).count()),
              "lengthen --max-freeze, of which --hold is two thirds unless given");
 }
 

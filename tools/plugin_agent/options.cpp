@@ -295,8 +295,8 @@ std::optional<agent_options> parse_agent_options(int argc, char** argv, exit_cod
     app.exit(help_or_version);
     end = exit_code::done;
     return std::nullopt;
-  } catch (const CLI::Error& error) {
-    return complain(error, exit_code::usage);
+  } catch (const CLI::ParseError& error) {
+    return complain(std::invalid_argument(parser_complaint(error)), exit_code::usage);
   } catch (const std::invalid_argument& error) {
     return complain(error, exit_code::usage);
   } catch (const std::exception& error) {
