@@ -94,7 +94,7 @@ def test_the_last_member_to_leave_ends_the_rest(volume):
 
 
 @pytest.mark.parametrize("cause, reason", [
-    ("deadline", b"the host was thawed at the limit of 2 s"), ("agent gone", None), ("signal", b"by a signal"),
+    ("deadline", b"the host was thawed at the limit of 4 s"), ("agent gone", None), ("signal", b"by a signal"),
     ("killed", None)])
 def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, reason):
     """While the host is still at rest; one that hangs holds up the thaw for a second, and never past the
@@ -102,11 +102,12 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
     def command(name):
         write = f"dd of={volume.path}/{name} oflag=sync count=1 </dev/zero; touch /tmp/written_{name}"
         return ["/bin/sh", "-c", f"({write}) & sleep 0.1; [ -e /tmp/written_{name} ] || touch /tmp/{name}; wait"]
-    freezer = Freezer(volume.path, command=command("a"))
+    freezer = Freezer(volume.path, command=command("a"), max_freeze=4000)
     for name in ("c", "b"):
         freezer.ask(join={"name": name.encode(), "command": [os.fsencode(word) for word in command(name)]})
         freezer.report("joined")
     freezer.ask(leave=b"c")
+    wait_until(lambda: 'name: "c"' not in RECORD.read_text())
     volume.wait_until_frozen()
     volume.longest_stall()
     if cause == "agent gone":
@@ -120,7 +121,7 @@ def test_commands_run_before_a_thaw_that_nobody_has_asked_for(volume, cause, rea
         assert reason in freezer.report("thawed").reason
     volume.wait_until_thawed()
     assert [pathlib.Path(f"/tmp/{name}").exists() for name in "abc"] == [True, True, False]
-    assert volume.longest_stall() < 2 + 3 * SLACK
+    assert volume.longest_stall() < 4 + 3 * SLACK
     assert freezer.wait() in (0, -signal.SIGKILL)
 
 
