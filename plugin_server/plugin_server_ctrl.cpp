@@ -257,7 +257,7 @@ void PluginServerCtrl::handle_cmd_depart_done(const PluginCmd& request, PluginCm
   const auto task = find_task(key);
   if (!task) {
     PLUGIN_LOG(LOG_ERR, 278, "Task not exists: [%s]", key.c_str());
-    response->set_success(true);  // a handshake that is gone is over
+    response->set_success(true);  // what is gone has departed
     return;
   }
   // Without client_mutex, so that a broadcast to a slow host does not delay the handshake's end.
