@@ -127,11 +127,15 @@ class Hooks:
     def wait_until_blocked(self):
         wait_until((self._state / "blocked").exists)
 
-    def take_runs(self):
-        """What was run since this was last asked, in order: ["10-app prepare", "10-app freeze"]."""
+    def runs(self):
+        """What was run, in order: ["10-app prepare", "10-app freeze"]."""
         runs = self._state / "runs"
-        lines = runs.read_text().splitlines() if runs.exists() else []
-        runs.unlink(missing_ok=True)
+        return runs.read_text().splitlines() if runs.exists() else []
+
+    def take_runs(self):
+        """What was run since this was last called. Not while a hook may be starting."""
+        lines = self.runs()
+        (self._state / "runs").unlink(missing_ok=True)
         return lines
 
     def is_frozen(self, name):
