@@ -3,17 +3,16 @@
 #include <toml++/toml.h>
 
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <exception>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
+
+#include "common/whole_file.h"
 
 namespace vexo::tools {
 
@@ -25,9 +24,7 @@ std::string place(const std::string& path, std::uint32_t line) {
 
 std::string contents(const std::string& path) {
   try {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw std::system_error(errno, std::generic_category());
-    return {std::istreambuf_iterator<char>(file), {}};  // throws std::ios_base::failure
+    return read_file(path);
   } catch (const std::system_error& error) {
     throw std::invalid_argument(path + " cannot be read: " + error.code().message());
   }
