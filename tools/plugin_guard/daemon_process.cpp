@@ -17,6 +17,8 @@ extern "C" {
 #include <sys/pidfd.h>  // of glibc 2.36: does not say itself that it is C
 }
 
+#include "common/child_process.h"
+
 namespace vexo::tools {
 
 namespace {
@@ -26,7 +28,7 @@ constexpr std::chrono::seconds kEndTime{5};
 std::string errno_text() { return std::generic_category().message(errno); }
 
 unique_fd open_process(pid_t pid) {
-  unique_fd fd(pidfd_open(pid, 0));
+  unique_fd fd(open_pidfd(pid));
   if (!fd) throw std::runtime_error("process " + std::to_string(pid) + ": " + errno_text());
   return fd;
 }
